@@ -1,0 +1,46 @@
+#include "engine/KyRequestMutex.h"
+
+#include <sched.h>
+
+namespace {
+
+// A poll holds the mutex for some microseconds; a thread that sleeps in the kernel is back after fifty or
+// more.
+constexpr int kTriesBeforeSleeping = 200;
+
+// Yielding costs some tenths of a microsecond: this bounds the monitor's patience to a few milliseconds.
+constexpr int kYieldsToOthers = 10000;
+
+}  // namespace
+
+// A mutex that could not be initialised keeps its static initialiser, with which it works as well.
+KyRequestMutex::KyRequestMutex() : m_creationError(pthread_mutex_init(&m_mutex, nullptr)) {}
+
+KyRequestMutex::~KyRequestMutex() {
+    pthread_mutex_destroy(&m_mutex);
+}
+
+void KyRequestMutex::Lock() {
+    if (pthread_mutex_trylock(&m_mutex) == 0) return;
+    m_waiting.fetch_add(1);
+    if (!TryLockForAMoment()) pthread_mutex_lock(&m_mutex);
+    m_waiting.fetch_sub(1);
+}
+
+bool KyRequestMutex::TryLockForAMoment() {
+    for (int i = 0; i < kTriesBeforeSleeping; ++i) {
+        if (pthread_mutex_trylock(&m_mutex) == 0) return true;
+        sched_yield();
+    }
+    return false;
+}
+
+void KyRequestMutex::LockBehindOthers() {
+    for (int i = 0; i < kYieldsToOthers && m_waiting.load() > 0; ++i)
+        sched_yield();
+    pthread_mutex_lock(&m_mutex);
+}
+
+void KyRequestMutex::Unlock() {
+    pthread_mutex_unlock(&m_mutex);
+}

@@ -1,0 +1,52 @@
+#ifndef ENGINE_KYTFERCLIENTCONSTANTS_H
+#define ENGINE_KYTFERCLIENTCONSTANTS_H
+
+/// What the engine's sources share: the device's points, the values of the request point, limits and texts.
+/// Internal to the engine.
+namespace ky_engine {
+
+/// Source name of every log line of the engine, whichever of its files writes it.
+constexpr char kSource[] = "KyTferClient";
+
+/// Points of the device.
+constexpr unsigned short PNT_MON_AGENT_INFO = 6459;        ///< identity of the agent at each module index
+constexpr unsigned short PNT_SERVER_MIN_VERSION = 8596;    ///< lowest protocol version of the device
+constexpr unsigned short PNT_SERVER_MAX_VERSION = 8597;    ///< highest protocol version of the device
+constexpr unsigned short PNT_CLIENT_MIN_VERSION = 8598;    ///< lowest protocol version of the card
+constexpr unsigned short PNT_CLIENT_MAX_VERSION = 8599;    ///< highest protocol version of the card
+constexpr unsigned short PNT_SERVER_MAX_FILE_SIZE = 8600;  ///< largest file that the device accepts
+constexpr unsigned short PNT_CLIENT_MAX_FILE_SIZE = 8601;  ///< largest file that the card accepts
+constexpr unsigned short PNT_CLIENT_FILE_REQ = 8602;       ///< requests of the card and the device's answers
+constexpr unsigned short PNT_XFER_FILE_NAME = 8603;        ///< name of the file being pushed
+constexpr unsigned short PNT_XFER_FILE_SIZE = 8604;        ///< size of the file being transferred
+constexpr unsigned short PNT_DMP_SUPPORTED = 8631;         ///< whether the device supports the USB transport
+constexpr unsigned short PNT_MAX_USB_SPEED = 8632;  ///< 2 or less: full speed or lower; 3 or more: high
+
+/// Values of PNT_CLIENT_FILE_REQ.
+constexpr char kRequestNone[] = "NONE";
+constexpr char kRequestDirectory[] = "DIRREQ";
+constexpr char kRequestReady[] = "READY";
+constexpr char kRequestSuccess[] = "SUCCESS";
+constexpr char kRequestError[] = "ERROR";
+
+/// Time-outs of point writes, in the proxy's unit.
+constexpr unsigned int kStringWriteTimeout = 1000;
+constexpr unsigned int kUint32WriteTimeout = 5000;
+
+/// Status of an operation on an engine that has no proxy, whose proxy threw, or that ran out of memory.
+constexpr int kNoProxy = -1;
+constexpr int kProxyThrew = -2;
+constexpr int kNoMemory = -3;
+constexpr char kOutOfMemory[] = "Out of memory";
+
+/// Directory of the platform's file server; files to push are staged in it.
+constexpr char kPldServerDir[] = "/var/local/tal/pldserver";
+
+/// Texts that more than one flow uses.
+constexpr char kNotInitialized[] = "LOGIC ERROR - KyTferRespClient not initialized";
+constexpr char kInProgress[] = "Transaction already in progress";
+constexpr char kNothingToReport[] = "In Progress - No progress to report";
+
+}  // namespace ky_engine
+
+#endif

@@ -1,0 +1,217 @@
+// File fetch: the request, the worker that brings the file, and the monitor that watches it arrive.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "engine/KyTferClientConstants.h"
+#include "engine/KyTransferMonitor.h"
+#include "platform/KyDlog.h"
+
+using namespace ky_engine;
+
+namespace {
+
+constexpr char kRequestFunction[] = "GetFileFromDevRequest";
+constexpr char kWorkerFunction[] = "GetFileFromDevice";
+constexpr char kLeaveSuccess[] = "Leave success";
+constexpr long long kFetchLimitSeconds = 180;
+
+// True if a file of that name would not lie in the directory that the name is appended to. Names of listing
+// files are the device's; none may lead to the card's own files.
+bool LeavesItsDirectory(const std::string& name) {
+    const std::string path = "/" + name + "/";
+    return path.find("/../") != std::string::npos;
+}
+
+}  // namespace
+
+/// What the worker has read from the record when it began.
+struct KyTferClient::FetchJob {
+    unsigned long long transaction = 0;
+    std::string name;
+    std::string landingPath;
+    unsigned int expectedSize = 0;
+};
+
+KyTferStatusMsg KyTferClient::GetFileFromDevRequest(const std::string& fileName, int fileSize) {
+    const KyEngineThreads::Call call(m_threads);
+    if (!call || m_pldProxy == nullptr) return Refuse(kRequestFunction, kNotInitialized);
+    try {
+        KyTferStatusMsg result(512);
+        const unsigned long long transaction =
+            AcceptFetch(fileName, static_cast<unsigned int>(fileSize), result);
+        if (transaction == 0) return Refuse(kRequestFunction, kInProgress);
+        m_threads.Start(KyEngineThreads::MONITOR, MonitorGetFileThreadStart, this, transaction,
+                        m_getFileMonitorThread);
+        MaiStringSend(fileName, PNT_CLIENT_FILE_REQ);
+        return result;
+    } catch (...) {
+        return Refuse(kRequestFunction, kOutOfMemory);
+    }
+}
+
+// Returns the new transaction's number, or 0, with nothing changed, if another one is in progress.
+unsigned long long KyTferClient::AcceptFetch(const std::string& fileName, unsigned int fileSize,
+                                             KyTferStatusMsg& result) {
+    const std::string landingDir = GetCardReceiveFileDirectory();
+    KyRequestLock lock(m_requestMutex);
+    if (m_status.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS) return 0;
+    // What can run out of memory comes first: a record must not be in progress with nobody to end it.
+    m_status.SetFilePath(landingDir);
+    m_status.SetXferFileName(fileName);
+    m_status.SetBytesRequested(fileSize);
+    SetRequestType(KyTferStatusMsg::TFER_REQ_GET_FILE);
+    m_xferFileSize = fileSize;
+    result = m_status;
+    result.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
+    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
+    return BeginTransaction();
+}
+
+void* KyTferClient::GetFileFromDevThreadStart(void* engine) {
+    return RunThread(engine, "t-getFileWorker", &KyTferClient::GetFileFromDevice);
+}
+
+void KyTferClient::GetFileFromDevice() {
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kWorkerFunction, "Enter");
+    FetchJob job;
+    if (BeginFetch(job)) {
+        __dlog_printfex(KY_DLOG_NOTICE, kSource, kWorkerFunction, "request file(%s) from pldproxy",
+                        job.name.c_str());
+        if (!LeavesItsDirectory(job.name)) FetchThroughProxy(job.name);
+        EndFetch(job);
+        const int status = WritePoint(0, PNT_XFER_FILE_SIZE);
+        if (status != 0) {
+            __dlog_printfex(KY_DLOG_ERROR, kSource, kWorkerFunction,
+                            "Could not set xfer file size back to zero. status(%d)", status);
+        }
+    }
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kWorkerFunction, "Exit");
+}
+
+// False if the transaction that this worker was started for has already given way to another: the name in the
+// record is then not the one that the device has made ready.
+bool KyTferClient::BeginFetch(FetchJob& job) {
+    job.transaction = TransactionOfThisThread();
+    KyRequestLock lock(m_requestMutex);
+    if (!IsCurrent(job.transaction)) return false;
+    job.name = m_status.GetXferFileName();
+    job.landingPath = m_status.GetXferFullFilePath();
+    job.expectedSize = m_status.GetBytesRequested();
+    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
+    return true;
+}
+
+void KyTferClient::EndFetch(const FetchJob& job) {
+    unsigned long long size = 0;
+    if (!GetFileSize(job.landingPath, size)) {
+        FetchedNothing(job);
+    } else if (size == job.expectedSize) {
+        FetchedWhole(job);
+    } else {
+        FetchedOtherSize(job, size);
+    }
+}
+
+void KyTferClient::FetchedNothing(const FetchJob& job) {
+    const std::string text =
+        "Failed to get file(" + job.name + ") from device. and " + "place it here(" + job.landingPath + ")";
+    RecordFailedFetch(job, text);
+    __dlog_printfex(KY_DLOG_ERROR, kSource, kWorkerFunction, "%s", text.c_str());
+}
+
+void KyTferClient::FetchedWhole(const FetchJob& job) {
+    const std::string text =
+        "Retrieved file(" + job.name + ") successfully. and placed it " + "in (" + job.landingPath + ")";
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kWorkerFunction, "%s", text.c_str());
+    const std::string downloadDir = DownloadDirectory();
+    const std::string finalPath = downloadDir + job.name;
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kWorkerFunction, "rename %s --> %s", job.landingPath.c_str(),
+                    finalPath.c_str());
+    if (rename(job.landingPath.c_str(), finalPath.c_str()) != 0) {
+        const int error = errno;
+        __dlog_printfex(KY_DLOG_ERROR, kSource, kWorkerFunction,
+                        "Failed to move file(%s) --> file(%s) errno(%d) - %s", job.landingPath.c_str(),
+                        finalPath.c_str(), error, strerror(error));
+    }
+    RecordCompletedFetch(job, downloadDir, text);
+    MaiStringSend(kRequestSuccess, PNT_CLIENT_FILE_REQ);
+}
+
+void KyTferClient::FetchedOtherSize(const FetchJob& job, unsigned long long size) {
+    const std::string text = "Failed to get file(" + job.name + ") from device. " + "Expecting(" +
+                             std::to_string(job.expectedSize) + ") bytes only received(" +
+                             std::to_string(size) + ") bytes.";
+    RecordFailedFetch(job, text);
+    MaiStringSend(kRequestError, PNT_CLIENT_FILE_REQ);
+    __dlog_printfex(KY_DLOG_ERROR, kSource, kWorkerFunction, "%s", text.c_str());
+}
+
+// Leaves the active flag set: a monitor that still runs goes on until its time limit.
+void KyTferClient::RecordFailedFetch(const FetchJob& job, const std::string& text) {
+    KyRequestLock lock(m_requestMutex);
+    if (!IsCurrent(job.transaction)) return;
+    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
+    m_status.SetStatusMsg(text);
+    m_status.SetBytesTransfered(m_status.GetBytesRequested());
+}
+
+void KyTferClient::RecordCompletedFetch(const FetchJob& job, const std::string& downloadDir,
+                                        const std::string& text) {
+    KyRequestLock lock(m_requestMutex);
+    if (!IsCurrent(job.transaction)) return;
+    m_status.SetFilePath(downloadDir);
+    m_status.SetBytesTransfered(m_status.GetBytesRequested());
+    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_COMPLETE);
+    m_status.SetStatusMsg(text);
+    m_completedByWorker = job.transaction;
+    m_transactionActive = false;
+}
+
+void* KyTferClient::MonitorGetFileThreadStart(void* engine) {
+    return RunThread(engine, "t-getFileMonitor", &KyTferClient::MonitorGetFileRequest);
+}
+
+void KyTferClient::MonitorGetFileRequest() {
+    static const MonitorFlow kFlow = {
+        "MonitorGetFileRequest",       kFetchLimitSeconds, true, &KyTferClient::PollFetch, nullptr,
+        &KyTferClient::EndFetchByTime, "Leave break out"};
+    Watch(kFlow);
+}
+
+KyTferClient::PollResult KyTferClient::PollFetch(unsigned long long transaction) {
+    static const std::string kArriving = "File transfer inprogress";
+    static const std::string kArrived = "File Transfer Complete";
+    static const std::string kNothingYet = kNothingToReport;
+
+    PollResult result;
+    if (!IsCurrent(transaction) || m_status.GetStatus() == KyTferStatusMsg::TFER_STATUS_NONE) {
+        result.end = PollResult::LEAVE;
+        return result;
+    }
+    // The file is no longer where it landed; the worker's row is the last word.
+    if (m_completedByWorker == transaction) {
+        result.end = PollResult::LEAVE;
+        result.farewell = kLeaveSuccess;
+        return result;
+    }
+    MeasureArrivingFile(result);
+    if (!result.sighted || result.bytesTransfered != result.bytesRequested) {
+        m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
+        m_status.SetStatusMsg(result.sighted ? kArriving : kNothingYet);
+        return result;
+    }
+    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_COMPLETE);
+    m_status.SetStatusMsg(kArrived);
+    m_transactionActive = false;
+    result.end = PollResult::LEAVE;
+    result.farewell = kLeaveSuccess;
+    return result;
+}
+
+void KyTferClient::EndFetchByTime(unsigned long long transaction) {
+    if (!IsCurrent(transaction) || m_completedByWorker == transaction) return;
+    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
+    m_status.SetStatusMsg("File transfer Failed - timeout");
+    m_transactionActive = false;
+}

@@ -1,0 +1,101 @@
+// The mechanism of the monitors, which is the same for every kind of transaction: when to poll, and how to
+// end.
+#include <sys/stat.h>
+#include <time.h>
+
+#include <climits>
+
+#include "engine/KyTferClientConstants.h"
+#include "engine/KyTransferMonitor.h"
+#include "platform/KyDlog.h"
+
+using namespace ky_engine;
+
+namespace {
+
+// No size has been logged yet.
+constexpr unsigned int kNoSizeLogged = 2147483647;
+
+// A count of the record. A file that is larger than one can say must not look like a small one.
+unsigned int CountOf(unsigned long long size) {
+    return size < UINT_MAX ? static_cast<unsigned int>(size) : UINT_MAX;
+}
+
+long long WallClockSeconds() {
+    struct timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now.tv_sec;
+}
+
+}  // namespace
+
+bool KyTferClient::GetFileSize(const std::string& path, unsigned long long& size) {
+    struct stat info = {};
+    if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
+    size = static_cast<unsigned long long>(info.st_size);
+    return true;
+}
+
+// Looks where the record says that the file arrives, and notes its size there if it is there.
+void KyTferClient::MeasureArrivingFile(PollResult& result) {
+    result.path = m_status.GetXferFullFilePath();
+    result.bytesRequested = m_status.GetBytesRequested();
+    unsigned long long size = 0;
+    result.sighted = GetFileSize(result.path, size);
+    if (result.sighted) m_status.SetBytesTransfered(CountOf(size));
+    result.bytesTransfered = m_status.GetBytesTransfered();
+}
+
+void KyTferClient::Watch(const MonitorFlow& flow) {
+    const unsigned long long transaction = TransactionOfThisThread();
+    const long long start = WallClockSeconds();
+    const long long end = start + flow.limitSeconds;
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, flow.function, "startTime(%lu) endTime(%lu) Diff(%lu)",
+                    static_cast<unsigned long>(start), static_cast<unsigned long>(end),
+                    static_cast<unsigned long>(end - start));
+    unsigned int sizeLogged = kNoSizeLogged;
+    bool goOn = m_transactionActive;
+    while (goOn) {
+        const PollResult result = PollOnce(flow, transaction, end);
+        LogPoll(flow, result, sizeLogged);
+        if (result.end == PollResult::LEAVE) return;
+        if (result.end == PollResult::TIMED_OUT) break;
+        // Does not sleep while the transaction is active: the next poll follows at once. Once the flag has
+        // been cleared this is the second that the monitor gives its worker.
+        SleepUnlessStopped(1, m_transactionActive);
+        goOn = m_transactionActive && WallClockSeconds() < end;
+    }
+    {
+        KyRequestLock lock(m_requestMutex);
+        (this->*flow.finish)(transaction);
+    }
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, flow.function, "%s", flow.farewell);
+}
+
+KyTferClient::PollResult KyTferClient::PollOnce(const MonitorFlow& flow, unsigned long long transaction,
+                                                long long end) {
+    KyPollingLock lock(m_requestMutex);
+    PollResult result = (this->*flow.poll)(transaction);
+    if (result.end == PollResult::GO_ON && WallClockSeconds() > end) {
+        result.end = PollResult::TIMED_OUT;
+        if (flow.timeOut != nullptr) (this->*flow.timeOut)(transaction);
+    }
+    return result;
+}
+
+void KyTferClient::LogPoll(const MonitorFlow& flow, const PollResult& result, unsigned int& sizeLogged) {
+    if (flow.logsProgress && result.sighted && result.bytesTransfered != sizeLogged) {
+        __dlog_printfex(KY_DLOG_NOTICE, kSource, flow.function,
+                        "Looking for file(%s) bytesreq(%d) haverec(%d)", result.path.c_str(),
+                        static_cast<int>(result.bytesRequested), static_cast<int>(result.bytesTransfered));
+        sizeLogged = result.bytesTransfered;
+    }
+    if (result.farewell != nullptr) {
+        __dlog_printfex(KY_DLOG_NOTICE, kSource, flow.function, "%s", result.farewell);
+    }
+    if (result.end == PollResult::TIMED_OUT) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, flow.function,
+                        "Timed out waiting for file transfer(%s) bytes transferred(%d)", result.path.c_str(),
+                        static_cast<int>(result.bytesTransfered));
+    }
+}

@@ -1,0 +1,22 @@
+#include "messages/KyTferRespMsg.h"
+
+#include "platform/KyIpcMsgBuffer.h"
+#include "platform/KyIpcMsgUtil.h"
+
+KyTferRespMsg::KyTferRespMsg(int sizeHint) : KyTferMsg(sizeHint), m_resultStatus(TFER_RESULT_NONE) {
+    SetMsgType(TFER_MSG_RESP);
+}
+
+KyTferRespMsg::~KyTferRespMsg() = default;
+
+void KyTferRespMsg::Serialize(KyIpcMsgBuffer* buffer) {
+    KyTferMsg::Serialize(buffer);
+    KyIpcMsgUtil::PutInteger(buffer, m_resultStatus);
+    KyIpcMsgUtil::PutStringParam(buffer, m_resultMsg);
+}
+
+void KyTferRespMsg::Deserialize(KyIpcMsgBuffer* buffer) {
+    KyTferMsg::Deserialize(buffer);
+    m_resultStatus = static_cast<TferMsgResult>(KyIpcMsgUtil::ExtractInteger(buffer));
+    KyIpcMsgUtil::ExtractStringParam(buffer, m_resultMsg);
+}
