@@ -212,6 +212,9 @@ private:
 
     // Monitors.
     static bool GetFileSize(const std::string& path, unsigned long long& size);
+    // True if a file of that name would not lie in the directory that the name is appended to. Such a file is
+    // taken for absent: a device that chooses names must not lead to the card's own files.
+    static bool LeavesDirectory(const std::string& name);
     void Watch(const MonitorFlow& flow);
     PollResult PollOnce(const MonitorFlow& flow, unsigned long long transaction, long long end);
     static void LogPoll(const MonitorFlow& flow, const PollResult& result, unsigned int& sizeLogged);

@@ -16,13 +16,6 @@ constexpr char kWorkerFunction[] = "GetFileFromDevice";
 constexpr char kLeaveSuccess[] = "Leave success";
 constexpr long long kFetchLimitSeconds = 180;
 
-// True if a file of that name would not lie in the directory that the name is appended to. Names of listing
-// files are the device's; none may lead to the card's own files.
-bool LeavesItsDirectory(const std::string& name) {
-    const std::string path = "/" + name + "/";
-    return path.find("/../") != std::string::npos;
-}
-
 }  // namespace
 
 /// What the worker has read from the record when it began.
@@ -78,7 +71,7 @@ void KyTferClient::GetFileFromDevice() {
     if (BeginFetch(job)) {
         __dlog_printfex(KY_DLOG_NOTICE, kSource, kWorkerFunction, "request file(%s) from pldproxy",
                         job.name.c_str());
-        if (!LeavesItsDirectory(job.name)) FetchThroughProxy(job.name);
+        if (!LeavesDirectory(job.name)) FetchThroughProxy(job.name);
         EndFetch(job);
         const int status = WritePoint(0, PNT_XFER_FILE_SIZE);
         if (status != 0) {
@@ -104,7 +97,7 @@ bool KyTferClient::BeginFetch(FetchJob& job) {
 
 void KyTferClient::EndFetch(const FetchJob& job) {
     unsigned long long size = 0;
-    if (!GetFileSize(job.landingPath, size)) {
+    if (LeavesDirectory(job.name) || !GetFileSize(job.landingPath, size)) {
         FetchedNothing(job);
     } else if (size == job.expectedSize) {
         FetchedWhole(job);

@@ -29,6 +29,11 @@ long long WallClockSeconds() {
 
 }  // namespace
 
+bool KyTferClient::LeavesDirectory(const std::string& name) {
+    const std::string path = "/" + name + "/";
+    return path.find("/../") != std::string::npos;
+}
+
 bool KyTferClient::GetFileSize(const std::string& path, unsigned long long& size) {
     struct stat info = {};
     if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
@@ -41,7 +46,7 @@ void KyTferClient::MeasureArrivingFile(PollResult& result) {
     result.path = m_status.GetXferFullFilePath();
     result.bytesRequested = m_status.GetBytesRequested();
     unsigned long long size = 0;
-    result.sighted = GetFileSize(result.path, size);
+    result.sighted = !LeavesDirectory(m_status.GetXferFileName()) && GetFileSize(result.path, size);
     if (result.sighted) m_status.SetBytesTransfered(CountOf(size));
     result.bytesTransfered = m_status.GetBytesTransfered();
 }

@@ -1,0 +1,80 @@
+#include "platform/tal_fileutils.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+/// Gives a directory that this process has just created the mode that the umask has kept from it.
+///
+/// Whoever may write to the parent could have put a link in its place meanwhile, so links are not followed.
+/// A file system that knows no modes is no failure: the directory is there, and its mode is not wider than
+/// asked.
+void SetMode(const char* path, mode_t mode) {
+    const int directory = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (directory >= 0) {
+        (void)fchmod(directory, mode);
+        close(directory);
+    } else if (errno == EACCES) {
+        // The umask has taken the owner's right to read. This way needs none, but on older kernels needs
+        // /proc.
+        (void)fchmodat(AT_FDCWD, path, mode, AT_SYMLINK_NOFOLLOW);
+    }
+}
+
+/// Creates one directory whose parent exists.
+bool MakeOne(const char* path, mode_t mode) {
+    if (mkdir(path, mode) == 0) {
+        SetMode(path, mode);
+        return true;
+    }
+    // A directory that exists may be reported as something else than that: a read-only file system, no right
+    // to write in its parent.
+    const int error = errno;
+    struct stat found;
+    if (stat(path, &found) == 0 && S_ISDIR(found.st_mode)) return true;
+    errno = error == EEXIST ? ENOTDIR : error;
+    return false;
+}
+
+/// Creates the missing parents of `path`, from the top; `path` is as before when the call returns.
+bool MakeParents(char* path, mode_t mode) {
+    for (char* slash = std::strchr(path + 1, '/'); slash != nullptr; slash = std::strchr(slash + 1, '/')) {
+        *slash = '\0';
+        const bool made = MakeOne(path, mode);
+        *slash = '/';
+        if (!made) return false;
+    }
+    return true;
+}
+
+/// Copies `path` without the slashes at its end to `copy`. @return 0, or the error number of a bad path
+int CopyPath(const std::string& path, char (&copy)[PATH_MAX]) {
+    size_t length = path.size();
+    while (length > 1 && path[length - 1] == '/')
+        --length;
+    if (length == 0) return ENOENT;
+    if (length >= sizeof copy) return ENAMETOOLONG;
+    if (std::memchr(path.data(), '\0', length) != nullptr) return EINVAL;
+    std::memcpy(copy, path.data(), length);
+    copy[length] = '\0';
+    return 0;
+}
+
+}  // namespace
+
+bool tal_fileutils::MakeDirPath(const std::string& path, unsigned int mode, bool parents) {
+    char copy[PATH_MAX];
+    const int error = CopyPath(path, copy);
+    if (error != 0) {
+        errno = error;
+        return false;
+    }
+    const mode_t bits = mode & 07777;
+    return (!parents || MakeParents(copy, bits)) && MakeOne(copy, bits);
+}

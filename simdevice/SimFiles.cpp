@@ -1,0 +1,151 @@
+#include "simdevice/SimFiles.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+namespace {
+
+// Values of the request point that have a meaning of their own.
+bool IsRequestWord(const std::string& name) {
+    for (const char* word : {"NONE", "DIRREQ", "READY", "SUCCESS", "ERROR"})
+        if (name == word) return true;
+    return false;
+}
+
+std::string AsToken(std::string text) {
+    constexpr const char* whiteSpace = " \t\n\v\f\r";
+    for (std::size_t at = text.find_first_of(whiteSpace); at != std::string::npos;
+         at = text.find_first_of(whiteSpace, at))
+        text[at] = '_';
+    return text;
+}
+
+// The part of the name behind its last dot in capitals, or FILE.
+std::string TypeOf(const std::string& name) {
+    const std::size_t dot = name.rfind('.');
+    if (dot == std::string::npos || dot + 1 == name.size()) return "FILE";
+    std::string type = AsToken(name.substr(dot + 1));
+    for (char& letter : type)
+        if (letter >= 'a' && letter <= 'z') letter = static_cast<char>(letter - 'a' + 'A');
+    return type;
+}
+
+std::uint64_t Nanoseconds(const timespec& time) {
+    if (time.tv_sec < 0) return 0;
+    return static_cast<std::uint64_t>(time.tv_sec) * 1000000000U + static_cast<std::uint64_t>(time.tv_nsec);
+}
+
+struct DirCloser {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+
+}  // namespace
+
+bool SimSource::OpenFile(const std::string& path) {
+    // Without O_NONBLOCK, opening a pipe that somebody has left in the directory would hang.
+    file = SimFd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat info = {};
+    if (!file.Valid() || fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
+    size = static_cast<std::uint64_t>(info.st_size);
+    return true;
+}
+
+ssize_t SimSource::ReadAt(std::uint64_t offset, char* bytes, std::size_t count) const {
+    if (text == nullptr) return pread(file.Get(), bytes, count, static_cast<off_t>(offset));
+    return offset < text->size() ? static_cast<ssize_t>(text->copy(bytes, count, offset)) : 0;
+}
+
+SimFiles::SimFiles(std::string directory) : m_directory(std::move(directory)) {}
+
+bool SimFiles::IsFileName(const std::string& name) {
+    return !name.empty() && name[0] != '.' && name.find('/') == std::string::npos &&
+           name.find('\0') == std::string::npos;
+}
+
+bool SimFiles::Open(const std::string& name, SimSource& source) const {
+    if (!IsFileName(name)) return false;
+    std::string path = m_directory + name;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (name == m_listingName) {
+            source.text = m_listing;
+            source.size = m_listing->size();
+            return true;
+        }
+        const auto found = m_transferNames.find(name);
+        if (found != m_transferNames.end()) path = m_directory + found->second;
+    }
+    return source.OpenFile(path);
+}
+
+bool SimFiles::IsListing(const std::string& name) const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_listing != nullptr && name == m_listingName;
+}
+
+std::string SimFiles::MakeListing() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::vector<Entry> entries = Scan();
+    m_transferNames.clear();
+    std::string text = "1," + std::to_string(entries.size()) + "\n";
+    for (const Entry& entry : entries)
+        AppendEntry(entries, entry, text);
+    m_listing = std::make_shared<const std::string>(std::move(text));
+    m_listingName = FreeName(entries, "listing", ".txt");
+    return m_listingName;
+}
+
+std::string SimFiles::ListingText() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_listing == nullptr ? std::string() : *m_listing;
+}
+
+std::vector<SimFiles::Entry> SimFiles::Scan() const {
+    std::vector<Entry> entries;
+    const std::unique_ptr<DIR, DirCloser> directory(opendir(m_directory.c_str()));
+    if (directory == nullptr) return entries;
+    while (const dirent* item = readdir(directory.get())) {
+        struct stat info = {};
+        if (!IsFileName(item->d_name) || fstatat(dirfd(directory.get()), item->d_name, &info, 0) != 0 ||
+            !S_ISREG(info.st_mode))
+            continue;
+        entries.push_back(
+            {item->d_name, static_cast<std::uint64_t>(info.st_size), Nanoseconds(info.st_mtim)});
+    }
+    std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) { return a.name < b.name; });
+    return entries;
+}
+
+// A name made of `stem` and `ending` that neither a file nor a transfer name has.
+std::string SimFiles::FreeName(const std::vector<Entry>& entries, const std::string& stem,
+                               const std::string& ending) const {
+    const auto taken = [&](const std::string& name) {
+        const auto at =
+            std::lower_bound(entries.begin(), entries.end(), name,
+                             [](const Entry& entry, const std::string& n) { return entry.name < n; });
+        return m_transferNames.count(name) != 0 || (at != entries.end() && at->name == name);
+    };
+    std::string name = stem + ending;
+    for (unsigned int number = 2; taken(name); ++number)
+        name = std::string(stem).append("~").append(std::to_string(number)).append(ending);
+    return name;
+}
+
+void SimFiles::AppendEntry(const std::vector<Entry>& entries, const Entry& entry, std::string& text) {
+    const std::string token = AsToken(entry.name);
+    std::string transferName = entry.name;
+    if (token != entry.name || IsRequestWord(entry.name)) {
+        transferName = FreeName(entries, token, "");
+        m_transferNames[transferName] = entry.name;
+    }
+    const std::uint64_t size = std::min<std::uint64_t>(entry.size, std::numeric_limits<std::uint32_t>::max());
+    for (const std::string& item :
+         {token, transferName, TypeOf(entry.name), std::to_string(size), std::to_string(entry.modified)})
+        text.append(item).append(" , ");
+    text.replace(text.size() - 3, 3, "\n");
+}

@@ -1,0 +1,159 @@
+#include "support/SteppedTime.h"
+
+#include <sched.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <iterator>
+#include <mutex>
+#include <set>
+#include <utility>
+
+extern "C" int __real_clock_gettime(clockid_t clock, timespec* time);
+
+namespace {
+
+using Duration = SteppedTime::Duration;
+
+constexpr Duration START = std::chrono::seconds(1710491400);
+
+struct State {
+    std::mutex mutex;
+    std::condition_variable changed;
+    Duration now = START;
+    Duration totalSlept{0};
+    std::function<void()> hook;
+    bool held = false;
+    std::multiset<Duration> ends;  // of the held sleeps
+    unsigned long step = 1;        // counts what moves the clock while it is held
+    unsigned long release = 0;  // counts the releases: a later Hold() does not catch those released earlier
+};
+
+/// Never destroyed: a thread that outlives main() may still sleep.
+State& TheState() {
+    static State* const state = new State;
+    return *state;
+}
+
+/// Where the thread's last held sleep ended, and in which step it was woken.
+thread_local Duration t_lastWake{0};
+thread_local unsigned long t_lastStep = 0;
+thread_local bool t_inHook = false;
+
+void CallHook(const std::function<void()>& hook) {
+    if (!hook || t_inHook) return;
+    t_inHook = true;
+    hook();
+    t_inHook = false;
+}
+
+void SleepHeld(State& state, std::unique_lock<std::mutex>& lock, Duration length) {
+    const Duration end = (t_lastStep == state.step ? t_lastWake : state.now) + length;
+    const unsigned long release = state.release;
+    const auto mine = state.ends.insert(end);
+    state.changed.notify_all();
+    state.changed.wait(lock, [&] { return state.release != release || state.now >= end; });
+    state.ends.erase(mine);
+    t_lastWake = end;
+    t_lastStep = state.step;
+}
+
+void ReleaseSleepers(State& state) {
+    state.held = false;
+    ++state.release;
+    if (!state.ends.empty()) state.now = std::max(state.now, *state.ends.rbegin());
+    state.changed.notify_all();
+}
+
+void Sleep(Duration length) {
+    State& state = TheState();
+    std::unique_lock<std::mutex> lock(state.mutex);
+    state.totalSlept += length;
+    const std::function<void()> hook = state.hook;
+    lock.unlock();
+    CallHook(hook);
+    lock.lock();
+    if (state.held) {
+        SleepHeld(state, lock, length);
+        return;
+    }
+    state.now += length;
+    lock.unlock();
+    sched_yield();
+}
+
+}  // namespace
+
+extern "C" int __wrap_usleep(useconds_t microseconds) {
+    Sleep(Duration(microseconds));
+    return 0;
+}
+
+extern "C" int __wrap_clock_gettime(clockid_t clock, timespec* time) {
+    if (clock != CLOCK_REALTIME) return __real_clock_gettime(clock, time);
+    const Duration now = SteppedTime::Now();
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now);
+    time->tv_sec = seconds.count();
+    time->tv_nsec = std::chrono::nanoseconds(now - seconds).count();
+    return 0;
+}
+
+Duration SteppedTime::Now() {
+    State& state = TheState();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    return state.now;
+}
+
+void SteppedTime::Advance(Duration step) {
+    State& state = TheState();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    state.now += step;
+    ++state.step;
+    state.changed.notify_all();
+}
+
+void SteppedTime::Hold() {
+    State& state = TheState();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    state.held = true;
+    ++state.step;
+}
+
+void SteppedTime::Release() {
+    State& state = TheState();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    ReleaseSleepers(state);
+}
+
+Duration SteppedTime::TotalSlept() {
+    State& state = TheState();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    return state.totalSlept;
+}
+
+bool SteppedTime::WaitForSleepers(int count) {
+    State& state = TheState();
+    std::unique_lock<std::mutex> lock(state.mutex);
+    const auto enough = [&] {
+        // Those that Advance() has woken may not have left yet.
+        return std::distance(state.ends.upper_bound(state.now), state.ends.end()) >= count;
+    };
+    return state.changed.wait_for(lock, std::chrono::seconds(10), enough);
+}
+
+void SteppedTime::OnSleep(std::function<void()> hook) {
+    State& state = TheState();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    state.hook = std::move(hook);
+}
+
+void SteppedTime::Reset() {
+    State& state = TheState();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    ReleaseSleepers(state);
+    state.hook = nullptr;
+    state.now = START;
+    state.totalSlept = Duration(0);
+}

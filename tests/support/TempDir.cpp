@@ -1,0 +1,62 @@
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace fs = std::filesystem;
+
+TempDir::TempDir() : m_path("/var/tmp/kytest-XXXXXX") {
+    if (mkdtemp(m_path.data()) == nullptr) ADD_FAILURE() << "no temporary directory in /var/tmp";
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    for (fs::recursive_directory_iterator entry(m_path, ignored), end; entry != end;
+         entry.increment(ignored)) {
+        // Tests take permissions away; without them the contents could not be removed.
+        if (entry->is_directory(ignored) && !entry->is_symlink(ignored)) {
+            fs::permissions(entry->path(), fs::perms::owner_all, ignored);
+        }
+    }
+    fs::remove_all(m_path, ignored);
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    if (!file.is_open() || file.bad()) ADD_FAILURE() << "cannot read " << path;
+    return bytes;
+}
+
+void WriteFile(const std::string& path, const std::string& bytes) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    if (!(file << bytes).flush()) ADD_FAILURE() << "cannot write " << path;
+}
+
+namespace {
+
+int EntriesOf(const char* directory) {
+    return static_cast<int>(std::distance(fs::directory_iterator(directory), fs::directory_iterator()));
+}
+
+}  // namespace
+
+int ThreadCount() {
+    return EntriesOf("/proc/self/task");
+}
+
+int OpenDescriptors() {
+    return EntriesOf("/proc/self/fd") - 1;
+}  // the listing itself holds one
+
+long AddressSpaceKiB() {
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages * (sysconf(_SC_PAGESIZE) / 1024);
+}
