@@ -68,6 +68,7 @@ KyTferClient::KyTferClient() : m_status(512) {
 
 KyTferClient::~KyTferClient() {
     KyTferClient::Stop();
+    FreeListings();
 }
 
 int KyTferClient::Init(unsigned short deviceId, KyPldProxy* proxy) {

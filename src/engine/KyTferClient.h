@@ -151,6 +151,55 @@ public:
     /// Entry of the fetch monitor's thread. @param engine the KyTferClient @return null
     static void* MonitorGetFileThreadStart(void* engine);
 
+    /// Hands a file of the card to the device. The file is consumed, whatever comes of it: it is moved into
+    /// the staging directory "/var/local/tal/pldserver", where it stays after the transfer, or removed if the
+    /// request fails. It must lie on that directory's file system.
+    ///
+    /// Blocks for at least a second, which the device needs between the file's size and its name. A push does
+    /// not ask whether another transaction is in progress, shares its record, and is watched by no monitor.
+    ///
+    /// @param directory  directory of the file, without a "/" at its end
+    /// @param fileName   the file's name in it
+    /// @return a copy of the record: in progress, or failed with the reason. Without a device it is a
+    /// separate record
+    ///         with TFER_STATUS_FAIL, and the file is left alone.
+    KyTferStatusMsg PutFileToDevRequest(const std::string& directory, const std::string& fileName);
+
+    /// Body of the push worker: pushes the file that the record names. Runs on a thread of the engine.
+    void PutFileToDevice();
+
+    /// Entry of the push worker's thread. @param engine the KyTferClient @return null
+    static void* PutFileToDevThreadStart(void* engine);
+
+    /// Body of a push monitor, which knows nothing to look for: it holds the record in progress while a
+    /// transaction is active, up to 180 seconds, and fails it. No operation of the engine starts it.
+    void MonitorPutFileRequest();
+
+    /// Entry of the push monitor's thread. @param engine the KyTferClient @return null
+    static void* MonitorPutFileThreadStart(void* engine);
+
+    /// Asks the device for a listing of its files. The file that it names in answer is fetched like any
+    /// other, within 60 seconds; when the record is complete, CreateDirectoryFromFile can read it.
+    ///
+    /// @return a copy of the record, in progress, when the request is accepted; otherwise a separate record
+    /// with
+    ///         TFER_STATUS_FAIL and the reason: a transaction is in progress, the device did not take the
+    ///         request, or there is no device
+    KyTferStatusMsg GetDirectoryFromDevRequest();
+
+    /// Body of the directory monitor. Runs on a thread of the engine.
+    void MonitorGetDirRequest();
+
+    /// Entry of the directory monitor's thread. @param engine the KyTferClient @return null
+    static void* MonitorGetDirThreadStart(void* engine);
+
+    /// Reads a fetched listing file into a listing that the engine keeps under `path` for its whole life. A
+    /// listing that it has under the very same path already stays, and the new one is dropped. A file that
+    /// cannot be read gives an empty listing; one that is damaged gives the entries before the damage.
+    ///
+    /// Not to be called at the same time from two threads. Blocks for the reading of the file.
+    void CreateDirectoryFromFile(const std::string& path);
+
     /// True while a worker has been started and has not returned. A service that waits for false before the
     /// next request, and delivers the point changes until then, keeps the end of one transaction out of the
     /// next.
@@ -175,6 +224,8 @@ private:
     int WritePoint(unsigned int value, unsigned short pointId);
     int WriteString(const char* value, unsigned short pointId);
     void FetchThroughProxy(const std::string& name);
+    bool PushThroughProxy(const std::string& directory, const std::string& origName,
+                          const std::string& xferName);
     int ReadString(std::string& value, unsigned short pointId, unsigned short mmIdx);
     bool GetModuleCount(unsigned int& count);
     bool SearchModules(unsigned int count, const std::string& mac);
@@ -208,9 +259,32 @@ private:
     void RecordFailedFetch(const FetchJob& job, const std::string& text);
     void RecordCompletedFetch(const FetchJob& job, const std::string& downloadDir, const std::string& text);
     PollResult PollFetch(unsigned long long transaction) KY_REQUIRES(m_requestMutex);
-    void EndFetchByTime(unsigned long long transaction) KY_REQUIRES(m_requestMutex);
+    void EndFetchByTime(unsigned long long transaction, bool afterTimeOut) KY_REQUIRES(m_requestMutex);
+
+    // Push.
+    bool Stage(const std::string& sourcePath, const std::string& stagedPath, KyTferStatusMsg& result);
+    bool MeasureStaged(const std::string& stagedPath, unsigned int& size, KyTferStatusMsg& result);
+    void RecordFailedStaging(const std::string& text, KyTferStatusMsg& result);
+    unsigned long long AnnouncePush(const std::string& fileName, const std::string& stagedPath,
+                                    unsigned int size, KyTferStatusMsg& result);
+    unsigned long long RecordPush(const std::string& fileName, const std::string& xferName, bool accepted,
+                                  KyTferStatusMsg& result);
+    void RecordPushEnd(unsigned long long transaction, KyTferStatusMsg::TferStatus status, const char* text);
+    std::string NextTransferName();
+
+    // Directory.
+    bool IsInProgress();
+    KyTferStatusMsg RefuseDirectory(int status);
+    unsigned long long RecordDirectoryRequest(KyTferStatusMsg& result);
+    PollResult PollDirectory(unsigned long long transaction) KY_REQUIRES(m_requestMutex);
+    void TimeOutDirectory() KY_REQUIRES(m_requestMutex);
+    void EndDirectoryByTime(unsigned long long transaction, bool afterTimeOut) KY_REQUIRES(m_requestMutex);
+    void FreeListings();
 
     // Monitors.
+    static long long WallClockSeconds();
+    static void LogStart(int level, const char* function, long long start, long long end);
+    static unsigned int CountOf(unsigned long long size);
     static bool GetFileSize(const std::string& path, unsigned long long& size);
     // True if a file of that name would not lie in the directory that the name is appended to. Such a file is
     // taken for absent: a device that chooses names must not lead to the card's own files.
@@ -218,10 +292,12 @@ private:
     void Watch(const MonitorFlow& flow);
     PollResult PollOnce(const MonitorFlow& flow, unsigned long long transaction, long long end);
     static void LogPoll(const MonitorFlow& flow, const PollResult& result, unsigned int& sizeLogged);
+    void Describe(PollResult& result) const KY_REQUIRES(m_requestMutex);
     void MeasureArrivingFile(PollResult& result) KY_REQUIRES(m_requestMutex);
 
     static std::string s_sorLandingDir;
     static std::string s_downloadDir;
+    static std::atomic<int> m_genPutFileName;  // number of the next pushed file's transfer name
 
     std::atomic<bool> m_transactionActive{true};
     std::atomic<bool> m_stopRequested{false};
@@ -232,8 +308,8 @@ private:
     std::atomic<unsigned int> m_serverMaxFileSize{0};
     std::string m_xferFileName KY_GUARDED_BY(m_requestMutex);
     unsigned int m_xferFileSize KY_GUARDED_BY(m_requestMutex) = 0;
-    std::map<std::string, KyTferDirectory*> m_directoryMap;
-    std::string m_currentRequest;  // used by DataChange alone
+    std::map<std::string, KyTferDirectory*> m_directoryMap;  // owned, by the path of the listing file
+    std::string m_currentRequest;                            // used by DataChange alone
     std::atomic<unsigned short> m_maiMmIdx{0};
     int m_physicalSlot = -1;
     KyTimerMgr m_timerMgr;

@@ -45,6 +45,9 @@ constexpr char kPldServerDir[] = "/var/local/tal/pldserver";
 /// Texts that more than one flow uses.
 constexpr char kNotInitialized[] = "LOGIC ERROR - KyTferRespClient not initialized";
 constexpr char kInProgress[] = "Transaction already in progress";
+constexpr char kTransferInProgress[] = "File transfer inprogress";
+constexpr char kTransferComplete[] = "File Transfer Complete";
+constexpr char kTimedOut[] = "File transfer Failed - timeout";
 constexpr char kNothingToReport[] = "In Progress - No progress to report";
 
 }  // namespace ky_engine

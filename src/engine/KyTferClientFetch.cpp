@@ -173,38 +173,32 @@ void KyTferClient::MonitorGetFileRequest() {
 }
 
 KyTferClient::PollResult KyTferClient::PollFetch(unsigned long long transaction) {
-    static const std::string kArriving = "File transfer inprogress";
-    static const std::string kArrived = "File Transfer Complete";
+    static const std::string kArriving = kTransferInProgress;
+    static const std::string kArrived = kTransferComplete;
     static const std::string kNothingYet = kNothingToReport;
 
     PollResult result;
     if (!IsCurrent(transaction) || m_status.GetStatus() == KyTferStatusMsg::TFER_STATUS_NONE) {
-        result.end = PollResult::LEAVE;
-        return result;
+        return result.Leave(nullptr);
     }
     // The file is no longer where it landed; the worker's row is the last word.
-    if (m_completedByWorker == transaction) {
-        result.end = PollResult::LEAVE;
-        result.farewell = kLeaveSuccess;
-        return result;
-    }
+    if (m_completedByWorker == transaction) return result.Leave(kLeaveSuccess);
+    Describe(result);
     MeasureArrivingFile(result);
-    if (!result.sighted || result.bytesTransfered != result.bytesRequested) {
-        m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
-        m_status.SetStatusMsg(result.sighted ? kArriving : kNothingYet);
-        return result;
+    if (result.sighted && result.bytesTransfered == result.bytesRequested) {
+        m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_COMPLETE);
+        m_status.SetStatusMsg(kArrived);
+        m_transactionActive = false;
+        return result.Leave(kLeaveSuccess);
     }
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_COMPLETE);
-    m_status.SetStatusMsg(kArrived);
-    m_transactionActive = false;
-    result.end = PollResult::LEAVE;
-    result.farewell = kLeaveSuccess;
+    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
+    m_status.SetStatusMsg(result.sighted ? kArriving : kNothingYet);
     return result;
 }
 
-void KyTferClient::EndFetchByTime(unsigned long long transaction) {
+void KyTferClient::EndFetchByTime(unsigned long long transaction, bool /*afterTimeOut*/) {
     if (!IsCurrent(transaction) || m_completedByWorker == transaction) return;
     m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
-    m_status.SetStatusMsg("File transfer Failed - timeout");
+    m_status.SetStatusMsg(kTimedOut);
     m_transactionActive = false;
 }

@@ -16,18 +16,24 @@ namespace {
 // No size has been logged yet.
 constexpr unsigned int kNoSizeLogged = 2147483647;
 
-// A count of the record. A file that is larger than one can say must not look like a small one.
-unsigned int CountOf(unsigned long long size) {
-    return size < UINT_MAX ? static_cast<unsigned int>(size) : UINT_MAX;
-}
+}  // namespace
 
-long long WallClockSeconds() {
+long long KyTferClient::WallClockSeconds() {
     struct timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     return now.tv_sec;
 }
 
-}  // namespace
+void KyTferClient::LogStart(int level, const char* function, long long start, long long end) {
+    __dlog_printfex(level, kSource, function, "startTime(%lu) endTime(%lu) Diff(%lu)",
+                    static_cast<unsigned long>(start), static_cast<unsigned long>(end),
+                    static_cast<unsigned long>(end - start));
+}
+
+// A count of the record. A file that is larger than one can say must not look like a small one.
+unsigned int KyTferClient::CountOf(unsigned long long size) {
+    return size < UINT_MAX ? static_cast<unsigned int>(size) : UINT_MAX;
+}
 
 bool KyTferClient::LeavesDirectory(const std::string& name) {
     const std::string path = "/" + name + "/";
@@ -41,30 +47,35 @@ bool KyTferClient::GetFileSize(const std::string& path, unsigned long long& size
     return true;
 }
 
-// Looks where the record says that the file arrives, and notes its size there if it is there.
-void KyTferClient::MeasureArrivingFile(PollResult& result) {
+void KyTferClient::Describe(PollResult& result) const {
     result.path = m_status.GetXferFullFilePath();
     result.bytesRequested = m_status.GetBytesRequested();
+    result.bytesTransfered = m_status.GetBytesTransfered();
+}
+
+// Looks where the record says that the file arrives, and notes its size if it is there.
+void KyTferClient::MeasureArrivingFile(PollResult& result) {
     unsigned long long size = 0;
     result.sighted = !LeavesDirectory(m_status.GetXferFileName()) && GetFileSize(result.path, size);
-    if (result.sighted) m_status.SetBytesTransfered(CountOf(size));
-    result.bytesTransfered = m_status.GetBytesTransfered();
+    if (!result.sighted) return;
+    result.bytesTransfered = CountOf(size);
+    m_status.SetBytesTransfered(result.bytesTransfered);
 }
 
 void KyTferClient::Watch(const MonitorFlow& flow) {
     const unsigned long long transaction = TransactionOfThisThread();
     const long long start = WallClockSeconds();
     const long long end = start + flow.limitSeconds;
-    __dlog_printfex(KY_DLOG_NOTICE, kSource, flow.function, "startTime(%lu) endTime(%lu) Diff(%lu)",
-                    static_cast<unsigned long>(start), static_cast<unsigned long>(end),
-                    static_cast<unsigned long>(end - start));
+    LogStart(KY_DLOG_NOTICE, flow.function, start, end);
     unsigned int sizeLogged = kNoSizeLogged;
+    bool timedOut = false;
     bool goOn = m_transactionActive;
     while (goOn) {
         const PollResult result = PollOnce(flow, transaction, end);
         LogPoll(flow, result, sizeLogged);
         if (result.end == PollResult::LEAVE) return;
-        if (result.end == PollResult::TIMED_OUT) break;
+        timedOut = result.end == PollResult::TIMED_OUT;
+        if (timedOut) break;
         // Does not sleep while the transaction is active: the next poll follows at once. Once the flag has
         // been cleared this is the second that the monitor gives its worker.
         SleepUnlessStopped(1, m_transactionActive);
@@ -72,7 +83,7 @@ void KyTferClient::Watch(const MonitorFlow& flow) {
     }
     {
         KyRequestLock lock(m_requestMutex);
-        (this->*flow.finish)(transaction);
+        (this->*flow.finish)(transaction, timedOut);
     }
     __dlog_printfex(KY_DLOG_NOTICE, kSource, flow.function, "%s", flow.farewell);
 }
@@ -83,7 +94,7 @@ KyTferClient::PollResult KyTferClient::PollOnce(const MonitorFlow& flow, unsigne
     PollResult result = (this->*flow.poll)(transaction);
     if (result.end == PollResult::GO_ON && WallClockSeconds() > end) {
         result.end = PollResult::TIMED_OUT;
-        if (flow.timeOut != nullptr) (this->*flow.timeOut)(transaction);
+        if (flow.timeOut != nullptr) (this->*flow.timeOut)();
     }
     return result;
 }

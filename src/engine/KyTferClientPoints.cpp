@@ -84,6 +84,13 @@ void KyTferClient::FetchThroughProxy(const std::string& name) {
               [&](KyPldProxy& proxy) { return proxy.GetDevFile(m_deviceId, std::string(), name) ? 0 : 1; });
 }
 
+bool KyTferClient::PushThroughProxy(const std::string& directory, const std::string& origName,
+                                    const std::string& xferName) {
+    return CallProxy(m_pldProxy, [&](KyPldProxy& proxy) {
+               return proxy.PutDevFile(m_deviceId, directory, origName, xferName) ? 0 : 1;
+           }) == 0;
+}
+
 int KyTferClient::MaiStringSend(const std::string& value, unsigned short pointId) {
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "MaiStringSend", "Send value(%s)", value.c_str());
     WriteString("", pointId);

@@ -79,7 +79,7 @@ void* KyTferClient::RunThread(void* engine, const char* name, void (KyTferClient
 void KyTferClient::EndForWantOfMemory() {
     const unsigned long long transaction = TransactionOfThisThread();
     KyRequestLock lock(m_requestMutex);
-    if (!IsCurrent(transaction) || m_completedByWorker == transaction) return;
+    if (!IsCurrent(transaction) || m_status.GetStatus() != KyTferStatusMsg::TFER_STATUS_INPROGRESS) return;
     m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
     m_status.SetStatusMsg(kOutOfMemory);
     m_transactionActive = false;

@@ -20,6 +20,13 @@ struct KyTferClient::PollResult {
     bool sighted = false;            ///< it is there
     unsigned int bytesRequested = 0;
     unsigned int bytesTransfered = 0;
+
+    /// The result of a poll that ends the monitor.
+    PollResult& Leave(const char* farewellText) {
+        end = LEAVE;
+        farewell = farewellText;
+        return *this;
+    }
 };
 
 /// What distinguishes the monitors from each other. The operations are called with the engine's mutex held.
@@ -32,10 +39,11 @@ struct KyTferClient::MonitorFlow {
     PollResult (KyTferClient::*poll)(unsigned long long transaction);
 
     /// What is recorded at once when a poll finds the limit passed; null for nothing.
-    void (KyTferClient::*timeOut)(unsigned long long transaction);
+    void (KyTferClient::*timeOut)();
 
-    /// What is recorded when the monitor ends otherwise than by a poll.
-    void (KyTferClient::*finish)(unsigned long long transaction);
+    /// What is recorded when the monitor ends otherwise than by a poll. The mutex has been released since the
+    /// step above.
+    void (KyTferClient::*finish)(unsigned long long transaction, bool afterTimeOut);
 
     const char* farewell;  ///< logged after finish
 };

@@ -1,0 +1,28 @@
+#ifndef HOST_KYDEADLINE_H
+#define HOST_KYDEADLINE_H
+
+#include <algorithm>
+#include <chrono>
+
+/// A moment on the monotonic clock up to which something is waited for, in as many pieces as it takes.
+class KyDeadline {
+public:
+    /// The moment `milliseconds` from now; now itself for 0 and less.
+    explicit KyDeadline(int milliseconds)
+        : m_end(Clock::now() + std::chrono::milliseconds(std::max(milliseconds, 0))) {}
+
+    bool Passed() const { return Clock::now() >= m_end; }
+
+    /// The milliseconds left, rounded up, so that a wait of this length does not end before the deadline.
+    int Remaining() const {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_end - Clock::now());
+        return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    const Clock::time_point m_end;
+};
+
+#endif

@@ -1,0 +1,28 @@
+#ifndef HOST_KYFD_H
+#define HOST_KYFD_H
+
+#include <unistd.h>
+
+#include <utility>
+
+/// Owns an open descriptor and closes it. -1 stands for none.
+class KyFd {
+public:
+    explicit KyFd(int fd = -1) : m_fd(fd) {}
+    KyFd(KyFd&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+    KyFd& operator=(KyFd&& other) noexcept {
+        std::swap(m_fd, other.m_fd);
+        return *this;
+    }
+    ~KyFd() {
+        if (m_fd >= 0) close(m_fd);
+    }
+
+    int Get() const { return m_fd; }
+    explicit operator bool() const { return m_fd >= 0; }
+
+private:
+    int m_fd;
+};
+
+#endif

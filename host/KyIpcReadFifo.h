@@ -1,0 +1,46 @@
+#ifndef HOST_KYIPCREADFIFO_H
+#define HOST_KYIPCREADFIFO_H
+
+#include <limits.h>
+
+#include <array>
+#include <cstddef>
+
+#include "host/KyFifoDirectory.h"
+#include "host/KyIpcFrame.h"
+
+class KyDeadline;
+
+/// The FIFO that a session reads, and what has been read from it but not been handed out. One thread uses it
+/// at a time. The operations return a KyIpcFifoSession::IpcStatus and throw nothing.
+class KyIpcReadFifo {
+public:
+    KyIpcReadFifo() {}  // leaves the chunk as it is: nobody reads it before it has been written
+
+    /// Makes the FIFO and opens it. `name` is fit; to be called once.
+    int Open(const KyFifoDirectory& directory, const char* name, mode_t mode);
+
+    /// Removes the FIFO, if its name is still its own.
+    int Remove(const KyFifoDirectory& directory) const;
+
+    /// Waits at most `milliseconds` for one message. `session` names the reader in log lines.
+    int Read(KyIpcMsgBuffer& buffer, int milliseconds, const char* session);
+
+    int Descriptor() const { return m_fifo.fd.Get(); }
+
+private:
+    static constexpr size_t CHUNK = 64 * 1024;  // what a FIFO holds: one read empties it
+
+    int FindMessage(const KyDeadline& deadline);
+    bool Decode();
+    int Fill(const KyDeadline& deadline);
+
+    KyMadeFifo m_fifo;
+    char m_name[NAME_MAX + 1] = "";
+    KyIpcFrameDecoder m_decoder;
+    size_t m_from = 0;  // of the chunk's bytes, those that are still to be decoded
+    size_t m_to = 0;
+    std::array<unsigned char, CHUNK> m_chunk;
+};
+
+#endif

@@ -1,0 +1,185 @@
+#include "client/TferSvcMsgClient.h"
+
+#include <unistd.h>
+
+#include <exception>
+
+#include "messages/KyTferGetDevDirMsg.h"
+#include "messages/KyTferGetDevFile.h"
+#include "messages/KyTferMsgFactory.h"
+#include "messages/KyTferPutDevFile.h"
+#include "messages/KyTferRespMsg.h"
+#include "messages/KyTferStatusMsg.h"
+#include "platform/KyDlog.h"
+#include "platform/KyIpcFifoSession.h"
+#include "platform/KyIpcMsgBuffer.h"
+
+namespace {
+
+constexpr char SOURCE[] = "TferSvcMsgClient";
+constexpr char CONTROL_FIFO[] = "tfersvc-CtrlFifo";
+constexpr unsigned int REPLY_FIFO_MODE = 0777;  // the service may run as any user
+constexpr int REPLY_BOUND = 60000;              // ms
+
+void Trace(const char* checkPoint) {
+    __dlog_printfex(KY_DLOG_TRACE, SOURCE, "DoRequest", "%s", checkPoint);
+}
+
+/// What `make` returns, or null if memory runs out meanwhile.
+template <typename Make>
+auto OrNull(const char* function, Make make) -> decltype(make()) {
+    try {
+        return make();
+    } catch (const std::exception& failure) {
+        __dlog_printfex(KY_DLOG_ERROR, SOURCE, function, "Request given up: %s", failure.what());
+        return nullptr;
+    }
+}
+
+/// The reply if it is a response; anything else is deleted.
+KyTferRespMsg* Narrow(KyTferMsg* reply) {
+    auto* const response = dynamic_cast<KyTferRespMsg*>(reply);
+    if (response == nullptr) delete reply;
+    return response;
+}
+
+}  // namespace
+
+TferSvcMsgClient* TferSvcMsgClient::GetInstance() {
+    return OrNull("GetInstance", [] {
+        static TferSvcMsgClient s_client;
+        return &s_client;
+    });
+}
+
+TferSvcMsgClient::TferSvcMsgClient()
+    : m_clientName("TferSvcClnt-" + std::to_string(static_cast<unsigned int>(getpid()))) {}
+
+TferSvcMsgClient::~TferSvcMsgClient() {
+    EndSession();
+}
+
+KyTferMsg* TferSvcMsgClient::DoRequest(KyTferMsg* request) {
+    Trace("CP#1");
+    std::unique_ptr<KyTferMsg> owned(request);
+    KyTferMsg* const reply = OrNull("DoRequest", [&] { return RoundTrip(*owned); });
+    EndSession();
+    owned.reset();
+    Trace("CP#2");
+    return reply;
+}
+
+KyTferMsg* TferSvcMsgClient::RoundTrip(KyTferMsg& request) {
+    m_session =
+        std::make_unique<KyIpcFifoSession>(m_clientName.c_str(), KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
+    const std::string replyFifo = m_clientName + "-ClntRxFifo";
+    if (!OpenFifos(replyFifo) || !Send(request, replyFifo)) return nullptr;
+    return Receive(replyFifo);
+}
+
+/// The reply FIFO comes first: the service may answer as soon as it has the request.
+bool TferSvcMsgClient::OpenFifos(const std::string& replyFifo) {
+    __dlog_printfex(KY_DLOG_TRACE, SOURCE, "DoRequest", "Open read FIFO(%s) for Client(%s)",
+                    replyFifo.c_str(), m_clientName.c_str());
+    int status = m_session->OpenReadFifo(replyFifo.c_str(), REPLY_FIFO_MODE);
+    if (status != 0) {
+        __dlog_printfex(KY_DLOG_ERROR, SOURCE, "DoRequest",
+                        "Failed to open read FIFO: %s, for session: %s, session status: %d",
+                        replyFifo.c_str(), m_clientName.c_str(), status);
+        return false;
+    }
+    __dlog_printfex(KY_DLOG_TRACE, SOURCE, "DoRequest",
+                    "CP#1.1 Opened read FIFO: %s, for session: %s, session status: %d", replyFifo.c_str(),
+                    m_clientName.c_str(), status);
+    status = m_session->OpenCtrlFifo(CONTROL_FIFO);
+    if (status != 0) {
+        __dlog_printfex(KY_DLOG_ERROR, SOURCE, "DoRequest",
+                        "Failed to open control FIFO: %s, for session: %s, session status: %d", CONTROL_FIFO,
+                        m_clientName.c_str(), status);
+    }
+    return status == 0;
+}
+
+bool TferSvcMsgClient::Send(KyTferMsg& request, const std::string& replyFifo) {
+    __dlog_printfex(KY_DLOG_TRACE, SOURCE, "DoRequest", "Send msg to server with return fifo(%s)",
+                    replyFifo.c_str());
+    KyIpcMsgBuffer buffer(1024);
+    request.SetRespFifo(replyFifo);
+    request.Serialize(&buffer);
+    Trace("CP#1.2");
+    const int status =
+        m_session->WriteCtrl(reinterpret_cast<const char*>(buffer.GetBuf()), buffer.GetLength());
+    if (status != 0) {
+        __dlog_printfex(KY_DLOG_ERROR, SOURCE, "DoRequest",
+                        "Failed to write to control FIFO: %s, for session: %s, session status: %d",
+                        CONTROL_FIFO, m_clientName.c_str(), status);
+    }
+    return status == 0;
+}
+
+KyTferMsg* TferSvcMsgClient::Receive(const std::string& replyFifo) {
+    KyIpcMsgBuffer buffer(200);
+    __dlog_printfex(KY_DLOG_TRACE, SOURCE, "DoRequest", "Read the read FIFO(%s) waiting for a response",
+                    replyFifo.c_str());
+    const int status = m_session->Read(&buffer, REPLY_BOUND);
+    if (status == KyIpcFifoSession::IPC_TIMEOUT) {
+        // The text tells another bound than the one in force; those who search logs know it as it is.
+        __dlog_printfex(KY_DLOG_ERROR, SOURCE, "DoRequest",
+                        "Timeout from server for session: %s, exceeded 30 seconds bytes in buf(%d)",
+                        m_clientName.c_str(), buffer.GetLength());
+        return nullptr;
+    }
+    if (status != 0) {
+        __dlog_printfex(KY_DLOG_ERROR, SOURCE, "DoRequest",
+                        "No response from server for session: %s, session status: %d", m_clientName.c_str(),
+                        status);
+        return nullptr;
+    }
+    Trace("CP#1.3");
+    return KyTferMsgFactory::CreateMsgFromBuffer(&buffer);
+}
+
+void TferSvcMsgClient::EndSession() {
+    if (!m_session) return;
+    m_session->Close();
+    m_session.reset();
+}
+
+KyTferMsg* TferSvcMsgClient::GetStatus() {
+    return OrNull("GetStatus", [&] { return DoRequest(new KyTferStatusMsg(512)); });
+}
+
+void TferSvcMsgClient::CancelTransaction(const std::string& transId) {
+    delete OrNull("CancelTransaction", [&]() -> KyTferMsg* {
+        std::unique_ptr<KyTferMsg> request(KyTferMsgFactory::CreateMsg(KyTferMsg::TFER_MSG_CANCEL_TRANS));
+        if (!request) return nullptr;
+        request->SetTransId(transId);
+        return DoRequest(request.release());
+    });
+}
+
+KyTferRespMsg* TferSvcMsgClient::GetDevDirectory() {
+    __dlog_printfex(KY_DLOG_NOTICE, SOURCE, "GetDevDirectory", "Enter - requesting directory");
+    return OrNull("GetDevDirectory", [&] { return Narrow(DoRequest(new KyTferGetDevDirMsg(512))); });
+}
+
+KyTferRespMsg* TferSvcMsgClient::PutDevFile(const std::string& srcPath) {
+    __dlog_printfex(KY_DLOG_NOTICE, SOURCE, "PutDevFile", "Enter - requesting file(%s)", srcPath.c_str());
+    return OrNull("PutDevFile", [&] {
+        auto request = std::make_unique<KyTferPutDevFile>(1024);
+        request->SetSrcPath(srcPath);
+        return Narrow(DoRequest(request.release()));
+    });
+}
+
+KyTferRespMsg* TferSvcMsgClient::GetDevFile(const std::string& xferFileName, const std::string& /*unused*/,
+                                            unsigned int fileSize) {
+    __dlog_printfex(KY_DLOG_NOTICE, SOURCE, "GetDevFile", "Enter - requesting file(%s)",
+                    xferFileName.c_str());
+    return OrNull("GetDevFile", [&] {
+        auto request = std::make_unique<KyTferGetDevFile>(1024);
+        request->SetXferFileName(xferFileName);
+        request->SetXferFileSize(static_cast<int>(fileSize));
+        return Narrow(DoRequest(request.release()));
+    });
+}

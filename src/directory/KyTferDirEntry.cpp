@@ -1,0 +1,109 @@
+#include "directory/KyTferDirEntry.h"
+
+#include <cstdio>
+#include <ctime>
+#include <exception>
+
+#include "messages/KyJson.h"
+#include "platform/KyStringUtils.h"
+
+namespace {
+
+constexpr unsigned long long kNanosecondsPerSecond = 1000000000ULL;
+
+using DateText = char[64];
+
+void FormatDateTime(unsigned long long nanoseconds, DateText& text) {
+    const auto seconds = static_cast<time_t>(nanoseconds / kNanosecondsPerSecond);
+    struct tm utc = {};
+    gmtime_r(&seconds, &utc);
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02dZ", utc.tm_year + 1900, utc.tm_mon + 1,
+                  utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+}
+
+}  // namespace
+
+KyTferDirEntry::KyTferDirEntry() : m_fileSizeInBytes(0), m_dateTime(0) {}
+
+KyTferDirEntry::KyTferDirEntry(const std::string& path, const std::string& origFileName,
+                               const std::string& xferFileName, const std::string& fileType,
+                               unsigned int fileSizeInBytes, unsigned long long dateTime)
+    : m_path(path),
+      m_origFileName(origFileName),
+      m_xferFileName(xferFileName),
+      m_fileType(fileType),
+      m_fileSizeInBytes(fileSizeInBytes),
+      m_dateTime(dateTime) {}
+
+KyTferDirEntry::KyTferDirEntry(const KyTferDirEntry& other) : KyTferDirEntry() {
+    *this = other;
+}
+
+KyTferDirEntry::KyTferDirEntry(KyTferDirEntry&& other) noexcept = default;
+
+KyTferDirEntry::~KyTferDirEntry() = default;
+
+KyTferDirEntry& KyTferDirEntry::operator=(const KyTferDirEntry& other) {
+    m_path = other.m_path;
+    m_origFileName = other.m_origFileName;
+    m_xferFileName = other.m_xferFileName;
+    m_fileType = other.m_fileType;
+    m_fileSizeInBytes = other.m_fileSizeInBytes;
+    m_dateTime = other.m_dateTime;
+    return *this;
+}
+
+KyTferDirEntry& KyTferDirEntry::operator=(KyTferDirEntry&& other) noexcept = default;
+
+void KyTferDirEntry::Init(const std::string& path, const std::string& origFileName,
+                          const std::string& xferFileName, const std::string& fileType,
+                          unsigned int fileSizeInBytes, unsigned long long dateTime) {
+    m_path = path;
+    m_origFileName = origFileName;
+    m_xferFileName = xferFileName;
+    m_fileType = fileType;
+    m_fileSizeInBytes = fileSizeInBytes;
+    m_dateTime = dateTime;
+}
+
+std::string KyTferDirEntry::GetDateTimeAsString() const {
+    DateText buffer = {};
+    FormatDateTime(m_dateTime, buffer);
+    std::string text(buffer);
+    KyStringUtils::Trim(text);
+    return text;
+}
+
+// Formats the date in place: a page has many entries, and a string of this length would be allocated.
+json_t* KyTferDirEntry::GetEntryAsJSONObject() const {
+    DateText date = {};
+    FormatDateTime(m_dateTime, date);
+    ky_json::Ref entry(json_object());
+    ky_json::Set(entry, "path", json_string(m_path.c_str()));
+    ky_json::Set(entry, "filename", json_string(m_origFileName.c_str()));
+    ky_json::Set(entry, "tfername", json_string(m_xferFileName.c_str()));
+    ky_json::Set(entry, "filesize", json_integer(m_fileSizeInBytes));
+    ky_json::Set(entry, "filesizeunit", json_string("bytes"));
+    ky_json::Set(entry, "filetype", json_string(m_fileType.c_str()));
+    ky_json::Set(entry, "filedate", json_string(date));
+    return entry.release();
+}
+
+std::string KyTferDirEntry::GetEntryAsJSONString() const try {
+    const ky_json::Ref entry(GetEntryAsJSONObject());
+    return ky_json::OrEmpty(ky_json::Dump(entry.get(), JSON_INDENT(2) | JSON_COMPACT | JSON_SORT_KEYS));
+} catch (const std::exception&) {
+    return std::string();
+}
+
+std::string KyTferDirEntry::GetFullXferFilePath() const {
+    return InPath(m_xferFileName);
+}
+
+std::string KyTferDirEntry::GetFullOrigFilePath() const {
+    return InPath(m_origFileName);
+}
+
+std::string KyTferDirEntry::InPath(const std::string& fileName) const {
+    return m_path.empty() ? fileName : m_path + "/" + fileName;
+}

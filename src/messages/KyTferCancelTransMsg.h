@@ -1,0 +1,20 @@
+#ifndef MESSAGES_KYTFERCANCELTRANSMSG_H
+#define MESSAGES_KYTFERCANCELTRANSMSG_H
+
+#include "messages/KyTferMsg.h"
+
+/// Asks the transfer service to cancel a transaction, the one that the transaction identifier names. It has
+/// no fields but those of every message.
+class KYTFER_EXPORT KyTferCancelTransMsg : public KyTferMsg {
+public:
+    /// A request with empty fields. The argument is handed to KyTferMsg and has no effect.
+    explicit KyTferCancelTransMsg(int sizeHint);
+    ~KyTferCancelTransMsg() override;
+
+    using KyTferMsg::operator=;
+
+    void Serialize(KyIpcMsgBuffer* buffer) override;
+    void Deserialize(KyIpcMsgBuffer* buffer) override;
+};
+
+#endif

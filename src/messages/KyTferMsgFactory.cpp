@@ -1,0 +1,47 @@
+#include "messages/KyTferMsgFactory.h"
+
+#include <new>
+
+#include "messages/KyTferCancelTransMsg.h"
+#include "messages/KyTferGetDevDirMsg.h"
+#include "messages/KyTferGetDevFile.h"
+#include "messages/KyTferPutDevFile.h"
+#include "messages/KyTferRespMsg.h"
+#include "messages/KyTferStatusMsg.h"
+#include "platform/KyIpcMsgBuffer.h"
+
+namespace {
+
+/// The constructors allocate nothing: all texts of a new message are empty.
+template <typename Message>
+KyTferMsg* New() {
+    return new (std::nothrow) Message(512);
+}
+
+}  // namespace
+
+KyTferMsg* KyTferMsgFactory::CreateMsg(KyTferMsg::TferMsgType type) {
+    switch (static_cast<unsigned int>(type)) {
+        case KyTferMsg::TFER_MSG_GET_DEV_FILE:
+            return New<KyTferGetDevFile>();
+        case KyTferMsg::TFER_MSG_PUT_DEV_FILE:
+            return New<KyTferPutDevFile>();
+        case KyTferMsg::TFER_MSG_GET_DEV_DIR:
+            return New<KyTferGetDevDirMsg>();
+        case KyTferMsg::TFER_MSG_RESP:
+            return New<KyTferRespMsg>();
+        case KyTferMsg::TFER_MSG_STATUS:
+            return New<KyTferStatusMsg>();
+        case KyTferMsg::TFER_MSG_CANCEL_TRANS:
+            return New<KyTferCancelTransMsg>();
+        default:
+            return nullptr;
+    }
+}
+
+KyTferMsg* KyTferMsgFactory::CreateMsgFromBuffer(KyIpcMsgBuffer* buffer) {
+    const int type = KyTferMsg::PeekMsgType(buffer->GetBuf());
+    KyTferMsg* const message = CreateMsg(static_cast<KyTferMsg::TferMsgType>(type));
+    if (message != nullptr) message->Deserialize(buffer);
+    return message;
+}

@@ -1,0 +1,20 @@
+#include "messages/KyTferPutDevFile.h"
+
+#include "platform/KyIpcMsgBuffer.h"
+#include "platform/KyIpcMsgUtil.h"
+
+KyTferPutDevFile::KyTferPutDevFile(int sizeHint) : KyTferDevFileMsg(sizeHint) {
+    SetMsgType(TFER_MSG_PUT_DEV_FILE);
+}
+
+KyTferPutDevFile::~KyTferPutDevFile() = default;
+
+void KyTferPutDevFile::Serialize(KyIpcMsgBuffer* buffer) {
+    KyTferDevFileMsg::Serialize(buffer);
+    KyIpcMsgUtil::PutStringParam(buffer, m_srcPath);
+}
+
+void KyTferPutDevFile::Deserialize(KyIpcMsgBuffer* buffer) {
+    KyTferDevFileMsg::Deserialize(buffer);
+    KyIpcMsgUtil::ExtractStringParam(buffer, m_srcPath);
+}

@@ -1,0 +1,29 @@
+#ifndef MESSAGES_KYTFERPUTDEVFILE_H
+#define MESSAGES_KYTFERPUTDEVFILE_H
+
+#include <string>
+
+#include "messages/KyTferDevFileMsg.h"
+
+/// Asks the transfer service to push a file of the card to the device.
+class KYTFER_EXPORT KyTferPutDevFile : public KyTferDevFileMsg {
+public:
+    /// A request with empty names, a size of 0 and an empty source path. The argument is handed to KyTferMsg
+    /// and has no effect.
+    explicit KyTferPutDevFile(int sizeHint);
+    ~KyTferPutDevFile() override;
+
+    using KyTferMsg::operator=;
+
+    void Serialize(KyIpcMsgBuffer* buffer) override;
+    void Deserialize(KyIpcMsgBuffer* buffer) override;
+
+    /// Path on the card of the file to push.
+    const std::string& GetSrcPath() const { return m_srcPath; }
+    void SetSrcPath(const std::string& path) { m_srcPath = path; }
+
+private:
+    std::string m_srcPath;
+};
+
+#endif
