@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 
 namespace fs = std::filesystem;
 
@@ -29,9 +30,11 @@ TempDir::~TempDir() {
 
 std::string ReadFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    if (!file.is_open() || file.bad()) ADD_FAILURE() << "cannot read " << path;
-    return bytes;
+    std::ostringstream bytes;
+    if (!file.is_open() || (file.peek() != EOF && !(bytes << file.rdbuf()))) {
+        ADD_FAILURE() << "cannot read " << path;
+    }
+    return bytes.str();
 }
 
 void WriteFile(const std::string& path, const std::string& bytes) {
@@ -52,8 +55,8 @@ int ThreadCount() {
 }
 
 int OpenDescriptors() {
-    return EntriesOf("/proc/self/fd") - 1;
-}  // the listing itself holds one
+    return EntriesOf("/proc/self/fd") - 1;  // the listing itself holds one
+}
 
 long AddressSpaceKiB() {
     long pages = 0;
