@@ -43,8 +43,8 @@ public:
     ///              it, it does not come to an end when the last other writer closes it
     int MakeFifo(const char* name, mode_t mode, KyMadeFifo& fifo) const;
 
-    /// Opens a FIFO that has a reader, for writing. Writing to it does not wait, as reading from the one above
-    /// does not.
+    /// Opens a FIFO that has a reader, for writing. Writing to it does not wait, and reading from the one
+    /// above does not either.
     int OpenForWriting(const char* name, KyFd& fifo) const;
 
     /// Removes the name, if it is still that of the open FIFO.

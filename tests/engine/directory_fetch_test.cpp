@@ -147,20 +147,6 @@ TEST_F(DirectoryFetch, WithoutAMonitorOnlyTheWorkerEndsIt) {
     ASSERT_TRUE(WaitUntil([&] { return Outcome(Record()) == kFetched; }) && WaitUntilQuiet());
 }
 
-TEST_F(DirectoryFetch, MonitorEndsFirstAndTheWorkersTextIsTheLast) {
-    PutOnDevice("f", 100);
-    Start();
-    Gate gate;
-    proxy->afterGetFile = [&] { gate.Wait(); };
-    List();
-    ASSERT_TRUE(gate.WaitForArrival());
-    ASSERT_TRUE(WaitUntil([&] { return Outcome(Record()) == "complete: Directory File Transfer Complete"; }));
-    EXPECT_TRUE(WaitUntil([&] { return LastOfMonitor() == "Exit COMPLETE 2"; }));
-    gate.Open();
-    ASSERT_TRUE(WaitUntilQuiet());
-    EXPECT_EQ(Outcome(Record()), kFetched);
-}
-
 /// Between the time-out step and the final step, which are two: what the final step finds.
 TEST_F(DirectoryFetch, FinalStepOverwritesNothingThatCameInBetween) {
     enum class Between { NOTHING, FETCH, PUSH, WORKER };

@@ -158,22 +158,8 @@ TEST_F(Negotiation, MutexThatCouldNotBeCreatedIsLoggedByInit) {
     EXPECT_EQ(Outcome(Record()), "none");
 }
 
-TEST_F(Negotiation, SecondInitRebindsDirectories) {
-    Start();
-    KyTferClient other;
-    EXPECT_NE(other.Init(7, nullptr), 0);
-    EXPECT_EQ(KyTferClient::GetHmiDownloadDirectory(), "/var/local/tal/pldserver/7/tferFiles/");
-    EXPECT_EQ(engine->Init(3, proxy.get()), 0);
-    EXPECT_EQ(KyTferClient::GetHmiDownloadDirectory(), kDownload);
-}
-
 class ModuleSearch : public EngineTest {
 protected:
-    /// Runs Init on a thread of its own, as a service does, until it has returned.
-    void InitOnThread() {
-        std::thread init([this] { engine->Init(3, proxy.get()); });
-        init.join();
-    }
     std::vector<unsigned short> ReadIndexes() const {
         std::vector<unsigned short> indexes;
         for (const SimCall& call : device->Calls()) {
@@ -182,14 +168,6 @@ protected:
         return indexes;
     }
 };
-
-TEST_F(ModuleSearch, TakesAnIndexAfterFourReadsTwoSecondsApart) {
-    Build();
-    EXPECT_TRUE(engine->Init(3, proxy.get()) == 0);
-    EXPECT_EQ(ReadIndexes(), (std::vector<unsigned short>{1, 2, 2, 2, 2}));
-    EXPECT_EQ(SteppedTime::TotalSlept(), 8s);
-    EXPECT_EQ(log.Count(5, "MAI multi-module index (1-based) that we will use: 2"), 1);
-}
 
 TEST_F(ModuleSearch, MismatchOnTheFourthReadMovesOn) {
     Build();
@@ -214,27 +192,11 @@ TEST_F(ModuleSearch, StopEndsASearchThatNeverMatchesAndInitRunsOn) {
         SteppedTime::OnSleep([&] {
             if (++sleeps == 20) engine->Stop();
         });
-        InitOnThread();
+        engine->Init(3, proxy.get());
         EXPECT_LT(SteppedTime::TotalSlept(), 6s);
         EXPECT_EQ(log.Count(5, "that we will use: 0") > 0, true);
         EXPECT_EQ(device->GetString(sim_point::CLIENT_FILE_REQ), "NONE") << "negotiated without an index";
         SteppedTime::OnSleep({});
-        TearDown();
-    }
-}
-
-TEST_F(ModuleSearch, EndsAtOnceWithoutReportOrCount) {
-    const struct {
-        SimAccess access;
-        const char* logged;
-    } rows[] = {{SimAccess::REPORT_ID, "MonAgentInfo report is not in the device FDM."},
-                {SimAccess::MODULE_COUNT, "Failed to get max module count, report ID: "}};
-    for (const auto& row : rows) {
-        Build();
-        device->FailPoint(row.access, sim_point::MON_AGENT_INFO, 9);
-        EXPECT_EQ(engine->Init(3, proxy.get()), 0);
-        EXPECT_EQ(log.Count(3, row.logged), 1);
-        EXPECT_EQ(SteppedTime::TotalSlept(), 0s);
         TearDown();
     }
 }

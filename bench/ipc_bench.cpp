@@ -1,0 +1,393 @@
+// One status round trip of a process with the transfer service: through TferSvcMsgClient, with a fresh
+// session each time, as every caller has it; over two bare FIFOs with the same system calls and no library;
+// and, if built with sd-bus, as a D-Bus method call through a dbus-daemon of its own, over a connection that
+// stays open. All carry the same texts. The ways take turns in short batches, so that whatever else the
+// machine does falls on all of them.
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#ifdef KY_BENCH_SDBUS
+#include <systemd/sd-bus.h>
+#endif
+
+#include "client/TferSvcMsgClient.h"
+#include "host/KyFd.h"
+#include "messages/KyTferMsgFactory.h"
+#include "messages/KyTferStatusMsg.h"
+#include "platform/KyIpcFifoSession.h"
+#include "platform/KyIpcMsgBuffer.h"
+
+namespace {
+
+using Nanoseconds = std::vector<double>;
+
+constexpr int BATCHES = 40;
+constexpr int BATCH = 500;
+constexpr int WARM_UP = 1000;
+constexpr char NAME[] = "event-log-2024-03-15.csv";
+constexpr char PATH[] = "/var/local/tal/pldserver/17/tferFiles/";
+constexpr char TEXT[] = "Get Dev File Complete";
+constexpr size_t BARE_REQUEST = 85;  // bytes, what the library sends and gets
+constexpr size_t BARE_REPLY = 164;
+
+void Require(bool good, const char* what) {
+    if (!good) throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
+}
+
+/// Runs `body`; a failure is told on standard error. @return the exit status
+int Guarded(const std::function<void()>& body) {
+    try {
+        body();
+        return 0;
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "ipc_bench: %s\n", failure.what());
+        return 1;
+    }
+}
+
+void PinTo(int processor, pid_t process = 0) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(static_cast<size_t>(processor), &set);
+    Require(sched_setaffinity(process, sizeof set, &set) == 0, "sched_setaffinity");
+}
+
+/// A process of the benchmark, killed when the object goes.
+class Child {
+public:
+    /// Returns once the body has called its argument.
+    explicit Child(const std::function<void(const std::function<void()>& ready)>& body) {
+        int ends[2];
+        Require(pipe2(ends, O_CLOEXEC) == 0, "pipe");
+        const KyFd hear(ends[0]);
+        KyFd tell(ends[1]);
+        m_process = fork();
+        Require(m_process >= 0, "fork");
+        if (m_process == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            std::_Exit(Guarded([&] { body([&] { tell = KyFd(); }); }));
+        }
+        tell = KyFd();
+        char byte;
+        (void)!read(hear.Get(), &byte, 1);
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    ~Child() {
+        kill(m_process, SIGKILL);
+        waitpid(m_process, nullptr, 0);
+    }
+
+    pid_t Process() const { return m_process; }
+
+private:
+    pid_t m_process;
+};
+
+// The library.
+
+void ServeLibrary(const std::function<void()>& ready) {
+    KyIpcFifoSession control("service", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
+    Require(control.OpenReadFifo("tfersvc-CtrlFifo", 0600) == 0, "control FIFO");
+    ready();
+    for (;;) {
+        KyIpcMsgBuffer request(1024), reply(200);
+        if (control.Read(&request, 1000) != 0) continue;
+        const std::unique_ptr<KyTferMsg> message(KyTferMsgFactory::CreateMsgFromBuffer(&request));
+        if (!message) continue;
+        KyTferStatusMsg status(512);
+        status.SetStatus(KyTferStatusMsg::TFER_STATUS_COMPLETE);
+        status.SetOrigFileName(NAME);
+        status.SetXferFileName(NAME);
+        status.SetFilePath(PATH);
+        status.SetStatusMsg(TEXT);
+        status.Serialize(&reply);
+        KyIpcFifoSession answer("service", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
+        if (answer.OpenCtrlFifo(message->GetRespFifo().c_str()) == 0)
+            answer.WriteCtrl(reinterpret_cast<const char*>(reply.GetBuf()), reply.GetLength());
+    }
+}
+
+void AskLibrary() {
+    const std::unique_ptr<KyTferMsg> reply(TferSvcMsgClient::GetInstance()->GetStatus());
+    Require(reply != nullptr, "GetStatus");
+}
+
+// The same system calls in the same order, and nothing else.
+
+class BareDirectory {
+public:
+    explicit BareDirectory(const char* path) : m_directory(open(path, O_PATH | O_DIRECTORY | O_CLOEXEC)) {
+        struct stat found;
+        Require(fstat(m_directory.Get(), &found) == 0, path);
+    }
+
+    KyFd Make(const char* name) const {
+        struct stat found;
+        Require(mkfifoat(m_directory.Get(), name, 0600) == 0, name);
+        KyFd fifo(openat(m_directory.Get(), name, O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+        Require(fstat(fifo.Get(), &found) == 0 && geteuid() == found.st_uid && fchmod(fifo.Get(), 0777) == 0,
+                name);
+        return fifo;
+    }
+
+    KyFd Open(const char* name) const {
+        struct stat found;
+        KyFd fifo(openat(m_directory.Get(), name, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+        Require(fstat(fifo.Get(), &found) == 0, name);
+        return fifo;
+    }
+
+    void Remove(const char* name) const {
+        struct stat found;
+        Require(fstatat(m_directory.Get(), name, &found, AT_SYMLINK_NOFOLLOW) == 0, name);
+        Require(unlinkat(m_directory.Get(), name, 0) == 0, name);
+    }
+
+private:
+    KyFd m_directory;
+};
+
+void BareWrite(const KyFd& fifo, size_t count) {
+    static const char bytes[BARE_REPLY] = {};
+    sigset_t sigpipe, before;
+    sigemptyset(&sigpipe);
+    sigaddset(&sigpipe, SIGPIPE);
+    Require(flock(fifo.Get(), LOCK_EX | LOCK_NB) == 0, "flock");
+    pthread_sigmask(SIG_BLOCK, &sigpipe, &before);
+    Require(write(fifo.Get(), bytes, count) == static_cast<ssize_t>(count), "write");
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    flock(fifo.Get(), LOCK_UN);
+}
+
+void BareRead(const KyFd& fifo) {
+    char bytes[4096];
+    pollfd file = {fifo.Get(), POLLIN, 0};
+    Require(poll(&file, 1, 60'000) == 1 && read(fifo.Get(), bytes, sizeof bytes) > 0, "read");
+}
+
+constexpr char BARE_CONTROL[] = "bare-CtrlFifo";
+constexpr char BARE_ANSWER[] = "bare-ClntRxFifo";
+
+void ServeBare(const std::string& path, const std::function<void()>& ready) {
+    const KyFd control = BareDirectory(path.c_str()).Make(BARE_CONTROL);
+    ready();
+    for (;;) {
+        pollfd file = {control.Get(), POLLIN, 0};
+        if (poll(&file, 1, 1000) == 0) continue;
+        BareRead(control);
+        const BareDirectory directory(path.c_str());
+        BareWrite(directory.Open(BARE_ANSWER), BARE_REPLY);
+    }
+}
+
+void AskBare(const std::string& path) {
+    const BareDirectory directory(path.c_str());
+    const KyFd answer = directory.Make(BARE_ANSWER);
+    const KyFd control = directory.Open(BARE_CONTROL);
+    BareWrite(control, BARE_REQUEST);
+    BareRead(answer);
+    directory.Remove(BARE_ANSWER);
+}
+
+// D-Bus.
+
+#ifdef KY_BENCH_SDBUS
+
+constexpr char SERVICE[] = "ky.Bench";
+
+void RunDaemon(const std::string& directory, const std::function<void()>& ready) {
+    const std::string config = directory + "/bus.conf";
+    std::ofstream(config)
+        << "<busconfig><type>session</type><listen>unix:path=" << directory
+        << "/bus</listen><policy context=\"default\"><allow send_destination=\"*\" "
+           "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
+    const std::string option = "--config-file=" + config;
+    (void)ready;  // its end of the pipe closes on exec; the bus is there a little later
+    const KyFd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    dup2(null.Get(), STDERR_FILENO);  // it complains of limits that it may not raise
+    execlp("dbus-daemon", "dbus-daemon", "--nofork", option.c_str(), static_cast<char*>(nullptr));
+}
+
+/// A connection to the daemon, tried for five seconds; null if there is none.
+sd_bus* Connect(const std::string& directory) {
+    const std::string address = "unix:path=" + directory + "/bus";
+    for (int tries = 0; tries < 500; ++tries) {
+        sd_bus* bus = nullptr;
+        Require(sd_bus_new(&bus) >= 0 && sd_bus_set_address(bus, address.c_str()) >= 0 &&
+                    sd_bus_set_bus_client(bus, 1) >= 0,
+                "sd_bus_new");
+        if (sd_bus_start(bus) >= 0) return bus;
+        sd_bus_unref(bus);
+        usleep(10'000);
+    }
+    return nullptr;
+}
+
+int AnswerCall(sd_bus_message* call, void*, sd_bus_error*) {
+    return sd_bus_reply_method_return(call, "uuussss", 2U, 300'000U, 300'000U, NAME, NAME, PATH, TEXT);
+}
+
+void ServeBus(const std::string& directory, const std::function<void()>& ready) {
+    sd_bus* const bus = Connect(directory);
+    Require(bus != nullptr && sd_bus_add_object(bus, nullptr, "/status", AnswerCall, nullptr) >= 0 &&
+                sd_bus_request_name(bus, SERVICE, 0) >= 0,
+            "D-Bus service");
+    ready();
+    for (;;) {
+        int done;
+        while ((done = sd_bus_process(bus, nullptr)) > 0) {
+        }
+        Require(done == 0 && sd_bus_wait(bus, UINT64_MAX) >= 0, "D-Bus service");
+    }
+}
+
+void AskBus(sd_bus* bus) {
+    sd_bus_message* reply = nullptr;
+    Require(sd_bus_call_method(bus, SERVICE, "/status", SERVICE, "GetStatus", nullptr, &reply, "") >= 0,
+            "D-Bus call");
+    uint32_t status, requested, transferred;
+    const char *original, *name, *path, *text;
+    Require(sd_bus_message_read(reply, "uuussss", &status, &requested, &transferred, &original, &name, &path,
+                                &text) >= 0,
+            "D-Bus reply");
+    sd_bus_message_unref(reply);
+}
+
+bool HaveDaemon() {
+    return std::system("command -v dbus-daemon >/dev/null 2>&1") == 0;
+}
+
+#endif
+
+// The measurement.
+
+struct Way {
+    const char* name;
+    std::function<void()> ask;
+    std::vector<pid_t> peers;
+    Nanoseconds times;
+};
+
+void Measure(Way& way, int count, bool keep) {
+    for (; count > 0; --count) {
+        const auto start = std::chrono::steady_clock::now();
+        way.ask();
+        const std::chrono::duration<double, std::nano> time = std::chrono::steady_clock::now() - start;
+        if (keep) way.times.push_back(time.count());
+    }
+}
+
+double Percentile(const Nanoseconds& sorted, double fraction) {
+    return sorted[static_cast<size_t>(fraction * static_cast<double>(sorted.size() - 1))];
+}
+
+void Print(std::vector<Way>& ways) {
+    std::printf("  %-34s %10s %10s %22s\n", "", "median", "99 %", "median / bare FIFOs");
+    for (Way& way : ways)
+        std::sort(way.times.begin(), way.times.end());
+    for (const Way& way : ways) {
+        const double median = Percentile(way.times, 0.5);
+        std::printf("  %-34s %7.1f us %7.1f us %22.2f\n", way.name, median / 1000,
+                    Percentile(way.times, 0.99) / 1000, median / Percentile(ways[1].times, 0.5));
+    }
+}
+
+void Compare(std::vector<Way>& ways, int processors) {
+    std::printf("Both sides pinned, %d processor%s:\n", processors, processors == 1 ? "" : "s");
+    PinTo(0);
+    for (Way& way : ways) {
+        for (const pid_t peer : way.peers)
+            PinTo(processors - 1, peer);
+        way.times.clear();
+        Measure(way, WARM_UP, false);
+    }
+    for (int batch = 0; batch < BATCHES; ++batch) {
+        for (Way& way : ways)
+            Measure(way, BATCH, true);
+    }
+    Print(ways);
+}
+
+/// A directory for FIFOs in memory, where those in /run lie too.
+class Directory {
+public:
+    Directory() : m_path("/dev/shm/ky-ipc-bench-XXXXXX") {
+        Require(mkdtemp(m_path.data()) != nullptr, "/dev/shm");
+        setenv("KY_IPC_DIR", m_path.c_str(), 1);
+    }
+    Directory(const Directory&) = delete;
+    Directory& operator=(const Directory&) = delete;
+    ~Directory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+    const std::string& Path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+void Run(const std::string& directory) {
+    const Child library(ServeLibrary);
+    const Child bare([&](const auto& ready) { ServeBare(directory, ready); });
+    std::vector<Way> ways;
+    ways.push_back({"TferSvcMsgClient::GetStatus", AskLibrary, {library.Process()}, {}});
+    ways.push_back({"two bare FIFOs", [&] { AskBare(directory); }, {bare.Process()}, {}});
+#ifdef KY_BENCH_SDBUS
+    std::unique_ptr<Child> daemon, service;
+    sd_bus* bus = nullptr;
+    if (HaveDaemon()) {
+        daemon = std::make_unique<Child>([&](const auto& ready) { RunDaemon(directory, ready); });
+        service = std::make_unique<Child>([&](const auto& ready) { ServeBus(directory, ready); });
+        bus = Connect(directory);
+        Require(bus != nullptr, "D-Bus connection");
+        ways.push_back({"D-Bus method call, sd-bus",
+                        [bus] { AskBus(bus); },
+                        {daemon->Process(), service->Process()},
+                        {}});
+    } else {
+        std::puts("No comparison with D-Bus: dbus-daemon is not installed.");
+    }
+#else
+    std::puts("No comparison with D-Bus: built without sd-bus (libsystemd-dev).");
+#endif
+    const unsigned int processors = std::thread::hardware_concurrency();
+    Compare(ways, 1);
+    if (processors > 1) Compare(ways, 2);
+#ifdef KY_BENCH_SDBUS
+    sd_bus_unref(bus);
+#endif
+}
+
+}  // namespace
+
+int main() {
+    return Guarded([] {
+        const Directory directory;
+        Run(directory.Path());
+    });
+}

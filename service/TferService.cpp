@@ -1,0 +1,274 @@
+#include "service/TferService.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "host/KyHostIpc.h"
+#include "messages/KyTferGetDevFile.h"
+#include "messages/KyTferMsgFactory.h"
+#include "messages/KyTferPutDevFile.h"
+#include "platform/KyDlog.h"
+#include "platform/KyIpcMsgBuffer.h"
+#include "platform/tal_fileutils.h"
+
+namespace {
+
+constexpr char kSource[] = "TferService";
+constexpr char kControlFifo[] = "tfersvc-CtrlFifo";
+constexpr unsigned int kControlFifoMode = 0660;
+constexpr char kLockFile[] = "/tfersvc.lock";
+constexpr char kFlagDirectory[] = "/var/tmp/dmp";
+constexpr char kStarting[] = "The transfer service is still looking for its place in the device";
+constexpr char kBadName[] = "The name of the file is not acceptable";
+constexpr char kTooMany[] = "Too many requests are waiting";
+constexpr auto kPatience = std::chrono::seconds(8);
+constexpr int kAnswerBoundMs = 50;
+constexpr int kRequestsAtATime = 64;
+constexpr int kWatchMs = 10;  // how often the loop looks at the engine while something waits for it
+constexpr int kForEver = -1;
+
+/// A name of a file of the device, which must not lead out of the directory that it is put into.
+bool IsAcceptable(const std::string& name) {
+    return !name.empty() && name.find('/') == std::string::npos && name.find("..") == std::string::npos;
+}
+
+/// A message that lacks bytes, or has some too many, does not come out the same when it is written again.
+/// Only the server identifier may: the wire has room for more of it than counts.
+bool IsWhole(KyTferMsg& message, const KyIpcMsgBuffer& received) {
+    constexpr int kTypeEnd = 4;
+    constexpr int kServerEnd = 8;
+    KyIpcMsgBuffer again(received.GetLength());
+    message.Serialize(&again);
+    const int length = received.GetLength();
+    if (again.GetLength() != length || length < kServerEnd) return false;
+    return memcmp(again.GetBuf(), received.GetBuf(), kTypeEnd) == 0 &&
+           memcmp(again.GetBuf() + kServerEnd, received.GetBuf() + kServerEnd,
+                  static_cast<size_t>(length - kServerEnd)) == 0;
+}
+
+bool BeginsTransaction(const KyTferMsg& message) {
+    return message.GetMsgType() == KyTferMsg::TFER_MSG_GET_DEV_FILE ||
+           message.GetMsgType() == KyTferMsg::TFER_MSG_PUT_DEV_FILE ||
+           message.GetMsgType() == KyTferMsg::TFER_MSG_GET_DEV_DIR;
+}
+
+KyTferStatusMsg Refusal(const std::string& reason) {
+    KyTferStatusMsg record(512);
+    record.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
+    record.SetStatusMsg(reason);
+    return record;
+}
+
+}  // namespace
+
+TferService::TferService(unsigned short deviceId, DeviceLink& link)
+    : m_deviceId(deviceId),
+      m_link(link),
+      m_control("tfersvc", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM),
+      m_waiting(kPatience) {}
+
+TferService::~TferService() {
+    Stop();
+    if (m_wakeFd >= 0) close(m_wakeFd);
+}
+
+bool TferService::Start() {
+    m_wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (m_wakeFd < 0 || !OpenControlFifo()) return false;
+    tal_fileutils::MakeDirPath(kFlagDirectory, 0755, true);
+    m_initThread = std::thread([this] { InitEngine(); });
+    m_loopThread = std::thread([this] { Run(); });
+    return true;
+}
+
+bool TferService::OpenControlFifo() {
+    int status = ky_host::CreateIpcDirectory();
+    const std::string directory = ky_host::IpcDirectory();
+    if (status != KyIpcFifoSession::IPC_OK) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "Start", "cannot use %s for the FIFOs, status %d",
+                        directory.c_str(), status);
+        return false;
+    }
+    const int error = m_lock.Take(directory + kLockFile);
+    if (error != 0) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "Start", "%s: %s",
+                        error == EWOULDBLOCK ? "another transfer service is running" : "cannot take the lock",
+                        strerror(error));
+        return false;
+    }
+    status = m_control.OpenReadFifo(kControlFifo, kControlFifoMode);
+    if (status != KyIpcFifoSession::IPC_OK) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "Start", "cannot open %s/%s, status %d", directory.c_str(),
+                        kControlFifo, status);
+        return false;
+    }
+    return true;
+}
+
+void TferService::InitEngine() {
+    const int status = m_engine.Init(m_deviceId, &m_link.Proxy());
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, "InitEngine", "the engine is ready, status %d", status);
+    m_ready = true;
+    eventfd_write(m_wakeFd, 1);
+}
+
+void TferService::Stop() {
+    if (!m_loopThread.joinable()) return;
+    m_link.Abort();
+    m_stop = true;
+    eventfd_write(m_wakeFd, 1);
+    m_engine.Stop();
+    m_loopThread.join();
+    m_initThread.join();
+    m_control.Close();
+}
+
+void TferService::Run() {
+    while (!m_stop) {
+        try {
+            if (!WaitForWork()) continue;
+            if (m_ready) DeliverChanges();
+            TakeRequests();
+            BeginDueTransactions();
+            KeepListing();
+        } catch (const std::exception& error) {
+            __dlog_printfex(KY_DLOG_ERROR, kSource, "Run", "%s", error.what());
+        }
+    }
+}
+
+// False if there is nothing to do but to look at m_stop.
+bool TferService::WaitForWork() {
+    // Until the engine is ready its changes wait; they must not keep the loop awake.
+    const int changes = m_ready ? m_link.ChangesDescriptor() : -1;
+    struct pollfd sources[] = {
+        {m_wakeFd, POLLIN, 0}, {m_control.ReadDescriptor(), POLLIN, 0}, {changes, POLLIN, 0}};
+    const bool watching = !m_waiting.Empty() || m_listingDue;
+    const int bound = m_moreRequests ? 0 : watching ? kWatchMs : kForEver;
+    if (poll(sources, 3, bound) < 0) return false;
+    eventfd_t wakes = 0;
+    eventfd_read(m_wakeFd, &wakes);
+    return !m_stop;
+}
+
+void TferService::DeliverChanges() {
+    m_link.DeliverChanges([this](const KyValChgInfo& change) { m_engine.DataChange(change); });
+}
+
+// Takes so many at a time that callers who ask without end do not keep the loop from its other work.
+void TferService::TakeRequests() {
+    KyIpcMsgBuffer buffer(1024);
+    m_moreRequests = true;
+    for (int i = 0; i < kRequestsAtATime && m_moreRequests && !m_stop; ++i) {
+        m_moreRequests = m_control.Read(&buffer, 0) == KyIpcFifoSession::IPC_OK;
+        if (!m_moreRequests) return;
+        Take(buffer);
+        if (m_ready) DeliverChanges();
+    }
+}
+
+void TferService::Take(KyIpcMsgBuffer& buffer) {
+    std::unique_ptr<KyTferMsg> message(KyTferMsgFactory::CreateMsgFromBuffer(&buffer));
+    if (!message || !IsWhole(*message, buffer)) {
+        __dlog_printfex(KY_DLOG_WARNING, kSource, "Take",
+                        "dropped an unknown or damaged message of %d bytes, type %d", buffer.GetLength(),
+                        KyTferMsg::PeekMsgType(buffer.GetBuf()));
+        return;
+    }
+    if (message->GetMsgType() == KyTferMsg::TFER_MSG_STATUS) return AnswerStatus(*message);
+    if (message->GetMsgType() == KyTferMsg::TFER_MSG_RESP) {
+        __dlog_printfex(KY_DLOG_WARNING, kSource, "Take", "dropped a reply that nobody asked for");
+        return;
+    }
+    if (!m_ready) return Answer(*message, kRefused, kStarting);
+    if (!BeginsTransaction(*message)) {
+        m_engine.CancelTransaction(message->GetTransId());
+        return Answer(*message, kAccepted, m_engine.GetStatus(message->GetTransId()).GetStatusMsg());
+    }
+    if (!m_waiting.Add(message)) Answer(*message, kRefused, kTooMany);
+}
+
+void TferService::BeginDueTransactions() {
+    while (!m_stop) {
+        const bool quiet = !m_engine.WorkerRunning();
+        // What a worker has just caused belongs to its own transaction.
+        if (m_ready) DeliverChanges();
+        const std::unique_ptr<KyTferMsg> request = m_waiting.TakeDue(quiet);
+        if (!request) return;
+        Begin(*request);
+    }
+}
+
+void TferService::Begin(KyTferMsg& request) {
+    KyTferStatusMsg record(512);
+    if (const auto* fetch = dynamic_cast<KyTferGetDevFile*>(&request)) {
+        record = IsAcceptable(fetch->GetXferFileName())
+                     ? m_engine.GetFileFromDevRequest(fetch->GetXferFileName(), fetch->GetXferFileSize())
+                     : Refusal(kBadName);
+    } else if (const auto* push = dynamic_cast<KyTferPutDevFile*>(&request)) {
+        record = Push(push->GetSrcPath());
+    } else {
+        record = m_engine.GetDirectoryFromDevRequest();
+        m_listingDue = record.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS;
+    }
+    const bool accepted = record.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS;
+    Answer(request, accepted ? kAccepted : kRefused, record.GetStatusMsg());
+}
+
+KyTferStatusMsg TferService::Push(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos || path.front() != '/' || !IsAcceptable(path.substr(slash + 1))) {
+        return Refusal(kBadName);
+    }
+    return m_engine.PutFileToDevRequest(path.substr(0, slash), path.substr(slash + 1));
+}
+
+void TferService::KeepListing() {
+    if (!m_listingDue || m_engine.WorkerRunning()) return;
+    const KyTferStatusMsg record = m_engine.GetStatus("");
+    if (record.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS) return;
+    m_listingDue = false;
+    const bool isListing = record.GetReqType() == KyTferStatusMsg::TFER_REQ_DIRECTORY &&
+                           record.GetStatus() == KyTferStatusMsg::TFER_STATUS_COMPLETE &&
+                           record.GetFilePath() == KyTferClient::GetHmiDownloadDirectory();
+    if (isListing) m_engine.CreateDirectoryFromFile(record.GetXferFullFilePath());
+}
+
+void TferService::AnswerStatus(const KyTferMsg& request) {
+    KyTferStatusMsg record = m_ready ? m_engine.GetStatus(request.GetTransId()) : Refusal(kStarting);
+    Send(request, record);
+}
+
+void TferService::Answer(const KyTferMsg& request, KyTferRespMsg::TferMsgResult result,
+                         const std::string& text) {
+    KyTferRespMsg reply(512);
+    reply.SetResultStatus(result);
+    reply.SetResultMsg(text);
+    Send(request, reply);
+}
+
+void TferService::Send(const KyTferMsg& request, KyTferMsg& reply) {
+    reply.SetSorServerId(request.GetSorServerId());
+    reply.SetTransId(request.GetTransId());
+    reply.SetCallerContext(request.GetCallerContext());
+    const std::string& fifo = request.GetRespFifo();
+    int status = KyIpcFifoSession::IPC_REFUSED;
+    if (fifo != kControlFifo) {
+        KyIpcMsgBuffer buffer(512);
+        reply.Serialize(&buffer);
+        KyIpcFifoSession session("tfersvc", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
+        session.SetWriteBound(kAnswerBoundMs);
+        status = session.OpenCtrlFifo(fifo.c_str());
+        if (status == KyIpcFifoSession::IPC_OK) {
+            status = session.WriteCtrl(reinterpret_cast<const char*>(buffer.GetBuf()), buffer.GetLength());
+        }
+    }
+    if (status != KyIpcFifoSession::IPC_OK) {
+        __dlog_printfex(KY_DLOG_WARNING, kSource, "Send", "could not answer on (%s), status %d", fifo.c_str(),
+                        status);
+    }
+}

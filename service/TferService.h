@@ -1,0 +1,92 @@
+#ifndef SERVICE_TFERSERVICE_H
+#define SERVICE_TFERSERVICE_H
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "engine/KyTferClient.h"
+#include "messages/KyTferRespMsg.h"
+#include "platform/KyIpcFifoSession.h"
+#include "service/DeviceLink.h"
+#include "service/RequestQueue.h"
+#include "service/ServiceLock.h"
+
+class KyIpcMsgBuffer;
+
+/// The transfer service: owns the engine, hands it the changes of the device's points, and answers the
+/// requests of other processes, which come in over the control FIFO "tfersvc-CtrlFifo".
+///
+/// States. Start makes it the one service of the machine and begins to bind the engine to the device, which
+/// takes eight seconds at least; requests are refused until then. Stop ends it for good.
+///
+/// Threads. Start and Stop are called from one thread. The service has two of its own: one that runs the
+/// engine's Init, and a loop that does everything else, one thing at a time: deliver changes, take a request,
+/// make the one engine call that it asks for, answer. A request that begins a transaction waits up to eight
+/// seconds, while the loop goes on, for the worker of the last one to end: the changes that it caused are
+/// then delivered before the new transaction has its record.
+///
+/// Answers. A fetch, directory or push request gets a KyTferRespMsg with kAccepted or kRefused and the status
+/// message of the engine's record; a status request the record itself; a cancel request kAccepted. A message
+/// that is damaged, or asks for nothing, is logged and dropped. The loop waits a twentieth of a second at
+/// most for a caller to take its answer.
+class TferService {
+public:
+    static constexpr auto kAccepted = static_cast<KyTferRespMsg::TferMsgResult>(1);
+    static constexpr auto kRefused = static_cast<KyTferRespMsg::TferMsgResult>(2);
+
+    /// @param link  the way to the device; lives longer than the service
+    TferService(unsigned short deviceId, DeviceLink& link);
+
+    /// Stops the service if Stop was not called.
+    ~TferService();
+
+    TferService(const TferService&) = delete;
+    TferService& operator=(const TferService&) = delete;
+
+    /// Opens the control FIFO and starts the threads.
+    ///
+    /// @return false, with a line in the log, if another service runs or the FIFO cannot be made
+    bool Start();
+
+    /// Aborts the device, ends the threads and removes the control FIFO. Takes little more than a second at
+    /// most. Calling it again does no harm.
+    void Stop();
+
+private:
+    bool OpenControlFifo();
+    void InitEngine();
+
+    // The loop's.
+    void Run();
+    bool WaitForWork();
+    void DeliverChanges();
+    void TakeRequests();
+    void Take(KyIpcMsgBuffer& buffer);
+    void BeginDueTransactions();
+    void Begin(KyTferMsg& request);
+    KyTferStatusMsg Push(const std::string& path);
+    void KeepListing();
+    void AnswerStatus(const KyTferMsg& request);
+    void Answer(const KyTferMsg& request, KyTferRespMsg::TferMsgResult result, const std::string& text);
+    void Send(const KyTferMsg& request, KyTferMsg& reply);
+
+    const unsigned short m_deviceId;
+    DeviceLink& m_link;
+    KyTferClient m_engine;
+    ServiceLock m_lock;
+    KyIpcFifoSession m_control;
+    int m_wakeFd = -1;  // an event counter: the loop is to look at m_stop, or the engine is ready
+    std::atomic<bool> m_ready{false};
+    std::atomic<bool> m_stop{false};
+    std::thread m_initThread;
+    std::thread m_loopThread;
+
+    // The loop's alone.
+    RequestQueue m_waiting;
+    bool m_moreRequests = false;  // the last round did not take all that had come
+    bool m_listingDue = false;    // a directory request has been accepted, and its listing has not been read
+};
+
+#endif

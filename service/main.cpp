@@ -1,0 +1,5 @@
+#include "service/Tfersvc.h"
+
+int main(int argc, char** argv) {
+    return TfersvcMain(argc, argv);
+}
