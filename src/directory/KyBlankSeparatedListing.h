@@ -33,8 +33,7 @@ namespace ky_directory {
 /// a stream that was not good to begin with, gives no entries.
 ///
 /// @param in         read up to the end of the listing, with the state that `>>` leaves there: failed unless
-/// a
-///                   wrong character before a time stamp has ended it
+///                   a wrong character before a time stamp has ended it
 /// @param directory  takes the entries; those that were read before a bad item stay
 /// @return the number of entries read
 ///

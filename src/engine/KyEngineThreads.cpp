@@ -9,6 +9,10 @@ namespace {
 // has made to it; Stop then must not wait for the very call it runs in.
 thread_local int t_callsOfThisThread = 0;
 
+// A device decides how often a worker is started. More than two at a time mean that it does not keep to the
+// protocol.
+constexpr int kMostWorkers = 8;
+
 }  // namespace
 
 KyEngineThreads::Call::Call(KyEngineThreads& threads, Admission admission) : m_threads(threads) {
@@ -39,6 +43,7 @@ int KyEngineThreads::Start(Kind kind, void* (*entry)(void*), void* argument, uns
                            pthread_t& handle) {
     KyRequestLock lock(m_mutex);
     if (m_closed) return ESHUTDOWN;
+    if (kind == WORKER && m_runningWorkers.load() >= kMostWorkers) return EAGAIN;
     JoinEnded();
     // In the list before it exists, so that a thread once started cannot get lost for want of memory.
     try {

@@ -43,7 +43,8 @@ public:
     /// Joins the threads that have ended and starts one with default attributes.
     ///
     /// @param handle  gets the new thread's handle; untouched on failure
-    /// @return 0, or an error number: ESHUTDOWN after Close, otherwise pthread_create's
+    /// @return 0, or an error number: ESHUTDOWN after Close, EAGAIN if too many workers run already,
+    ///         otherwise pthread_create's
     int Start(Kind kind, void* (*entry)(void*), void* argument, unsigned long long transaction,
               pthread_t& handle);
 

@@ -52,14 +52,6 @@ void RemoveFlagFile(const char* path, const char* function) {
                     strerror(error));
 }
 
-void LogIfFailed(int status, const char* failure) {
-    if (status != 0) __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "%s. status(%d)", failure, status);
-}
-
-void TraceNumber(const char* what, unsigned int value) {
-    __dlog_printfex(KY_DLOG_TRACE, kSource, "Init", "%s(%d)", what, static_cast<int>(value));
-}
-
 }  // namespace
 
 KyTferClient::KyTferClient() : m_status(512) {
@@ -81,7 +73,7 @@ int KyTferClient::Init(unsigned short deviceId, KyPldProxy* proxy) {
                     m_physicalSlot);
     int status = kNoMemory;
     try {
-        AcquireMaiMmIdx();
+        FindModule();
         __dlog_printfex(KY_DLOG_NOTICE, kSource, "Init",
                         "MAI multi-module index (1-based) that we will use: %d", m_maiMmIdx.load());
         SetDirectories();
@@ -121,32 +113,61 @@ int KyTferClient::Negotiate() {
 // A step that fails is logged and the sequence goes on; only the last write's status is the result.
 int KyTferClient::NegotiateSorrel485() {
     SetDmpSupported(false);
-    ReadPoint(m_serverMaxVersion, PNT_SERVER_MAX_VERSION, "Could not get server max version");
-    ReadPoint(m_serverMaxFileSize, PNT_SERVER_MAX_FILE_SIZE, "Could not get server max file size");
-    LogIfFailed(WritePoint(kClientVersion, PNT_CLIENT_MIN_VERSION), "Could not set client min version");
-    LogIfFailed(WritePoint(kClientVersion, PNT_CLIENT_MAX_VERSION), "Could not set client max version");
-    LogIfFailed(WritePoint(kClientMaxFileSize, PNT_CLIENT_MAX_FILE_SIZE),
-                "Could not set client max file size");
-
-    unsigned int xferFileSize = 0;
-    {
-        KyRequestLock lock(m_requestMutex);
-        xferFileSize = m_xferFileSize;
+    int status = ReadPoint(m_serverMaxVersion, PNT_SERVER_MAX_VERSION);
+    if (status != 0) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "Could not get server max version. status(%d)",
+                        status);
     }
-    const int result = WritePoint(xferFileSize, PNT_XFER_FILE_SIZE);
-    LogIfFailed(result, "Could not set client max file size");
-
-    TraceNumber("Server Min Supported Version", m_serverMinVersion);
-    TraceNumber("Server Max Supported Version", m_serverMaxVersion);
-    TraceNumber("Server Max Supported File Size", m_serverMaxFileSize);
-    TraceNumber("Client Min Supported Version", kClientVersion);
-    TraceNumber("Client Max Supported Version", kClientVersion);
-    TraceNumber("Client Max Supported File Size", kClientMaxFileSize);
-
-    MaiStringSend(kRequestNone, PNT_CLIENT_FILE_REQ);
+    status = ReadPoint(m_serverMaxFileSize, PNT_SERVER_MAX_FILE_SIZE);
+    if (status != 0) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "Could not get server max file size. status(%d)",
+                        status);
+    }
+    status = WritePoint(kClientVersion, PNT_CLIENT_MIN_VERSION);
+    if (status != 0) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "Could not set client min version. status(%d)",
+                        status);
+    }
+    status = WritePoint(kClientVersion, PNT_CLIENT_MAX_VERSION);
+    if (status != 0) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "Could not set client max version. status(%d)",
+                        status);
+    }
+    status = WritePoint(kClientMaxFileSize, PNT_CLIENT_MAX_FILE_SIZE);
+    if (status != 0) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "Could not set client max file size. status(%d)",
+                        status);
+    }
+    status = WritePoint(XferFileSize(), PNT_XFER_FILE_SIZE);
+    if (status != 0) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "Could not set client max file size. status(%d)",
+                        status);
+    }
+    TraceLimits();
+    SendString(kRequestNone, PNT_CLIENT_FILE_REQ);
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "Init", "download dir is(%s)",
                     GetHmiDownloadDirectory().c_str());
-    return result;
+    return status;
+}
+
+unsigned int KyTferClient::XferFileSize() {
+    KyRequestLock lock(m_requestMutex);
+    return m_xferFileSize;
+}
+
+void KyTferClient::TraceLimits() const {
+    __dlog_printfex(KY_DLOG_TRACE, kSource, "Init", "Server Min Supported Version(%d)",
+                    static_cast<int>(m_serverMinVersion.load()));
+    __dlog_printfex(KY_DLOG_TRACE, kSource, "Init", "Server Max Supported Version(%d)",
+                    static_cast<int>(m_serverMaxVersion.load()));
+    __dlog_printfex(KY_DLOG_TRACE, kSource, "Init", "Server Max Supported File Size(%d)",
+                    static_cast<int>(m_serverMaxFileSize.load()));
+    __dlog_printfex(KY_DLOG_TRACE, kSource, "Init", "Client Min Supported Version(%d)",
+                    static_cast<int>(kClientVersion));
+    __dlog_printfex(KY_DLOG_TRACE, kSource, "Init", "Client Max Supported Version(%d)",
+                    static_cast<int>(kClientVersion));
+    __dlog_printfex(KY_DLOG_TRACE, kSource, "Init", "Client Max Supported File Size(%d)",
+                    static_cast<int>(kClientMaxFileSize));
 }
 
 int KyTferClient::ProbeUsb(int minVersionStatus) {
@@ -205,21 +226,34 @@ bool KyTferClient::IsTferProtocolSupported() const {
     return m_serverMinVersion != 0 && m_serverMaxVersion != 0;
 }
 
+std::string KyTferClient::LandingDirectory() {
+    std::lock_guard<std::mutex> lock(g_directoriesMutex);
+    return s_sorLandingDir;
+}
+
 std::string KyTferClient::DownloadDirectory() {
     std::lock_guard<std::mutex> lock(g_directoriesMutex);
     return s_downloadDir;
 }
 
 std::string KyTferClient::GetHmiDownloadDirectory() {
-    const std::string directory = DownloadDirectory();
+    std::string directory;
+    try {
+        directory = DownloadDirectory();
+    } catch (...) {
+        return directory;
+    }
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "GetHmiDownloadDirectory", "%p - %s",
                     static_cast<void*>(&s_downloadDir), directory.c_str());
     return directory;
 }
 
 std::string KyTferClient::GetCardReceiveFileDirectory() {
-    std::lock_guard<std::mutex> lock(g_directoriesMutex);
-    return s_sorLandingDir;
+    try {
+        return LandingDirectory();
+    } catch (...) {
+        return std::string();
+    }
 }
 
 void KyTferClient::Stop() {

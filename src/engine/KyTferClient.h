@@ -64,22 +64,21 @@ public:
     ///
     /// @param deviceId  identifier of the managed device
     /// @param proxy     the way to it; stays the caller's and must live until the engine is destroyed. Null
-    /// lets
-    ///                  Init run through and fail, and every request be refused.
+    ///                  lets Init run through and fail, and every request be refused.
     /// @return 0 for success. Over the Sorrel 485 transport it is the status of setting the device's file
-    /// size
-    ///         point, over USB that of the read that failed or 0. IsTferProtocolSupported tells which it is.
+    ///         size point, over USB that of the read that failed or 0. IsTferProtocolSupported tells which it
+    ///         is.
     int Init(unsigned short deviceId, KyPldProxy* proxy);
 
-    /// Ends the engine: its threads and the calls into it that are under way have ended when it returns, and
-    /// it makes no further call to the proxy. Calling it again, or before Init, does no harm.
+    /// Ends the engine: its threads have ended when it returns, and so have the calls of other threads that
+    /// may reach the proxy. The engine makes no further call to the proxy, unless Init is called after it.
+    /// Calling it again, or before Init, does no harm.
     ///
-    /// A call of the proxy may call Stop from within a call made to it; that one call is then not waited for.
+    /// A proxy may call Stop from within a call made to it; that one call is then not waited for.
     void Stop();
 
     /// Tells the rest of the card whether the device supports the USB transport: creates or removes the flag
-    /// file
-    /// "/var/tmp/dmp/dmp_supported". A failure is logged. The directory is not created.
+    /// file "/var/tmp/dmp/dmp_supported". A failure is logged. The directory is not created.
     void SetDmpSupported(bool supported);
 
     /// True if Init has agreed on the Sorrel 485 transport with the device.
@@ -132,11 +131,9 @@ public:
     ///
     /// @param fileName  the file's name on the device
     /// @param fileSize  its size in bytes, taken as an unsigned number; a file that arrives with another size
-    /// has
-    ///                  failed
+    ///                  has failed
     /// @return a copy of the record, in progress, when the request is accepted; otherwise a separate record
-    /// with
-    ///         TFER_STATUS_FAIL and the reason: a transaction is in progress, or there is no device
+    ///         with TFER_STATUS_FAIL and the reason: a transaction is in progress, or there is no device
     KyTferStatusMsg GetFileFromDevRequest(const std::string& fileName, int fileSize);
 
     /// Body of the worker: fetches the file that the record names. Runs on a thread of the engine.
@@ -161,8 +158,7 @@ public:
     /// @param directory  directory of the file, without a "/" at its end
     /// @param fileName   the file's name in it
     /// @return a copy of the record: in progress, or failed with the reason. Without a device it is a
-    /// separate record
-    ///         with TFER_STATUS_FAIL, and the file is left alone.
+    ///         separate record with TFER_STATUS_FAIL, and the file is left alone.
     KyTferStatusMsg PutFileToDevRequest(const std::string& directory, const std::string& fileName);
 
     /// Body of the push worker: pushes the file that the record names. Runs on a thread of the engine.
@@ -182,9 +178,8 @@ public:
     /// other, within 60 seconds; when the record is complete, CreateDirectoryFromFile can read it.
     ///
     /// @return a copy of the record, in progress, when the request is accepted; otherwise a separate record
-    /// with
-    ///         TFER_STATUS_FAIL and the reason: a transaction is in progress, the device did not take the
-    ///         request, or there is no device
+    ///         with TFER_STATUS_FAIL and the reason: a transaction is in progress, the device did not take
+    ///         the request, or there is no device
     KyTferStatusMsg GetDirectoryFromDevRequest();
 
     /// Body of the directory monitor. Runs on a thread of the engine.
@@ -216,12 +211,17 @@ private:
     int ProbeUsb(int minVersionStatus);
     void PublishUsbSpeed(unsigned int maxUsbSpeed);
     void SetDirectories();
+    static std::string LandingDirectory();
     static std::string DownloadDirectory();
+    unsigned int XferFileSize();
+    void TraceLimits() const;
 
     // Points.
     int ReadPoint(unsigned int& value, unsigned short pointId);
-    void ReadPoint(std::atomic<unsigned int>& member, unsigned short pointId, const char* failure);
+    int ReadPoint(std::atomic<unsigned int>& member, unsigned short pointId);
     int WritePoint(unsigned int value, unsigned short pointId);
+    int SendString(const std::string& value, unsigned short pointId);
+    bool FindModule();
     int WriteString(const char* value, unsigned short pointId);
     void FetchThroughProxy(const std::string& name);
     bool PushThroughProxy(const std::string& directory, const std::string& origName,
@@ -240,17 +240,20 @@ private:
     void DirectoryAnswered(const std::string& answer, unsigned long long transaction);
 
     // Transactions.
-    KyTferStatusMsg Refuse(const char* function, const char* reason);
+    static void Refuse(KyTferStatusMsg& result, const char* function, const char* reason);
     unsigned long long BeginTransaction() KY_REQUIRES(m_requestMutex);
     bool IsCurrent(unsigned long long transaction) const KY_REQUIRES(m_requestMutex);
     void SetRequestType(KyTferStatusMsg::TferRequestType type) KY_REQUIRES(m_requestMutex);
     unsigned long long TransactionOfThisThread();
+    void RunGuarded(void (KyTferClient::*body)());
     void EndForWantOfMemory();
     static void* RunThread(void* engine, const char* name, void (KyTferClient::*body)());
 
     // Fetch.
+    void RequestFetch(const std::string& fileName, unsigned int fileSize, KyTferStatusMsg& result);
     unsigned long long AcceptFetch(const std::string& fileName, unsigned int fileSize,
                                    KyTferStatusMsg& result);
+    void FetchFile();
     bool BeginFetch(FetchJob& job);
     void EndFetch(const FetchJob& job);
     void FetchedNothing(const FetchJob& job);
@@ -262,6 +265,9 @@ private:
     void EndFetchByTime(unsigned long long transaction, bool afterTimeOut) KY_REQUIRES(m_requestMutex);
 
     // Push.
+    void RequestPush(const std::string& directory, const std::string& fileName, KyTferStatusMsg& result);
+    void PushFile();
+    void HoldRecordForPush();
     bool Stage(const std::string& sourcePath, const std::string& stagedPath, KyTferStatusMsg& result);
     bool MeasureStaged(const std::string& stagedPath, unsigned int& size, KyTferStatusMsg& result);
     void RecordFailedStaging(const std::string& text, KyTferStatusMsg& result);
@@ -274,7 +280,8 @@ private:
 
     // Directory.
     bool IsInProgress();
-    KyTferStatusMsg RefuseDirectory(int status);
+    void RequestDirectory(KyTferStatusMsg& result);
+    void RefuseDirectory(int status, KyTferStatusMsg& result);
     unsigned long long RecordDirectoryRequest(KyTferStatusMsg& result);
     PollResult PollDirectory(unsigned long long transaction) KY_REQUIRES(m_requestMutex);
     void TimeOutDirectory() KY_REQUIRES(m_requestMutex);
@@ -282,6 +289,8 @@ private:
     void FreeListings();
 
     // Monitors.
+    void WatchFetch();
+    void WatchDirectory();
     static long long WallClockSeconds();
     static void LogStart(int level, const char* function, long long start, long long end);
     static unsigned int CountOf(unsigned long long size);
@@ -328,9 +337,10 @@ private:
 
     // The number of the transaction in the record, one higher with every accepted fetch or directory request.
     // A thread whose transaction has another number is late: it changes neither record nor flag.
-    unsigned long long m_transaction KY_GUARDED_BY(m_requestMutex) = 0;
-    // The last transaction that its own worker completed; 0 for none.
+    unsigned long long m_transaction KY_GUARDED_BY(m_requestMutex) = 1;
+    // The last transactions that their own workers completed and failed; 0 for none.
     unsigned long long m_completedByWorker KY_GUARDED_BY(m_requestMutex) = 0;
+    unsigned long long m_failedByWorker KY_GUARDED_BY(m_requestMutex) = 0;
     // The record's request type, for reading it without the mutex.
     std::atomic<KyTferStatusMsg::TferRequestType> m_requestType{KyTferStatusMsg::TFER_REQ_NONE};
     KyEngineThreads m_threads;

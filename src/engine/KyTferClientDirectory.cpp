@@ -20,24 +20,37 @@ constexpr long long kDirectoryLimitSeconds = 60;
 }  // namespace
 
 KyTferStatusMsg KyTferClient::GetDirectoryFromDevRequest() {
+    KyTferStatusMsg result(512);
     const KyEngineThreads::Call call(m_threads);
-    if (!call || m_pldProxy == nullptr) return Refuse(kRequestFunction, kNotInitialized);
-    try {
-        if (IsInProgress()) return Refuse(kRequestFunction, kInProgress);
-        const int status = MaiStringSend(kRequestDirectory, PNT_CLIENT_FILE_REQ);
-        if (status != 0) return RefuseDirectory(status);
-        KyTferStatusMsg result(512);
-        const unsigned long long transaction = RecordDirectoryRequest(result);
-        __dlog_printfex(KY_DLOG_NOTICE, kSource, kRequestFunction, "%s", kRequested);
-        const int error = m_threads.Start(KyEngineThreads::MONITOR, MonitorGetDirThreadStart, this,
-                                          transaction, m_getDirMonitorThread);
-        if (error != 0) {
-            __dlog_printfex(KY_DLOG_ERROR, kSource, kRequestFunction,
-                            "Error creating directory monitor thread.  error=%d", error);
-        }
+    if (!call || m_pldProxy == nullptr) {
+        Refuse(result, kRequestFunction, kNotInitialized);
         return result;
+    }
+    try {
+        RequestDirectory(result);
     } catch (...) {
-        return Refuse(kRequestFunction, kOutOfMemory);
+        Refuse(result, kRequestFunction, kOutOfMemory);
+    }
+    return result;
+}
+
+void KyTferClient::RequestDirectory(KyTferStatusMsg& result) {
+    if (IsInProgress()) {
+        Refuse(result, kRequestFunction, kInProgress);
+        return;
+    }
+    const int status = SendString(kRequestDirectory, PNT_CLIENT_FILE_REQ);
+    if (status != 0) {
+        RefuseDirectory(status, result);
+        return;
+    }
+    const unsigned long long transaction = RecordDirectoryRequest(result);
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kRequestFunction, "%s", kRequested);
+    const int error = m_threads.Start(KyEngineThreads::MONITOR, MonitorGetDirThreadStart, this, transaction,
+                                      m_getDirMonitorThread);
+    if (error != 0) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, kRequestFunction,
+                        "Error creating directory monitor thread.  error=%d", error);
     }
 }
 
@@ -48,17 +61,16 @@ bool KyTferClient::IsInProgress() {
 
 // The record keeps its status; only its kind is forgotten, so that no late answer of the device starts a
 // worker.
-KyTferStatusMsg KyTferClient::RefuseDirectory(int status) {
+void KyTferClient::RefuseDirectory(int status, KyTferStatusMsg& result) {
     const std::string text = "Failed to send directory request to server. Status=" + std::to_string(status);
-    KyTferStatusMsg refusal = Refuse(kRequestFunction, text.c_str());
-    refusal.SetReqType(KyTferStatusMsg::TFER_REQ_DIRECTORY);
+    Refuse(result, kRequestFunction, text.c_str());
+    result.SetReqType(KyTferStatusMsg::TFER_REQ_DIRECTORY);
     KyRequestLock lock(m_requestMutex);
     SetRequestType(KyTferStatusMsg::TFER_REQ_NONE);
-    return refusal;
 }
 
 unsigned long long KyTferClient::RecordDirectoryRequest(KyTferStatusMsg& result) {
-    const std::string landingDir = GetCardReceiveFileDirectory();
+    const std::string landingDir = LandingDirectory();
     KyRequestLock lock(m_requestMutex);
     m_status.SetStatusMsg(kRequested);
     m_status.SetOrigFileName(kRequestDirectory);
@@ -78,6 +90,10 @@ void* KyTferClient::MonitorGetDirThreadStart(void* engine) {
 }
 
 void KyTferClient::MonitorGetDirRequest() {
+    RunGuarded(&KyTferClient::WatchDirectory);
+}
+
+void KyTferClient::WatchDirectory() {
     static const MonitorFlow kFlow = {"MonitorGetDirRequest",
                                       kDirectoryLimitSeconds,
                                       false,
@@ -106,7 +122,8 @@ KyTferClient::PollResult KyTferClient::PollDirectory(unsigned long long transact
     Describe(result);
     // The size is not known before the device has announced it.
     if (m_status.GetBytesRequested() != 0) MeasureArrivingFile(result);
-    if (result.sighted && result.bytesTransfered == result.bytesRequested) {
+    const bool refused = m_failedByWorker == transaction;
+    if (result.sighted && !refused && result.bytesTransfered == result.bytesRequested) {
         m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_COMPLETE);
         m_status.SetStatusMsg(kArrived);
         m_transactionActive = false;

@@ -27,37 +27,51 @@ struct KyTferClient::FetchJob {
 };
 
 KyTferStatusMsg KyTferClient::GetFileFromDevRequest(const std::string& fileName, int fileSize) {
+    KyTferStatusMsg result(512);
     const KyEngineThreads::Call call(m_threads);
-    if (!call || m_pldProxy == nullptr) return Refuse(kRequestFunction, kNotInitialized);
-    try {
-        KyTferStatusMsg result(512);
-        const unsigned long long transaction =
-            AcceptFetch(fileName, static_cast<unsigned int>(fileSize), result);
-        if (transaction == 0) return Refuse(kRequestFunction, kInProgress);
-        m_threads.Start(KyEngineThreads::MONITOR, MonitorGetFileThreadStart, this, transaction,
-                        m_getFileMonitorThread);
-        MaiStringSend(fileName, PNT_CLIENT_FILE_REQ);
+    if (!call || m_pldProxy == nullptr) {
+        Refuse(result, kRequestFunction, kNotInitialized);
         return result;
-    } catch (...) {
-        return Refuse(kRequestFunction, kOutOfMemory);
     }
+    try {
+        RequestFetch(fileName, static_cast<unsigned int>(fileSize), result);
+    } catch (...) {
+        Refuse(result, kRequestFunction, kOutOfMemory);
+    }
+    return result;
+}
+
+void KyTferClient::RequestFetch(const std::string& fileName, unsigned int fileSize, KyTferStatusMsg& result) {
+    const unsigned long long transaction = AcceptFetch(fileName, fileSize, result);
+    if (transaction == 0) {
+        Refuse(result, kRequestFunction, kInProgress);
+        return;
+    }
+    m_threads.Start(KyEngineThreads::MONITOR, MonitorGetFileThreadStart, this, transaction,
+                    m_getFileMonitorThread);
+    SendString(fileName, PNT_CLIENT_FILE_REQ);
 }
 
 // Returns the new transaction's number, or 0, with nothing changed, if another one is in progress.
 unsigned long long KyTferClient::AcceptFetch(const std::string& fileName, unsigned int fileSize,
                                              KyTferStatusMsg& result) {
-    const std::string landingDir = GetCardReceiveFileDirectory();
+    const std::string landingDir = LandingDirectory();
     KyRequestLock lock(m_requestMutex);
     if (m_status.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS) return 0;
-    // What can run out of memory comes first: a record must not be in progress with nobody to end it.
+    // What can run out of memory comes before the status: a request that is refused leaves no transaction
+    // behind.
+    result = m_status;
+    result.SetFilePath(landingDir);
+    result.SetXferFileName(fileName);
     m_status.SetFilePath(landingDir);
     m_status.SetXferFileName(fileName);
+    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
     m_status.SetBytesRequested(fileSize);
     SetRequestType(KyTferStatusMsg::TFER_REQ_GET_FILE);
     m_xferFileSize = fileSize;
-    result = m_status;
     result.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
+    result.SetBytesRequested(fileSize);
+    result.SetReqType(KyTferStatusMsg::TFER_REQ_GET_FILE);
     return BeginTransaction();
 }
 
@@ -66,6 +80,10 @@ void* KyTferClient::GetFileFromDevThreadStart(void* engine) {
 }
 
 void KyTferClient::GetFileFromDevice() {
+    RunGuarded(&KyTferClient::FetchFile);
+}
+
+void KyTferClient::FetchFile() {
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kWorkerFunction, "Enter");
     FetchJob job;
     if (BeginFetch(job)) {
@@ -86,11 +104,18 @@ void KyTferClient::GetFileFromDevice() {
 // record is then not the one that the device has made ready.
 bool KyTferClient::BeginFetch(FetchJob& job) {
     job.transaction = TransactionOfThisThread();
+    const std::string landingDir = LandingDirectory();
     KyRequestLock lock(m_requestMutex);
     if (!IsCurrent(job.transaction)) return false;
     job.name = m_status.GetXferFileName();
-    job.landingPath = m_status.GetXferFullFilePath();
     job.expectedSize = m_status.GetBytesRequested();
+    if (m_completedByWorker == job.transaction) {
+        // The device says once more that the file is ready. It gets its answer, but the fetch stays complete.
+        job.landingPath = landingDir + job.name;
+        return true;
+    }
+    job.landingPath = m_status.GetXferFullFilePath();
+    m_failedByWorker = 0;
     m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
     return true;
 }
@@ -128,7 +153,7 @@ void KyTferClient::FetchedWhole(const FetchJob& job) {
                         finalPath.c_str(), error, strerror(error));
     }
     RecordCompletedFetch(job, downloadDir, text);
-    MaiStringSend(kRequestSuccess, PNT_CLIENT_FILE_REQ);
+    SendString(kRequestSuccess, PNT_CLIENT_FILE_REQ);
 }
 
 void KyTferClient::FetchedOtherSize(const FetchJob& job, unsigned long long size) {
@@ -136,14 +161,15 @@ void KyTferClient::FetchedOtherSize(const FetchJob& job, unsigned long long size
                              std::to_string(job.expectedSize) + ") bytes only received(" +
                              std::to_string(size) + ") bytes.";
     RecordFailedFetch(job, text);
-    MaiStringSend(kRequestError, PNT_CLIENT_FILE_REQ);
+    SendString(kRequestError, PNT_CLIENT_FILE_REQ);
     __dlog_printfex(KY_DLOG_ERROR, kSource, kWorkerFunction, "%s", text.c_str());
 }
 
 // Leaves the active flag set: a monitor that still runs goes on until its time limit.
 void KyTferClient::RecordFailedFetch(const FetchJob& job, const std::string& text) {
     KyRequestLock lock(m_requestMutex);
-    if (!IsCurrent(job.transaction)) return;
+    if (!IsCurrent(job.transaction) || m_completedByWorker == job.transaction) return;
+    m_failedByWorker = job.transaction;
     m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
     m_status.SetStatusMsg(text);
     m_status.SetBytesTransfered(m_status.GetBytesRequested());
@@ -166,6 +192,10 @@ void* KyTferClient::MonitorGetFileThreadStart(void* engine) {
 }
 
 void KyTferClient::MonitorGetFileRequest() {
+    RunGuarded(&KyTferClient::WatchFetch);
+}
+
+void KyTferClient::WatchFetch() {
     static const MonitorFlow kFlow = {
         "MonitorGetFileRequest",       kFetchLimitSeconds, true, &KyTferClient::PollFetch, nullptr,
         &KyTferClient::EndFetchByTime, "Leave break out"};
@@ -185,7 +215,9 @@ KyTferClient::PollResult KyTferClient::PollFetch(unsigned long long transaction)
     if (m_completedByWorker == transaction) return result.Leave(kLeaveSuccess);
     Describe(result);
     MeasureArrivingFile(result);
-    if (result.sighted && result.bytesTransfered == result.bytesRequested) {
+    // The worker sets the announced size back to 0: an empty file that it has just refused would fit then.
+    const bool refused = m_failedByWorker == transaction;
+    if (result.sighted && !refused && result.bytesTransfered == result.bytesRequested) {
         m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_COMPLETE);
         m_status.SetStatusMsg(kArrived);
         m_transactionActive = false;

@@ -46,14 +46,11 @@ int KyTferClient::ReadPoint(unsigned int& value, unsigned short pointId) {
 }
 
 // A failed read leaves the member as it was, whatever the proxy has put into its output.
-void KyTferClient::ReadPoint(std::atomic<unsigned int>& member, unsigned short pointId, const char* failure) {
+int KyTferClient::ReadPoint(std::atomic<unsigned int>& member, unsigned short pointId) {
     unsigned int value = 0;
     const int status = ReadPoint(value, pointId);
-    if (status == 0) {
-        member = value;
-    } else {
-        __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "%s. status(%d)", failure, status);
-    }
+    if (status == 0) member = value;
+    return status;
 }
 
 int KyTferClient::WritePoint(unsigned int value, unsigned short pointId) {
@@ -92,6 +89,11 @@ bool KyTferClient::PushThroughProxy(const std::string& directory, const std::str
 }
 
 int KyTferClient::MaiStringSend(const std::string& value, unsigned short pointId) {
+    const KyEngineThreads::Call call(m_threads);
+    return call ? SendString(value, pointId) : kStopped;
+}
+
+int KyTferClient::SendString(const std::string& value, unsigned short pointId) {
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "MaiStringSend", "Send value(%s)", value.c_str());
     WriteString("", pointId);
     const int status = WriteString(value.c_str(), pointId);
@@ -107,7 +109,8 @@ int KyTferClient::MaiStringSend(const std::string& value, unsigned short pointId
 }
 
 int KyTferClient::MaiStringGet(std::string& value, unsigned short pointId) {
-    return ReadString(value, pointId, m_maiMmIdx);
+    const KyEngineThreads::Call call(m_threads);
+    return call ? ReadString(value, pointId, m_maiMmIdx) : kStopped;
 }
 
 bool KyTferClient::GetModuleCount(unsigned int& count) {
@@ -133,10 +136,17 @@ bool KyTferClient::GetModuleCount(unsigned int& count) {
 }
 
 bool KyTferClient::AcquireMaiMmIdx() {
+    const KyEngineThreads::Call call(m_threads);
+    return call && FindModule();
+}
+
+bool KyTferClient::FindModule() {
     try {
         const std::string mac = tal_netutils::KyNetUtils::GetMAC();
         unsigned int count = 0;
         if (!GetModuleCount(count)) return false;
+        // A card that does not know its own address would find itself in the first module without a text.
+        if (mac.empty()) return false;
         bool found = false;
         while (!found) {
             if (m_stopRequested) return false;
@@ -168,7 +178,8 @@ bool KyTferClient::ConfirmModule(unsigned short mmIdx, const std::string& mac) {
         std::string agent;
         if (ReadString(agent, PNT_MON_AGENT_INFO, mmIdx) != 0 || agent != mac) return false;
         if (matches == kMatchesNeeded) return true;
-        SleepUnlessStopped(kSearchPauseSeconds, m_stopRequested);
+        // Reads that follow each other without the pause prove nothing.
+        if (!SleepUnlessStopped(kSearchPauseSeconds, m_stopRequested)) return false;
     }
 }
 

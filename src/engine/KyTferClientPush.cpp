@@ -23,26 +23,33 @@ constexpr long long kPushLimitSeconds = 180;
 }  // namespace
 
 KyTferStatusMsg KyTferClient::PutFileToDevRequest(const std::string& directory, const std::string& fileName) {
+    KyTferStatusMsg result(512);
     const KyEngineThreads::Call call(m_threads);
-    if (!call || m_pldProxy == nullptr) return Refuse(kRequestFunction, kNotInitialized);
-    try {
-        const std::string stagedPath = std::string(kPldServerDir) + "/" + fileName;
-        KyTferStatusMsg result(512);
-        unsigned int size = 0;
-        if (!Stage(directory + "/" + fileName, stagedPath, result)) return result;
-        if (!MeasureStaged(stagedPath, size, result)) return result;
-        const unsigned long long transaction = AnnouncePush(fileName, stagedPath, size, result);
-        if (result.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS) {
-            const int error = m_threads.Start(KyEngineThreads::WORKER, PutFileToDevThreadStart, this,
-                                              transaction, m_putFileThread);
-            // The caller is told what was agreed with the device; the record must not stay in progress with
-            // nobody to end it.
-            if (error != 0) RecordPushEnd(transaction, KyTferStatusMsg::TFER_STATUS_FAIL, kRequestFailed);
-        }
+    if (!call || m_pldProxy == nullptr) {
+        Refuse(result, kRequestFunction, kNotInitialized);
         return result;
-    } catch (...) {
-        return Refuse(kRequestFunction, kOutOfMemory);
     }
+    try {
+        RequestPush(directory, fileName, result);
+    } catch (...) {
+        Refuse(result, kRequestFunction, kOutOfMemory);
+    }
+    return result;
+}
+
+void KyTferClient::RequestPush(const std::string& directory, const std::string& fileName,
+                               KyTferStatusMsg& result) {
+    const std::string stagedPath = std::string(kPldServerDir) + "/" + fileName;
+    unsigned int size = 0;
+    if (!Stage(directory + "/" + fileName, stagedPath, result)) return;
+    if (!MeasureStaged(stagedPath, size, result)) return;
+    const unsigned long long transaction = AnnouncePush(fileName, stagedPath, size, result);
+    if (result.GetStatus() != KyTferStatusMsg::TFER_STATUS_INPROGRESS) return;
+    const int error =
+        m_threads.Start(KyEngineThreads::WORKER, PutFileToDevThreadStart, this, transaction, m_putFileThread);
+    // The caller is told what was agreed with the device; the record must not stay in progress with nobody to
+    // end it.
+    if (error != 0) RecordPushEnd(transaction, KyTferStatusMsg::TFER_STATUS_FAIL, kRequestFailed);
 }
 
 // The file is the engine's from here on: one that cannot be moved is removed where it is.
@@ -96,7 +103,7 @@ unsigned long long KyTferClient::AnnouncePush(const std::string& fileName, const
     std::atomic<bool> never{false};
     SleepUnlessStopped(kPauseBeforeNameSeconds, never);
     const std::string xferName = NextTransferName();
-    const int nameStatus = MaiStringSend(xferName, PNT_XFER_FILE_NAME);
+    const int nameStatus = SendString(xferName, PNT_XFER_FILE_NAME);
 
     const bool accepted = sizeStatus == 0 && nameStatus == 0;
     if (!accepted) {
@@ -141,6 +148,10 @@ void* KyTferClient::PutFileToDevThreadStart(void* engine) {
 }
 
 void KyTferClient::PutFileToDevice() {
+    RunGuarded(&KyTferClient::PushFile);
+}
+
+void KyTferClient::PushFile() {
     const unsigned long long transaction = TransactionOfThisThread();
     std::string directory;
     std::string origName;
@@ -179,6 +190,10 @@ void* KyTferClient::MonitorPutFileThreadStart(void* engine) {
 }
 
 void KyTferClient::MonitorPutFileRequest() {
+    RunGuarded(&KyTferClient::HoldRecordForPush);
+}
+
+void KyTferClient::HoldRecordForPush() {
     const unsigned long long transaction = TransactionOfThisThread();
     const long long start = WallClockSeconds();
     const long long end = start + kPushLimitSeconds;

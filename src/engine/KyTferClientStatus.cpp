@@ -28,12 +28,17 @@ bool KyTferClient::WorkerRunning() const {
     return m_threads.WorkerRunning();
 }
 
-KyTferStatusMsg KyTferClient::Refuse(const char* function, const char* reason) {
+// Makes `result` a failed record of its own. If there is no memory for the reason, it says so instead: that
+// text is short enough to be stored in place.
+void KyTferClient::Refuse(KyTferStatusMsg& result, const char* function, const char* reason) {
     __dlog_printfex(KY_DLOG_ERROR, kSource, function, "%s", reason);
-    KyTferStatusMsg refusal(512);
-    refusal.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
-    refusal.SetStatusMsg(reason);
-    return refusal;
+    try {
+        result = KyTferStatusMsg(512);
+        result.SetStatusMsg(reason);
+    } catch (...) {
+        result.SetStatusMsg(kOutOfMemory);
+    }
+    result.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
 }
 
 unsigned long long KyTferClient::BeginTransaction() {
@@ -65,13 +70,18 @@ void* KyTferClient::RunThread(void* engine, const char* name, void (KyTferClient
     if (client == nullptr) return nullptr;
     // Cuts a name that is too long; the thread library's own call refuses it.
     prctl(PR_SET_NAME, name);
-    try {
-        (client->*body)();
-    } catch (...) {
-        client->EndForWantOfMemory();
-    }
+    (client->*body)();
     client->m_threads.Leave();
     return nullptr;
+}
+
+// Keeps what a body may throw from whoever has called it, a thread of the engine or of its user.
+void KyTferClient::RunGuarded(void (KyTferClient::*body)()) {
+    try {
+        (this->*body)();
+    } catch (...) {
+        EndForWantOfMemory();
+    }
 }
 
 // Only the C++ library's allocation can have thrown here. The transaction must end all the same, and without

@@ -81,24 +81,28 @@ std::string KyTferStatusMsg::GetStatusText(TferStatus status) {
 }
 
 std::string KyTferStatusMsg::GetJsonStatus() const {
-    ky_json::Ref status(json_object());
-    ky_json::Set(status, "tfername", json_string(m_xferFileName.c_str()));
-    ky_json::Set(status, "status", json_integer(static_cast<unsigned int>(m_status)));
-    ky_json::Set(status, "statusStr", json_string(GetStatusText(m_status).c_str()));
-    ky_json::Set(status, "statusMsg", json_string(m_statusMsg.c_str()));
-    ky_json::Set(status, "progress", json_integer(GetPercentComplete()));
+    try {
+        ky_json::Ref status(json_object());
+        ky_json::Set(status, "tfername", json_string(m_xferFileName.c_str()));
+        ky_json::Set(status, "status", json_integer(static_cast<unsigned int>(m_status)));
+        ky_json::Set(status, "statusStr", json_string(GetStatusText(m_status).c_str()));
+        ky_json::Set(status, "statusMsg", json_string(m_statusMsg.c_str()));
+        ky_json::Set(status, "progress", json_integer(GetPercentComplete()));
 
-    ky_json::Ref transfers(json_array());
-    json_array_append_new(transfers.get(), status.release());
+        ky_json::Ref transfers(json_array());
+        json_array_append_new(transfers.get(), status.release());
 
-    ky_json::Ref root(json_object());
-    ky_json::Set(root, "context", json_string("none"));
-    ky_json::Set(root, "fileTferStatus", transfers.release());
+        ky_json::Ref root(json_object());
+        ky_json::Set(root, "context", json_string("none"));
+        ky_json::Set(root, "fileTferStatus", transfers.release());
 
-    __dlog_printfex(KY_DLOG_TRACE, "KyTferStatusMsg", "GetJsonStatus",
-                    "Returning (single line, sorted keys): %s",
-                    ky_json::OrEmpty(ky_json::Dump(root.get(), JSON_SORT_KEYS)));
-    return ky_json::OrEmpty(ky_json::Dump(root.get(), JSON_INDENT(2) | JSON_SORT_KEYS));
+        __dlog_printfex(KY_DLOG_TRACE, "KyTferStatusMsg", "GetJsonStatus",
+                        "Returning (single line, sorted keys): %s",
+                        ky_json::OrEmpty(ky_json::Dump(root.get(), JSON_SORT_KEYS)));
+        return ky_json::OrEmpty(ky_json::Dump(root.get(), JSON_INDENT(2) | JSON_SORT_KEYS));
+    } catch (...) {
+        return std::string();
+    }
 }
 
 void KyTferStatusMsg::Serialize(KyIpcMsgBuffer* buffer) {

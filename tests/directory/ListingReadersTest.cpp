@@ -5,7 +5,6 @@
 #include <climits>
 #include <clocale>
 #include <fstream>
-#include <limits>
 #include <random>
 #include <sstream>
 
@@ -29,62 +28,47 @@ Entries Texts(const KyTferDirectory& directory) {
     return texts;
 }
 
-class ParseFile : public testing::Test {
-protected:
-    ~ParseFile() override {
-        setlocale(LC_ALL, "C");
-        setenv("TZ", "UTC0", 1);
-    }
-
-    /// The entries of a file with these lines behind its two header lines.
-    Entries Read(const std::string& lines) {
-        WriteFile(m_file, "1\nheader\n" + lines);
-        KyTferDirectory directory;
-        EXPECT_TRUE(directory.ParseFile(m_file));
-        return Texts(directory);
-    }
-
-    const TempDir m_dir;
-    const std::string m_file = m_dir / "listing";
-};
-
-TEST_F(ParseFile, TracesItsReadingAndAdds) {
-    LogCapture log;
-    WriteFile(m_file, "1,3\nFileName\nevent.log,\n");
+/// The entries of a file with these lines behind its two header lines.
+Entries Read(const std::string& lines) {
+    const TempDir dir;
+    WriteFile(dir / "listing", "1\nheader\n" + lines);
     KyTferDirectory directory;
-    EXPECT_TRUE(directory.ParseFile(m_file));
-    EXPECT_EQ(log.Texts("ParseFile", true), (Entries{"1st header(1,3\n)", "2nd header(FileName\n)",
-                                                     "Input  11: [event.log,]", "Field   9: [event.log]"}));
-    EXPECT_TRUE(directory.ParseFile(m_file));
-    EXPECT_EQ(Texts(directory), (Entries{"event.log|||0|0", "event.log|||0|0"}));
+    EXPECT_TRUE(directory.ParseFile(dir / "listing"));
+    return Texts(directory);
 }
 
-TEST_F(ParseFile, Headers) {
-    WriteFile(m_dir / "locked", "");
-    ASSERT_EQ(chmod((m_dir / "locked").c_str(), 0), 0);
+TEST(ParseFile, TracesItsReading) {
+    const LogCapture log;
+    Read("event.log,\n");
+    EXPECT_EQ(log.Texts("ParseFile", true),
+              (Entries{"1st header(1\n)", "2nd header(header\n)", "Input  11: [event.log,]",
+                       "Field   9: [event.log]", "Field   0: []"}));
+}
+
+TEST(ParseFile, Headers) {
+    const TempDir dir;
+    WriteFile(dir / "locked", "");
+    ASSERT_EQ(chmod((dir / "locked").c_str(), 0), 0);
     const struct {
         const char* name;
         std::string text;
         Entries errors;
     } rows[] = {
-        {"none", "", {"Could not open file(" + (m_dir / "none") + ") errno(2)"}},
-        {"locked", "", {"Could not open file(" + (m_dir / "locked") + ") errno(13)"}},
+        {"none", "", {"Could not open file(" + (dir / "none") + ") errno(2)"}},
+        {"locked", "", {"Could not open file(" + (dir / "locked") + ") errno(13)"}},
         {".", "", {"missing version/num entry line"}},
         {"listing", "", {"missing version/num entry line"}},
         {"listing", "7\n", {"missing header line"}},
-        {"listing", "x\nheader", {}},
-        {"listing", std::string(5000, '\0'), {}},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.name + " "s + row.text);
         LogCapture log;
-        if (row.name == "listing"s) WriteFile(m_file, row.text);
-        EXPECT_EQ(KyTferDirectory().ParseFile(m_dir / row.name), row.errors.empty());
-        EXPECT_EQ(log.Texts("ParseFile"), row.errors);
+        if (row.name == "listing"s) WriteFile(dir / row.name, row.text);
+        EXPECT_EQ(KyTferDirectory().ParseFile(dir / row.name), row.errors.empty());
+        EXPECT_EQ(log.Texts("ParseFile"), row.errors) << row.name << " " << row.text;
     }
 }
 
-TEST_F(ParseFile, FieldsOfALine) {
+TEST(ParseFile, FieldsOfALine) {
     const std::string full = "a,b,c,1,2\n", entry = "a|b|c|1|2000000000";
     const std::string x1022(1022, 'x');
     const struct {
@@ -95,7 +79,6 @@ TEST_F(ParseFile, FieldsOfALine) {
         {"carriage return and line feed", "a,b,c,1,2\r\nd,e\r\n", {entry, "d|e|c|1|2000000000"}},
         {"fewer than five fields", full + "\nd,e\n", {entry, "|b|c|1|2000000000", "d|e|c|1|2000000000"}},
         {"carriage return alone", "a\rb\rc,1\r\r\n", {"a|b|c|1|0"}},
-        {"empty fields", "a,,c,,\n", {"a||c|0|0"}},
         {"no last line end", full + "d,e,f,3,4", {entry, "d|e|f|3|2000000000"}},
         {"quotes", "\"a, \"\"b\"\".c\",\"\",d\n", {"a, \"b\".c||d|0|0"}},
         {"quotes in quotes", "\"\"\"a\"\"\",\"\"\"\",\"\"\"\"\"\"\n", {"\"a\"|\"|\"\"|0|0"}},
@@ -108,25 +91,23 @@ TEST_F(ParseFile, FieldsOfALine) {
         {"line end in the next piece", x1022 + "\r\n", {x1022 + "|||0|0", "|||0|0"}},
         {"one character too long", x1022 + "x\nb\n", {"|||0|0", "|||0|0", "b|||0|0"}},
         {"cut inside of quotes", "a,\"" + x1022 + "\",c\n", {"a|||0|0", "xx\"|c||0|0"}},
-        {"size",
-         "a,b,c,-1,0\na,b,c,12abc\na,b,c,4294967296\n",
-         {"a|b|c|4294967295|0", "a|b|c|12|0", "a|b|c|2147483647|0"}},
+        {"size", "a,b,c,-1\na,b,c,4294967296\n", {"a|b|c|4294967295|0", "a|b|c|2147483647|0"}},
     };
     for (const auto& row : rows)
         EXPECT_EQ(Read(row.lines), row.entries) << row.name;
 }
 
-TEST_F(ParseFile, CharactersOfTheLocale) {
+TEST(ParseFile, CharactersOfTheLocale) {
     EXPECT_EQ(Read("a,b,c,1,\nd\xC3\xA9,e\nf,g\n"), Entries{"a|b|c|1|0"}) << "the file ends where ASCII does";
     ASSERT_NE(setlocale(LC_ALL, "C.UTF-8"), nullptr);
     // U+012C and U+010A have the low bytes of a comma and a line feed, and U+0100 that of a NUL.
     EXPECT_EQ(Read("d\xC3\xA9,\xC4\xAC\xC4\x8A\xE2\x82\xAC,\xC4\x80!\n"),
               (Entries{"d\xE9|,\n\xAC|\0!|0|0"s}));
+    setlocale(LC_ALL, "C");
 }
 
-TEST_F(ParseFile, Dates) {
+TEST(ParseFile, Dates) {
     setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-    const unsigned long long last = 18446744073709551615ULL;
     const struct {
         const char* text;
         unsigned long long nanoseconds;
@@ -134,22 +115,21 @@ TEST_F(ParseFile, Dates) {
         {"2024-01-15T08:30:00.250", 1705303800250000000},
         {"2024-07-15T08:30:00.250", 1721028600250000000},  // one hour behind the wall clock
         {"2024-01-15 12:30:00.250", 1705282200250000000},  // 02:30
-        {"2024-01-15T08:30:00", 1705303800000000000},
-        {"2024-x1-15T08:30", 1701298800000000000},  // month 0 and day 0
-        {"2023-14-45T25:61:61", 1710637321000000000},
-        {"2554-07-22T00:34:33.710", last},
-        {"2147483647-2147483647-2147483647T2147483647:2147483647:2147483647", last},
+        {"2024-x1-15T08:30", 1701298800000000000},         // month 0 and day 0
+        {"2554-07-22T00:34:33.710", ULLONG_MAX},
+        {"2147483647-2147483647-2147483647T2147483647:2147483647:2147483647", ULLONG_MAX},
         {"-2147483648--2147483648--2147483648T-2147483648:-2147483648:-2147483648", 0},
         {"1710491400", 1710491400000000000},
-        {"18446744074", last},
+        {"18446744074", ULLONG_MAX},
     };
     for (const auto& row : rows) {
         const Entries expected = {"a|b|c|1|" + std::to_string(row.nanoseconds)};
         EXPECT_EQ(Read("a,b,c,1,"s + row.text + "\n"), expected) << row.text;
     }
+    setenv("TZ", "UTC0", 1);
 }
 
-TEST_F(ParseFile, MemoryStaysInProportionToTheFile) {
+TEST(ParseFile, MemoryStaysInProportionToTheFile) {
     EXPECT_EQ(Read(std::string(100'000'000, 'x')).size(), 97752U);
     LogCapture log(3);
     const std::string name(1000, 'n');
@@ -173,14 +153,13 @@ Entries Extract(std::istream& in) {
     char comma = 0;
     std::string orig, xfer, type;
     in >> number >> comma >> number;
-    in.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+    std::getline(in, orig);
     while (in >> orig >> comma >> xfer >> comma >> type >> comma >> size >> comma >> time && comma == ',')
         directory.AddEntry("", orig, xfer, type, size, time);
     return Texts(directory);
 }
 
-const std::string kHeader = "1,3\n";
-const std::string kLine = "event.log , EVT0001.LOG , LOG , 20480 , 1710491400000000000\n";
+const std::string kStart = "1,3\nevent.log , EVT0001.LOG , LOG , 20480 , 1710491400000000000\n";
 const std::string kEntry = "event.log|EVT0001.LOG|LOG|20480|1710491400000000000";
 
 TEST(BlankSeparatedListing, Forms) {
@@ -190,13 +169,12 @@ TEST(BlankSeparatedListing, Forms) {
         std::string text;
         Entries entries;
     } rows[] = {
-        {"no last line end", kHeader + kLine + "b ,\n\nC\v,D ,1,2", {kEntry, "b|C|D|1|2"}},
-        {"header without a number", "version,3\n" + kLine, {}},
-        {"semicolon before the time stamp", kHeader + kLine + "b , C , D , 1 ; 2\n" + kLine, {kEntry}},
+        {"no last line end", kStart + "b ,\n\nC\v,D ,1,2", {kEntry, "b|C|D|1|2"}},
+        {"header without a number", "x" + kStart, {}},
+        {"semicolon before the time stamp", kStart + "b , C , D , 1 ; 2\n" + kStart, {kEntry}},
         {"two entries in a line", "1,3\na , B , C , 1 , 2 b ; C - D + 3 , 4", {"a|B|C|1|2", "b|C|D|3|4"}},
-        {"size too large", kHeader + kLine + "a , B , C , 4294967296 , 1", {kEntry}},
-        {"longest name", kHeader + name + " , B , C , 1 , 2", {name + "|B|C|1|2"}},
-        {"name too long", kHeader + kLine + name + "n , B , C , 1 , 2", {kEntry}},
+        {"size too large", kStart + "a , B , C , 4294967296 , 1", {kEntry}},
+        {"longest name", "1,3\n" + name + " , B , C , 1 , 2", {name + "|B|C|1|2"}},
     };
     for (const auto& row : rows) {
         std::istringstream in(row.text);
@@ -220,42 +198,46 @@ struct Source : std::streambuf {
 };
 
 TEST(BlankSeparatedListing, ReadsWhatTheStreamWouldExtract) {
-    const std::string pieces[] = {" ",    "\n",          "\t\v\f\r", ",",          " , ",
-                                  ";",    "a",           "-",        "+",          "12",
-                                  ".",    "0x",          "\0"s,      "4294967296", "99999999999999999999",
-                                  "\xA0", "B , C , 1 , "};
+    const std::string pieces[] = {" ",
+                                  "\n",
+                                  "\t\v\f\r",
+                                  ",",
+                                  ";",
+                                  "-",
+                                  "12",
+                                  "0x",
+                                  "\0"s,
+                                  "\xA0",
+                                  "4294967296",
+                                  "+",
+                                  "99999999999999999999",
+                                  "B , C , 1 , "};
     std::mt19937 random(20240315);
-    size_t entries = 0;
     for (int round = 0; round < 30000; ++round) {
-        std::string text = random() % 8 == 0 ? "" : kHeader;
+        std::string text = random() % 8 == 0 ? "" : "1,3\n";
         for (auto left = random() % 24; left > 0; --left)
             text += random() % 5 == 0 ? "a , B , C , 1 , 2" : pieces[random() % std::size(pieces)];
-        SCOPED_TRACE(testing::PrintToString(text));
         Source chunks(text, [] { return ""s; });
         std::istream ours(&chunks);
         std::istringstream plain(text);
-        const Entries expected = Extract(plain);
-        entries += expected.size();
-        ASSERT_EQ(ReadBlank(ours), expected);
+        ASSERT_EQ(ReadBlank(ours), Extract(plain)) << testing::PrintToString(text);
         ASSERT_EQ(ours.rdstate(), plain.rdstate());
     }
-    EXPECT_GT(entries, 10000U);
 }
 
 TEST(BlankSeparatedListing, SourcesThatFailOrNeverEnd) {
-    Source broken(kHeader + kLine + "b , C", []() -> std::string { throw std::bad_alloc(); });
+    Source broken(kStart + "b , C", []() -> std::string { throw std::bad_alloc(); });
     std::istream in(&broken);
     in.exceptions(std::ios_base::badbit);
     in >> std::hex >> std::noskipws;  // nor do these settings matter
     EXPECT_NO_THROW(EXPECT_EQ(ReadBlank(in), Entries{kEntry}));
 
-    Source endless(kHeader + kLine, [] { return std::string(1000, 'x'); });
+    Source endless(kStart, [] { return std::string(1000, 'x'); });
     std::istream names(&endless);
     EXPECT_EQ(ReadBlank(names), Entries{kEntry});
     EXPECT_LT(endless.text.size(), 70'000U) << "what does not fit in a name is not read";
 
-    const TempDir dir;
-    std::ifstream directory(dir.Path());
+    std::ifstream directory("/");
     EXPECT_EQ(ReadBlank(directory), Entries());
 }
 

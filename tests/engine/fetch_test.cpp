@@ -65,6 +65,9 @@ TEST_F(Fetch, Endings) {
         {"shorter", 20480, Fault([](SimFault& f) { f.sizeDelta = -20380; }),
          "Failed to get file(f) from device. Expecting(20480) bytes only received(100) bytes.", kError,
          false},
+        {"empty instead, whose size then fits the reset one", 20480,
+         Fault([](SimFault& f) { f.sizeDelta = -20480; }),
+         "Failed to get file(f) from device. Expecting(20480) bytes only received(0) bytes.", kError, false},
         {"longer", 100, Fault([](SimFault& f) { f.sizeDelta = 1; }),
          "Failed to get file(f) from device. Expecting(100) bytes only received(101) bytes.", kError, false},
         {"another size announced", 100, Fault([](SimFault& f) { f.announceSizeDelta = 5; }),
@@ -85,6 +88,11 @@ TEST_F(Fetch, Endings) {
         Start();
         device->SetFault(SimOperation::FETCH, row.fault);
         const int errors = log.Count(3, "");
+        // The record tells of success before the device hears of it.
+        std::string recordAtSuccess;
+        proxy->afterSetString = [&](const char* value) {
+            if (std::string(value) == "SUCCESS") recordAtSuccess = Outcome(Record());
+        };
         const Status accepted = Request("f", static_cast<int>(row.size));
         EXPECT_EQ(Outcome(accepted), "in progress: ");
         EXPECT_EQ(accepted.GetReqType(), Status::TFER_REQ_GET_FILE);
@@ -100,6 +108,8 @@ TEST_F(Fetch, Endings) {
         if (row.complete) {
             ASSERT_TRUE(WaitUntilQuiet());
             EXPECT_EQ(Outcome(Record()), Fetched("f"));
+            EXPECT_EQ(recordAtSuccess, Fetched("f"));
+            EXPECT_EQ(Record().GetBytesTransfered(), row.size);
             EXPECT_EQ(Record().GetXferFullFilePath(), std::string(kDownload) + "f");
             EXPECT_EQ(ReadFile(std::string(kDownload) + "f"), bytes);
             EXPECT_FALSE(fs::exists(std::string(kLanding) + "f"));
@@ -213,8 +223,8 @@ TEST_F(Fetch, FailingSystemAndPoints) {
 
 TEST_F(Fetch, MonitorEndsFirstAndTheWorkersTextIsTheLast) {
     PutOnDevice("f", 1000);
-    Start();
     Gate gate;
+    Start();
     proxy->afterGetFile = [&] { gate.Wait(); };
     Request("f", 1000);
     ASSERT_TRUE(gate.WaitForArrival());
@@ -237,10 +247,29 @@ TEST_F(Fetch, WorkerEndsFirstAndTheMonitorLeavesItsRow) {
     EXPECT_EQ(log.Texts("MonitorGetFileRequest").back(), "Leave break out");
 }
 
+TEST_F(Fetch, DeviceThatSaysReadyAgainChangesNoCompletedRecordAndGetsFewThreads) {
+    PutOnDevice("f", 1000);
+    Start();
+    Request("f", 1000);
+    ASSERT_TRUE(WaitUntil([&] { return Outcome(Record()) == Fetched("f"); }) && WaitUntilQuiet());
+    fs::remove(std::string(kDownload) + "f");
+    device->SetFault(SimOperation::FETCH, Fault([](SimFault& f) { f.stuck = true; }));
+    for (int i = 0; i < 100; ++i) {
+        device->ChangeString(sim_point::CLIENT_FILE_REQ, "");
+        device->ChangeString(sim_point::CLIENT_FILE_REQ, "READY");
+    }
+    ASSERT_TRUE(device->WaitIdle(10000));
+    EXPECT_EQ(Outcome(Record()), Fetched("f"));
+    EXPECT_TRUE(WaitForThreads(8));
+    device->Abort();
+    ASSERT_TRUE(WaitForThreads(0));
+    EXPECT_EQ(Outcome(Record()), Fetched("f"));
+}
+
 TEST_F(Fetch, LateWorkerMovesItsFileAndLeavesTheNextTransactionAlone) {
     const std::string bytes = PutOnDevice("old", 1000);
-    Start();
     Gate gate;
+    Start();
     proxy->beforeGetFile = [&] { gate.Wait(); };
     Request("old", 1000);
     ASSERT_TRUE(gate.WaitForArrival());
@@ -255,7 +284,8 @@ TEST_F(Fetch, LateWorkerMovesItsFileAndLeavesTheNextTransactionAlone) {
     EXPECT_EQ(Written(),
               (std::vector<std::string>{"8602=", "8602=new", "get old", "8602=", "8602=SUCCESS", "8604=0"}));
     EXPECT_EQ(ReadFile(std::string(kDownload) + "old"), bytes);
-    EXPECT_EQ(Outcome(Record()), "in progress: In Progress - No progress to report");
+    EXPECT_TRUE(
+        WaitUntil([&] { return Outcome(Record()) == "in progress: In Progress - No progress to report"; }));
     EXPECT_EQ(Record().GetXferFullFilePath(), std::string(kLanding) + "new");
     EXPECT_TRUE(WaitForThreads(1)) << "its monitor goes on";
 }
@@ -266,11 +296,11 @@ TEST_F(Fetch, OldMonitorLeavesTheNextTransactionAlone) {
         SCOPED_TRACE(completed ? "in its last second after completion" : "between two polls after a failure");
         SetUp();
         PutOnDevice("old", 1000);
+        Gate worker;
+        Gate delivery;
         Start();
         LogGates logGates({"Looking for file("});
         Gate& monitor = logGates[0];
-        Gate worker;
-        Gate delivery;
         proxy->beforeGetFile = [&] { delivery.Wait(); };
         proxy->afterGetFile = [&] { worker.Wait(); };
         if (!completed) device->SetFault(SimOperation::FETCH, Fault([](SimFault& f) { f.sizeDelta = -1; }));
@@ -396,9 +426,12 @@ TEST_F(Fetch, StopWaitsForTheWorkerAndNothingReachesTheProxyAfterwards) {
     const size_t calls = device->Calls().size();
     EXPECT_EQ(Outcome(engine->GetFileFromDevRequest("f", 700)),
               "failed: LOGIC ERROR - KyTferRespClient not initialized");
+    device->ChangeString(sim_point::CLIENT_FILE_REQ, "");  // or the next would be a repeat
     device->ChangeString(sim_point::CLIENT_FILE_REQ, "READY");
     ASSERT_TRUE(device->WaitIdle(10000));
+    EXPECT_NE(engine->MaiStringSend("X", sim_point::CLIENT_FILE_REQ), 0);
     EXPECT_EQ(device->Calls().size(), calls);
+    EXPECT_EQ(log.Count(5, "kick off file fetch thread"), 2);
     EXPECT_FALSE(engine->WorkerRunning());
 }
 

@@ -141,8 +141,8 @@ TEST_F(Push, RefusedBeforeInitWithTheFileUntouched) {
 
 TEST_F(Push, BesideARunningFetchSharesItsRecord) {
     PutOnDevice("f", 1000);
-    Start();
     Gate fetchGate;
+    Start();
     proxy->beforeGetFile = [&] { fetchGate.Wait(); };
     Request("f", 1000);
     ASSERT_TRUE(fetchGate.WaitForArrival());

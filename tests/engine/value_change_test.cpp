@@ -86,7 +86,7 @@ TEST_F(ValueChange, DmpFollowsTheCardsOwnModuleAlone) {
 /// What a value of the request point leads to, for each kind of transaction and after each value before.
 TEST_F(ValueChange, RequestPoint) {
     const char kSimulator[] = "Sorrel simulator hack.  Ignore value(";
-    const char kRepeat[] = "ignore";
+    const char kRepeat[] = ") ignore";
     const char kNoKind[] = "Current req type is 0";
     const char kNothing[] = "";
     const struct {

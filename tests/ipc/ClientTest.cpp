@@ -1,5 +1,7 @@
 #include "client/TferSvcMsgClient.h"
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <memory>
 
@@ -29,28 +31,27 @@ std::string Describe(const KyTferMsg& request) {
     return text;
 }
 
+std::string FrameOf(KyTferMsg& message) {
+    KyIpcMsgBuffer buffer(0);
+    message.Serialize(&buffer);
+    return ::FrameOf(BytesOf(buffer));
+}
+
 class ClientTest : public IpcTest {
 protected:
-    /// A service that waits for one request, which must be as described, and sends these bytes.
-    std::unique_ptr<Peer> Service(const std::string& description, const std::string& reply) {
-        auto service = std::make_unique<Peer>([&](int told) {
-            EXPECT_EQ(m_control.OpenReadFifo(CONTROL, 0600), 0);
-            Peer::Tell(told);
-            KyIpcMsgBuffer buffer(0);
-            EXPECT_EQ(m_control.Read(&buffer, 10'000), 0);
-            const Message request(KyTferMsgFactory::CreateMsgFromBuffer(&buffer));
-            EXPECT_EQ(Describe(*request), description);
-            EXPECT_EQ(Path(request->GetRespFifo()), m_reply);
-            WriteRaw(m_reply, reply);
-        });
-        service->Hear();
-        return service;
+    /// The service's side: takes the request, which must be as described, and sends these bytes.
+    void Serve(const std::string& description, const std::string& reply) {
+        KyIpcMsgBuffer buffer(0);
+        ASSERT_EQ(m_reader.Read(&buffer, 1000), 0);
+        const Message request(KyTferMsgFactory::CreateMsgFromBuffer(&buffer));
+        EXPECT_EQ(Describe(*request), description);
+        EXPECT_EQ(Path(request->GetRespFifo()), m_reply);
+        WriteRaw(m_reply, reply);
     }
 
     const std::string m_name = "TferSvcClnt-" + std::to_string(getpid());
     const std::string m_reply = Path(m_name + "-ClntRxFifo");
     TferSvcMsgClient& m_client = *TferSvcMsgClient::GetInstance();
-    Session m_control;
 };
 
 TEST_F(ClientTest, RequestsAndReplies) {
@@ -63,7 +64,7 @@ TEST_F(ClientTest, RequestsAndReplies) {
     KyTferRespMsg response(512);
     KyTferStatusMsg record(512);
     record.SetStatusMsg(std::string(5000, 's'));
-    const std::string right = FrameOf(BytesOf(response)), large = FrameOf(BytesOf(record));
+    const std::string right = FrameOf(response), large = FrameOf(record);
     const std::string timeOut =
         "Timeout from server for session: " + m_name + ", exceeded 30 seconds bytes in buf";
     const struct {
@@ -82,24 +83,24 @@ TEST_F(ClientTest, RequestsAndReplies) {
         {"directory, wrong class", directory, "3|", large, false, ""},
         {"push, wrong class", push, "2||||0|/source", large, false, ""},
         {"fetch, wrong class", fetch, "1||name||-1", large, false, ""},
-        {"unknown type", status, "5|", FrameOf(std::string("\x09\0\0\0", 4)), false, ""},
+        {"unknown type", status, "5|", ::FrameOf(std::string("\x09\0\0\0", 4)), false, ""},
         {"no answer", status, "5|", "", false, timeOut + "(0)"},
         {"half an answer", status, "5|", large.substr(0, 50), false, timeOut + "(42)"},
+        {"memory runs out", status, "5|", "", false, "std::bad_alloc"},
     };
+    ASSERT_EQ(m_reader.OpenReadFifo(CONTROL, 0600), 0);
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        const std::unique_ptr<Peer> service = Service(row.request, row.reply);
-        // The wait for the reply ends once the service has, however long it would last.
         s_poll = [&](pollfd* files, nfds_t count, int milliseconds) {
+            if (milliseconds <= 1000) return __real_poll(files, count, milliseconds);
             EXPECT_GT(milliseconds, 59'000);
-            pollfd either[] = {files[0], {service->HeardAt(), POLLIN, 0}};
-            __real_poll(either, 2, 10'000);
+            Serve(row.request, row.reply);
+            if (row.error == "std::bad_alloc") throw std::bad_alloc();
             return __real_poll(files, count, 0);
         };
         const LogCapture log;
         const Message reply(row.ask());
-        EXPECT_EQ(service->Wait(), 0);
-        EXPECT_EQ(reply ? FrameOf(BytesOf(*reply)) : "", row.isReturned ? row.reply : "");
+        EXPECT_EQ(reply ? FrameOf(*reply) : "", row.isReturned ? row.reply : "");
         EXPECT_EQ(log.Count(KY_DLOG_ERROR, ""), row.error.empty() ? 0 : 1);
         EXPECT_EQ(log.Find(row.error).source, "TferSvcMsgClient");
         EXPECT_FALSE(fs::exists(m_reply));
@@ -108,32 +109,25 @@ TEST_F(ClientTest, RequestsAndReplies) {
 
 TEST_F(ClientTest, FailuresEndTheRequestAtOnce) {
     const std::string control = Path(CONTROL);
-    const struct {
-        const char* name;
-        std::function<void()> prepare;
-        std::string error;
-        size_t requestLength;
-    } rows[] = {
-        {"no service has ever run", [] {}, "Failed to open control FIFO: 5", 0},
-        {"service killed", [&] { Service("", ""); }, "Failed to open control FIFO: 6", 0},
-        {"a file in the control FIFO's place", [&] { fs::remove(control), WriteFile(control, ""); },
-         "Failed to open control FIFO: 7", 0},
-        {"the request is too large", [&] { fs::remove(control), m_control.OpenReadFifo(CONTROL, 0600); },
-         "Failed to write to control FIFO: 8", 2'000'000},
-        {"a file in the reply FIFO's place", [&] { WriteFile(m_reply, ""); }, "Failed to open read FIFO: 7",
-         0},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        row.prepare();
+    const auto fails = [&](const std::string& text, int status, size_t requestLength = 0) {
         const LogCapture log;
-        EXPECT_EQ(m_client.PutDevFile(std::string(row.requestLength, 'x')), nullptr);
-        const std::string error = log.Find("Failed to ").text;
-        EXPECT_EQ(error.substr(0, error.find(": ") + 2) + error.back(), row.error);
+        EXPECT_EQ(m_client.PutDevFile(std::string(requestLength, 'x')), nullptr);
         EXPECT_EQ(log.Count(KY_DLOG_ERROR, ""), 1);
-    }
+        EXPECT_EQ(log.Find("Failed to ").text,
+                  text + ", for session: " + m_name + ", session status: " + std::to_string(status));
+    };
+    const std::string opening = std::string("Failed to open control FIFO: ") + CONTROL;
+    fails(opening, Session::IPC_NO_FIFO);
+    ASSERT_EQ(mkfifo(control.c_str(), 0600), 0);  // as a service leaves it that is killed
+    fails(opening, Session::IPC_NO_READER);
+    ASSERT_EQ(m_reader.OpenReadFifo(CONTROL, 0600), 0);
+    fails(std::string("Failed to write to control FIFO: ") + CONTROL, Session::IPC_TOO_LARGE, 2'000'000);
+    m_reader.Close();
+    WriteFile(control, "");
+    fails(opening, Session::IPC_REFUSED);
+    WriteFile(m_reply, "");
+    fails("Failed to open read FIFO: " + m_name + "-ClntRxFifo", Session::IPC_REFUSED);
     EXPECT_EQ(ReadFile(m_reply), "") << "not ours to remove";
-    m_control.Close();
 }
 
 }  // namespace

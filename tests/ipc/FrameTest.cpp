@@ -1,5 +1,3 @@
-#include "host/KyIpcFrame.h"
-
 #include <vector>
 
 #include "IpcTest.h"
@@ -12,11 +10,7 @@ const std::string MARK(reinterpret_cast<const char*>(ky_frame::MARK), sizeof ky_
 const std::string LEAD = MARK.substr(0, ky_frame::LEAD);
 
 /// Messages that hold what frames are made of.
-const Messages AWKWARD = {"plain",
-                          "",
-                          MARK,
-                          LEAD + LEAD + MARK[0],
-                          "a" + LEAD + '\0' + MARK + MARK + "b",
+const Messages AWKWARD = {"", MARK, LEAD + LEAD + MARK[0], "a" + LEAD + '\0' + MARK + MARK + "b",
                           std::string(9, MARK[0]) + LEAD};
 
 struct Reader {

@@ -1,70 +1,66 @@
 #ifndef IPC_IPCTEST_H
 #define IPC_IPCTEST_H
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/types.h>
 
 #include <functional>
-#include <string>
 
 #include "host/KyFd.h"
-#include "messages/KyTferMsg.h"
+#include "host/KyHostIpc.h"
+#include "host/KyIpcFrame.h"
 #include "platform/KyIpcFifoSession.h"
-#include "platform/KyIpcMsgBuffer.h"
 #include "support/TempDir.h"
 
 extern "C" int __real_poll(pollfd* files, nfds_t count, int milliseconds);
-extern "C" int __wrap_poll(pollfd* files, nfds_t count, int milliseconds);
 
-/// What poll() does in the code under test, until the end of the test; forked processes have the real one.
+/// What poll() does in the code under test, until the end of the test.
 inline std::function<int(pollfd* files, nfds_t count, int milliseconds)> s_poll = __real_poll;
 
-std::string BytesOf(const KyIpcMsgBuffer& buffer);
-std::string BytesOf(KyTferMsg& message);
-std::string FrameOf(const std::string& message);
+inline std::string BytesOf(const KyIpcMsgBuffer& buffer) {
+    return {reinterpret_cast<const char*>(buffer.GetBuf()), static_cast<size_t>(buffer.GetLength())};
+}
+
+inline std::string FrameOf(const std::string& message) {
+    KyIpcMsgBuffer frame(0);
+    EXPECT_EQ(ky_frame::Encode(message.data(), static_cast<int>(message.size()), frame), 0);
+    return BytesOf(frame);
+}
 
 /// Writes bytes as one who knows nothing of sessions, and does not wait for a reader to open the FIFO.
-KyFd WriteRaw(const std::string& path, const std::string& bytes);
+inline KyFd WriteRaw(const std::string& path, const std::string& bytes) {
+    KyFd fifo(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    EXPECT_EQ(write(fifo.Get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    return fifo;
+}
 
 struct Session : KyIpcFifoSession {
     Session() : KyIpcFifoSession("test", IPC_CLOSE_NO_CONFIRM) {}
-    int Write(const std::string& message) {
-        return WriteCtrl(message.data(), static_cast<int>(message.size()));
-    }
-};
-
-/// A process beside the test's own. It ends with its body, or is killed when the object goes.
-class Peer {
-public:
-    /// @param body  runs in the other process and gets the descriptor that Tell() takes
-    explicit Peer(const std::function<void(int told)>& body);
-    Peer(Peer&&) = delete;
-    ~Peer() { Kill(); }
-
-    static void Tell(int told);                   ///< in the other process: wakes Hear()
-    void Hear() const;                            ///< waits for one Tell(); fails the test after ten seconds
-    int HeardAt() const { return m_told.Get(); }  ///< readable after Tell() and after the process's end
-
-    void Kill();
-    int Wait();  ///< the exit status, -1 for a process that was killed
-
-private:
-    KyFd m_told;
-    pid_t m_process;
+    int Write(const std::string& bytes) { return WriteCtrl(bytes.data(), static_cast<int>(bytes.size())); }
 };
 
 /// A test with a directory for FIFOs of its own, which must lose no descriptor.
 class IpcTest : public testing::Test {
 protected:
-    IpcTest();
-    ~IpcTest() override;
+    IpcTest() {
+        setenv("KY_IPC_DIR", m_directory.c_str(), 1);
+        EXPECT_EQ(ky_host::CreateIpcDirectory(), 0);
+    }
+
+    ~IpcTest() override {
+        s_poll = __real_poll;
+        m_reader.Close();
+        unsetenv("KY_IPC_DIR");
+        EXPECT_EQ(OpenDescriptors(), m_descriptors);
+    }
 
     std::string Path(const std::string& name) const { return m_directory + "/" + name; }
 
     const int m_descriptors = OpenDescriptors();
     const TempDir m_temp;
     const std::string m_directory = m_temp / "ipc";
+    Session m_reader;
 };
 
 #endif

@@ -160,6 +160,7 @@ TEST_F(HostileCallersTest, Messages) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         ExpectServing(row.attack, row.logged, row.count);
+        if (HasFatalFailure()) return;
     }
 }
 
@@ -208,6 +209,7 @@ TEST_F(HostileCallersTest, PlacesForReplies) {
             Write(Frame(Request(KyTferMsg::TFER_MSG_CANCEL_TRANS, row.fifo, moreThanAFifoHolds)));
         };
         ExpectServing(ask, "could not answer on " + row.logged, 1);
+        if (HasFatalFailure()) return;
     }
     char byte = 0;
     EXPECT_LT(read(victim.Get(), &byte, 1), 1) << "a reply has left the directory";

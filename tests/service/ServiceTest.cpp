@@ -79,7 +79,7 @@ int ServiceTest::Stop(int signal, std::chrono::seconds deadline) {
 }
 
 void ServiceTest::ExpectNoDescriptorLost() const {
-    EXPECT_TRUE(WaitUntil([&] { return m_service->Descriptors() == m_idleDescriptors; }, kDeadline))
+    ASSERT_TRUE(WaitUntil([&] { return m_service->Descriptors() == m_idleDescriptors; }, kDeadline))
         << m_service->Descriptors() << " open, not " << m_idleDescriptors;
 }
 

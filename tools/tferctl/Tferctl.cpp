@@ -1,0 +1,64 @@
+#include "tferctl/Tferctl.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+
+#include "host/KyHostIpc.h"
+#include "host/KyHostLog.h"
+#include "tferctl/Commands.h"
+#include "tferctl/ExitStatus.h"
+#include "tferctl/Leftover.h"
+
+namespace ky_tferctl {
+namespace {
+
+void RunCommand(const Context& context) {
+    switch (context.options.command) {
+        case Command::STATUS:
+            return RunStatus(context);
+        case Command::LIST:
+            return RunList(context);
+        case Command::GET:
+            return RunGet(context);
+        case Command::PUT:
+            return RunPut(context);
+        case Command::CANCEL:
+            return RunCancel(context);
+    }
+}
+
+void Run(const Options& options) {
+    const Leftover replyFifo(Leftover::FIFO, ky_host::IpcDirectory() + "/" + Service::ReplyFifo());
+    Service service;
+    ky_tools::Console out(stdout);
+    ky_tools::Console notices(stderr);
+    RunCommand({options, service, out, notices});
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        throw Failure(ExitStatus::FAILED, "Standard output could not be written.");
+}
+
+int Complain(ExitStatus exitStatus, const char* sentence) {
+    std::fprintf(stderr, "tferctl: %s\n", sentence);
+    return static_cast<int>(exitStatus);
+}
+
+}  // namespace
+}  // namespace ky_tferctl
+
+int TferctlMain(int argc, char** argv) {
+    using namespace ky_tferctl;
+    // What the library logs of a failure is told in the one sentence.
+    if (std::getenv("KY_LOG_LEVEL") == nullptr) ky_host::SetLogLevel(-1);
+    RemoveLeftoversOnSignals();
+    try {
+        int exitStatus = 0;
+        const auto options = ParseOptions(argc, argv, exitStatus);
+        if (options) Run(*options);
+        return exitStatus;
+    } catch (const Failure& failure) {
+        return Complain(failure.Exit(), failure.what());
+    } catch (const std::exception& failure) {
+        return Complain(ExitStatus::FAILED, failure.what());
+    }
+}
