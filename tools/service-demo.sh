@@ -73,6 +73,12 @@ start_service() {
     done
 }
 
+# What card and device have agreed on, from the service's log.
+tell_negotiation() {
+    sed -n 's/.*index (1-based) that we will use: \(.*\)/  The card is module \1 of the device/p' "$LOG"
+    sed -n 's/.*Init: download dir is(\(.*\))/  Both speak Sorrel 485; files of the device arrive in \1/p' "$LOG"
+}
+
 fetch_and_compare() {
     local file name
     for file in "$DEVICE"/*; do
@@ -97,7 +103,7 @@ make_device "$@"
 [ -n "$(ls "$DEVICE")" ] || die "there is no file to fetch"
 echo "Starting the service; the card searches for its place in the device for eight seconds"
 start_service
-sed -n 's/.* Init: \(MAI multi-module index\|Server indicates\|download dir is\)/  \1/p' "$LOG"
+tell_negotiation
 say "\$ tferctl ls"
 "$TFERCTL" ls
 say "\$ tferctl ls --take 1 --json"

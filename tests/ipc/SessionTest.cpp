@@ -28,9 +28,8 @@ void SignalEvery(suseconds_t microseconds) {
 
 class SessionTest : public IpcTest {
 protected:
+    SessionTest() { EXPECT_EQ(m_reader.OpenReadFifo(NAME, 0600), 0); }
     ~SessionTest() override { m_writer.Close(); }
-
-    void OpenReader() { ASSERT_EQ(m_reader.OpenReadFifo(NAME, 0600), 0); }
 
     /// The next message, or the status and what had arrived.
     std::string Read(int milliseconds = 10'000) {
@@ -59,7 +58,6 @@ protected:
 };
 
 TEST_F(SessionTest, OpeningIsRefusedAndHarmsNothing) {
-    OpenReader();
     WriteFile(Path("file"), "content");
     fs::create_symlink(NAME, Path("link"));
     fs::create_directory_symlink(m_directory, m_temp / "link");
@@ -91,13 +89,11 @@ TEST_F(SessionTest, OpeningIsRefusedAndHarmsNothing) {
 }
 
 TEST_F(SessionTest, ModeIsWhatWasAskedForAndDescriptorsCloseOnExec) {
-    for (const mode_t mask : {0U, 022U, 0777U}) {
-        for (const unsigned int mode : {0777U, 0620U}) {
-            const mode_t before = umask(mask);
-            EXPECT_EQ(m_reader.OpenReadFifo(NAME, mode), 0);
-            umask(before);
-            EXPECT_EQ(fs::status(Path(NAME)).permissions(), fs::perms(mode)) << mask;
-        }
+    for (const auto& [mask, mode] : {std::pair(0U, 0777U), std::pair(022U, 0777U), std::pair(0777U, 0620U)}) {
+        const mode_t before = umask(mask);
+        EXPECT_EQ(m_reader.OpenReadFifo(NAME, mode), 0);
+        umask(before);
+        EXPECT_EQ(fs::status(Path(NAME)).permissions(), fs::perms(mode)) << mask;
     }
     Writer();
     int closing = 0;
@@ -107,40 +103,36 @@ TEST_F(SessionTest, ModeIsWhatWasAskedForAndDescriptorsCloseOnExec) {
 }
 
 TEST_F(SessionTest, StaleFifoIsReplacedAndOnlyItsOwnRemoved) {
-    ASSERT_EQ(mkfifo(Path(NAME).c_str(), 0600), 0);
+    Session dead;
+    ASSERT_EQ(dead.OpenReadFifo(NAME, 0600), 0);
     const KyFd old = WriteRaw(Path(NAME), FrameOf("old"));
-    OpenReader();
-    const std::string late = FrameOf("late");
-    EXPECT_EQ(write(old.Get(), late.data(), late.size()), static_cast<ssize_t>(late.size()));
+    ASSERT_EQ(m_reader.OpenReadFifo(NAME, 0600), 0);
+    EXPECT_EQ(write(old.Get(), FrameOf("late").data(), 13), 13);
     EXPECT_EQ(Writer().Write("new"), 0);
     EXPECT_EQ(Read(), "new");
     EXPECT_EQ(Read(0), "4:");
-    Session successor;
-    EXPECT_EQ(successor.OpenReadFifo(NAME, 0600), 0);
-    EXPECT_EQ(m_reader.Close(), 0);
+    EXPECT_EQ(dead.Close(), 0);
     EXPECT_TRUE(fs::exists(Path(NAME)));
-    EXPECT_EQ(successor.Close(), 0);
+    EXPECT_EQ(m_reader.Close(), 0);
     EXPECT_FALSE(fs::exists(Path(NAME)));
-    EXPECT_EQ(successor.Close(), 0);
+    EXPECT_EQ(m_reader.Close(), 0);
 }
 
 /// Signals disturb all waits, and again and again a writer is killed, within a frame as a rule.
 TEST_F(SessionTest, FramesOfManyWritersStayWhole) {
-    constexpr int EACH = 200;
-    OpenReader();
     std::vector<pid_t> processes;
     for (const char letter : {'a', 'b', 'c', 'd'})
-        processes.push_back(ForkWriter(letter, EACH));
+        processes.push_back(ForkWriter(letter, 200));
     SignalEvery(200);
-    pid_t victim = ForkWriter('v', -1);
-    for (int total = 0; total < 4 * EACH;) {
-        const std::string message = Read();
-        ASSERT_EQ(message, std::string(10'000, message.front()));
-        if (message.front() == 'v') continue;
-        if (++total % 50 != 0) continue;
+    for (int round = 0; round < 16; ++round) {
+        const pid_t victim = ForkWriter('v', -1);
+        for (int count = 0; count < 50;) {
+            const std::string message = Read();
+            ASSERT_EQ(message, std::string(10'000, message.front()));
+            count += message.front() != 'v';
+        }
         kill(victim, SIGKILL);
         waitpid(victim, nullptr, 0);
-        if (total < 4 * EACH) victim = ForkWriter('v', -1);
     }
     SignalEvery(0);
     for (const pid_t process : processes) {
@@ -153,7 +145,6 @@ TEST_F(SessionTest, FramesOfManyWritersStayWhole) {
 /// The signal would end this process.
 TEST_F(SessionTest, ReaderThatGoesRaisesNoSignal) {
     signal(SIGPIPE, SIG_DFL);
-    OpenReader();
     Writer();
     m_reader.Close();
     EXPECT_EQ(m_writer.Write("x"), Session::IPC_NO_READER);
@@ -164,15 +155,13 @@ TEST_F(SessionTest, ReaderThatGoesRaisesNoSignal) {
     EXPECT_EQ(sigismember(&mask, SIGPIPE), 0);
 }
 
+/// A reader that is held never ends this test.
 TEST_F(SessionTest, FloodDoesNotHoldTheReader) {
-    OpenReader();
-    int polls = 0;
     s_poll = [&](pollfd* files, nfds_t count, int milliseconds) {
-        if (++polls < 1'000'000) WriteRaw(Path(NAME), std::string(100, '\xF4'));
+        WriteRaw(Path(NAME), std::string(100, '\xF4'));
         return __real_poll(files, count, milliseconds);
     };
     EXPECT_EQ(Read(5), "4:");
-    EXPECT_LT(polls, 1'000'000);
 }
 
 }  // namespace

@@ -42,14 +42,6 @@ void WriteFile(const std::string& path, const std::string& bytes) {
     if (!(file << bytes).flush()) ADD_FAILURE() << "cannot write " << path;
 }
 
-namespace {
-
-int EntriesOf(const char* directory) {
-    return static_cast<int>(std::distance(fs::directory_iterator(directory), fs::directory_iterator()));
-}
-
-}  // namespace
-
 int ThreadCount() {
     // Not a walk through the list of threads, which may miss one while another ends.
     std::ifstream status("/proc/self/status");
@@ -62,7 +54,8 @@ int ThreadCount() {
 }
 
 int OpenDescriptors() {
-    return EntriesOf("/proc/self/fd") - 1;  // the listing itself holds one
+    const auto count = std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    return static_cast<int>(count) - 1;  // the listing itself holds one
 }
 
 long AddressSpaceKiB() {
