@@ -134,7 +134,6 @@ void TferService::Run() {
             if (m_ready) DeliverChanges();
             TakeRequests();
             BeginDueTransactions();
-            KeepListing();
         } catch (const std::exception& error) {
             __dlog_printfex(KY_DLOG_ERROR, kSource, "Run", "%s", error.what());
         }
@@ -197,6 +196,8 @@ void TferService::BeginDueTransactions() {
         const bool quiet = !m_engine.WorkerRunning();
         // What a worker has just caused belongs to its own transaction.
         if (m_ready) DeliverChanges();
+        // A listing that has come is read while the record still says where it is.
+        KeepListing();
         const std::unique_ptr<KyTferMsg> request = m_waiting.TakeDue(quiet);
         if (!request) return;
         Begin(*request);

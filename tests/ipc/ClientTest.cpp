@@ -106,7 +106,6 @@ TEST_F(ClientTest, RequestsAndReplies) {
 }
 
 TEST_F(ClientTest, FailuresEndTheRequestAtOnce) {
-    const std::string control = Path(CONTROL);
     const auto fails = [&](const std::string& text, int status, size_t requestLength = 0) {
         const LogCapture log;
         EXPECT_EQ(m_client.PutDevFile(std::string(requestLength, 'x')), nullptr);
@@ -116,12 +115,12 @@ TEST_F(ClientTest, FailuresEndTheRequestAtOnce) {
     };
     const std::string opening = std::string("Failed to open control FIFO: ") + CONTROL;
     fails(opening, Session::IPC_NO_FIFO);
-    ASSERT_EQ(mkfifo(control.c_str(), 0600), 0);  // as a service leaves it that is killed
+    ASSERT_EQ(mkfifo(Path(CONTROL).c_str(), 0600), 0);  // as a service leaves it that is killed
     fails(opening, Session::IPC_NO_READER);
     ASSERT_EQ(m_reader.OpenReadFifo(CONTROL, 0600), 0);
     fails(std::string("Failed to write to control FIFO: ") + CONTROL, Session::IPC_TOO_LARGE, 2'000'000);
     m_reader.Close();
-    WriteFile(control, "");
+    WriteFile(Path(CONTROL), "");
     fails(opening, Session::IPC_REFUSED);
     WriteFile(m_reply, "");
     fails("Failed to open read FIFO: " + m_name + "-ClntRxFifo", Session::IPC_REFUSED);

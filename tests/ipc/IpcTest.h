@@ -29,10 +29,9 @@ inline std::string FrameOf(const std::string& message) {
 }
 
 /// Writes bytes as one who knows nothing of sessions, and does not wait for a reader to open the FIFO.
-inline KyFd WriteRaw(const std::string& path, const std::string& bytes) {
-    KyFd fifo(open(path.c_str(), O_RDWR | O_CLOEXEC));
+inline void WriteRaw(const std::string& path, const std::string& bytes) {
+    const KyFd fifo(open(path.c_str(), O_RDWR | O_CLOEXEC));
     EXPECT_EQ(write(fifo.Get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    return fifo;
 }
 
 struct Session : KyIpcFifoSession {

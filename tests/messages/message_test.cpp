@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <memory>
 #include <tuple>
 #include <typeinfo>
@@ -22,10 +21,8 @@ using Status = KyTferStatusMsg;
 using std::string_literals::operator""s;
 
 std::string Int(unsigned int value) {
-    std::string bytes;
-    for (int i = 0; i < 4; ++i)
-        bytes += static_cast<char>(value >> (8 * i) & 0xFF);
-    return bytes;
+    const auto byte = [value](int shift) { return static_cast<char>(value >> shift & 0xFF); };
+    return {byte(0), byte(8), byte(16), byte(24)};
 }
 
 std::string Text(const std::string& text) {
@@ -109,16 +106,17 @@ TEST(Messages, EveryClassAndEveryTruncation) {
                                            Text("fifo")};
         fields.insert(fields.end(), own.begin(), own.end());
         const std::string wire = BytesOf(message);
+        ASSERT_EQ(wire, Expected(fields, wire.size()));
         for (size_t length = 1; length <= wire.size(); ++length) {
             const Message read = FromWire(wire.substr(0, length));
+            ASSERT_NE(read, nullptr) << length;
             const KyTferMsg& back = *read;
             ASSERT_TRUE(typeid(back) == typeid(message)) << length;
             ASSERT_EQ(BytesOf(*read), Expected(fields, length)) << length;
         }
     }
-    for (const unsigned int type : {0U, 7U, -1U, 0x80000000U, 0x7FFFFFFFU})
-        EXPECT_EQ(FromWire(Int(type) + Int(4)), nullptr) << type;
-    EXPECT_EQ(FromWire(""), nullptr);
+    for (const std::string& type : {""s, Int(0), Int(7), Int(-1U), Int(0x80000000U), Int(0x7FFFFFFFU)})
+        EXPECT_EQ(FromWire(type), nullptr) << testing::PrintToString(type);
 }
 
 TEST(StatusMessage, ForeignWriterMayPutAnyNumber) {
@@ -126,7 +124,7 @@ TEST(StatusMessage, ForeignWriterMayPutAnyNumber) {
                                      Int(0x80000000U) + Text("o") + Text("caf\xE9") + Text("no/slash"));
     auto& status = dynamic_cast<KyTferStatusMsg&>(*message);
     EXPECT_EQ(status.GetSorServerId(), 0x2345);
-    EXPECT_EQ(status.GetBytesRequested(), UINT_MAX);
+    EXPECT_EQ(status.GetBytesRequested(), 0xFFFFFFFFU);
     EXPECT_EQ(status.GetXferFullFilePath(), "no/slashcaf\xE9");
     EXPECT_EQ(Status::GetStatusText(status.GetStatus()), "TFER_STATUS_UNKNOWN");
     EXPECT_NE(status.GetJsonStatus().find("\"status\": 4294967289"), std::string::npos);
@@ -156,7 +154,7 @@ TEST(StatusMessage, Percentage) {
         {Status::TFER_STATUS_INPROGRESS, 11, 10, 100},
         {Status::TFER_STATUS_INPROGRESS, 29, 100, 28},
         {Status::TFER_STATUS_INPROGRESS, 33554433, 33554434, 100},
-        {Status::TFER_STATUS_INPROGRESS, 0, UINT_MAX, 0},
+        {Status::TFER_STATUS_INPROGRESS, 0, 0xFFFFFFFFU, 0},
     };
     for (const auto& [status, transfered, requested, percent] : rows) {
         KyTferStatusMsg message(512);

@@ -63,9 +63,10 @@ class HostileCallersTest : public ServiceTest {
 protected:
     HostileCallersTest() { Start(); }
 
-    /// Writes bytes to the control FIFO as they are.
+    /// Writes bytes to the control FIFO as they are, apart from what others write.
     void Write(const std::string& bytes) const {
         const KyFd control(open(Path(kControl).c_str(), O_WRONLY | O_CLOEXEC));
+        ASSERT_EQ(flock(control.Get(), LOCK_EX), 0);
         ASSERT_EQ(write(control.Get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     }
 

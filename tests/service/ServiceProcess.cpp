@@ -8,7 +8,7 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <iterator>
+#include <system_error>
 #include <utility>
 
 #include "host/KyFd.h"
@@ -76,7 +76,12 @@ int ServiceProcess::Logged(const std::string& text) const {
     return count;
 }
 
-int ServiceProcess::Descriptors() const {
-    const fs::directory_iterator open("/proc/" + std::to_string(m_id) + "/fd");
-    return static_cast<int>(std::distance(open, fs::directory_iterator()));
+std::multiset<std::string> ServiceProcess::Descriptors() const {
+    std::multiset<std::string> open;
+    for (const auto& descriptor : fs::directory_iterator("/proc/" + std::to_string(m_id) + "/fd")) {
+        std::error_code closed;
+        const std::string target = fs::read_symlink(descriptor, closed);
+        if (!closed) open.insert(target);
+    }
+    return open;
 }

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -29,7 +30,8 @@ public:
     /// How often the text stands in what it has logged.
     int Logged(const std::string& text) const;
 
-    int Descriptors() const;
+    /// What its descriptors are open on.
+    std::multiset<std::string> Descriptors() const;
 
 private:
     const std::string m_log;

@@ -79,8 +79,8 @@ int ServiceTest::Stop(int signal, std::chrono::seconds deadline) {
 }
 
 void ServiceTest::ExpectNoDescriptorLost() const {
-    ASSERT_TRUE(WaitUntil([&] { return m_service->Descriptors() == m_idleDescriptors; }, kDeadline))
-        << m_service->Descriptors() << " open, not " << m_idleDescriptors;
+    WaitUntil([&] { return m_service->Descriptors() == m_idleDescriptors; }, kDeadline);
+    ASSERT_EQ(m_service->Descriptors(), m_idleDescriptors);
 }
 
 std::string ServiceTest::Put(const std::string& name, size_t size) const {

@@ -74,7 +74,7 @@ protected:
 private:
     void Run(const std::vector<std::string>& arguments, ServiceProcess::Sleeps sleeps);
 
-    int m_idleDescriptors = 0;
+    std::multiset<std::string> m_idleDescriptors;
 };
 
 #endif
