@@ -245,8 +245,11 @@ extern "C" void __dlog_printfex(int level, const char* source, const char* funct
 void ky_host::SetLogSink(KyLogSink sink, void* context, int maxLevel) {
     const WriteLock lock;
     s_sink = {sink, context, maxLevel};
+    // In this order, and the other way round on the way back: a line that the sink's limit has let through
+    // finds the sink, or standard error's limit in force again.
+    if (sink != nullptr) s_sinkSet = true;
     s_limit = sink != nullptr ? std::max(maxLevel, UNREAD + 1) : s_stderrLevel;
-    s_sinkSet = sink != nullptr;
+    if (sink == nullptr) s_sinkSet = false;
 }
 
 void ky_host::SetLogLevel(int level) {

@@ -11,6 +11,8 @@ namespace ky_tools {
 namespace {
 
 constexpr char s_startOfLine[] = "\r\x1b[K";  // and clears it
+constexpr char s_bold[] = "\x1b[1m";
+constexpr char s_plain[] = "\x1b[0m";
 
 bool CanRedraw(std::FILE* out) {
     const char* type = std::getenv("TERM");
@@ -34,6 +36,10 @@ void Console::Line(const std::string& text) {
     std::fwrite(text.data(), 1, text.size(), m_out);
     std::fputc('\n', m_out);
     std::fflush(m_out);  // also a pipe's reader sees things when they happen
+}
+
+void Console::Heading(const std::string& text) {
+    Line(m_terminal ? s_bold + text + s_plain : text);
 }
 
 void Console::Redraw(const std::string& text) {

@@ -28,6 +28,9 @@ public:
     /// Writes whole lines, over what Redraw has drawn. @param text  may hold line ends; needs none at its end
     void Line(const std::string& text = std::string());
 
+    /// Writes a line that begins a part of what is told.
+    void Heading(const std::string& text);
+
     /// Draws the current line anew, cut to the terminal's width. Draws nothing where there is no terminal.
     void Redraw(const std::string& text);
 

@@ -43,8 +43,12 @@ void ProgressBar::Show(unsigned int percent, std::uint64_t bytes) {
     }
 }
 
-void ProgressBar::Finish(unsigned int percent, const std::string& result) {
-    m_console.Line(Text(percent, Bytes(m_total) + " in " + Seconds(SecondsSince(m_start)) + ", " + result));
+void ProgressBar::Finish(const std::string& result) {
+    m_console.Line(Text(100, Bytes(m_total) + " in " + Seconds(SecondsSince(m_start)) + ", " + result));
+}
+
+void ProgressBar::Fail(const std::string& reason) {
+    m_console.Line("  " + Padded(m_label, s_labelColumns) + " FAILED: " + reason);
 }
 
 double ProgressBar::SecondsSince(Clock::time_point start) const {
@@ -63,7 +67,7 @@ std::optional<double> ProgressBar::Rate(std::uint64_t bytes) {
 }
 
 std::string ProgressBar::Describe(std::uint64_t bytes) {
-    const std::string amount = BytesOf(bytes, m_total);
+    std::string amount = BytesOf(bytes, m_total);
     const std::optional<double> rate = Rate(bytes);
     if (!rate) return amount;
     const double left = static_cast<double>(m_total - std::min(bytes, m_total)) / *rate;

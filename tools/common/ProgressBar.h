@@ -30,8 +30,11 @@ public:
     /// Shows how far the transfer is. @param percent  0 to 100; 100 is left for Finish to tell
     void Show(unsigned int percent, std::uint64_t bytes);
 
-    /// Writes the last line. @param result  stands at its end
-    void Finish(unsigned int percent, const std::string& result);
+    /// Writes the last line of a transfer that is complete. @param result  stands at its end
+    void Finish(const std::string& result);
+
+    /// Writes the last line of one that is not. @param reason  stands at its end
+    void Fail(const std::string& reason);
 
 private:
     double SecondsSince(Clock::time_point start) const;

@@ -15,9 +15,10 @@ struct Unit {
 };
 
 Unit UnitFor(std::uint64_t bytes) {
-    if (bytes < 1024) return {1.0, "bytes", 0};
-    if (bytes < 1024 * 1024) return {1024.0, "KiB", 1};
-    if (bytes < 1024 * 1024 * 1024) return {1024.0 * 1024, "MiB", 1};
+    constexpr std::uint64_t kibi = 1024;
+    if (bytes < kibi) return {1.0, "bytes", 0};
+    if (bytes < kibi * kibi) return {1024.0, "KiB", 1};
+    if (bytes < kibi * kibi * kibi) return {1024.0 * 1024, "MiB", 1};
     return {1024.0 * 1024 * 1024, "GiB", 1};
 }
 
@@ -56,7 +57,8 @@ std::string Printable(std::string text) {
 }
 
 std::string Cut(const std::string& text, std::size_t columns) {
-    if (columns == 0 || Length(text) <= columns) return columns == 0 ? std::string() : text;
+    if (columns == 0) return {};
+    if (Length(text) <= columns) return text;
     std::size_t end = 0;
     for (std::size_t seen = 0; end < text.size(); ++end)
         if (StartsCharacter(text[end]) && seen++ == columns - 1) break;

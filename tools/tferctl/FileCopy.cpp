@@ -14,7 +14,7 @@
 namespace ky_tferctl {
 namespace {
 
-constexpr std::size_t s_blockBytes = 64 * 1024;
+constexpr std::size_t s_blockBytes = 65536;
 
 std::size_t ReadBlock(const KyFd& from, const std::string& path, std::vector<char>& block) {
     for (;;) {

@@ -3,6 +3,7 @@
 #include <limits>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "common/ProgressBar.h"
 #include "common/Text.h"
@@ -20,7 +21,7 @@ using ky_tools::Printable;
 /// what is left to see of a fetch whose record has given way to the next one's.
 class Arrival {
 public:
-    explicit Arrival(const std::string& path) : m_path(path), m_before(Look()) {}
+    explicit Arrival(std::string path) : m_path(std::move(path)), m_before(Look()) {}
 
     /// Whether it has, with `size` bytes.
     bool HasCome(std::uint64_t size) const {
@@ -64,7 +65,7 @@ KyTferDirEntry Find(const KyTferDirectory& files, const std::string& name) {
 std::string Fetch(const Context& context, Transactions& transactions, const KyTferDirEntry& entry,
                   const std::string& downloadDirectory, ky_tools::ProgressBar& bar) {
     const std::string& name = entry.GetXferFileName();
-    const std::string path = downloadDirectory + name;
+    std::string path = downloadDirectory + name;
     const Arrival arrival(path);
     transactions.Begin([&](Service& service) { return service.Fetch(name, entry.GetFileSizeInBytes()); });
     FetchClaim claim(name);
@@ -96,7 +97,7 @@ void RunGet(const Context& context) {
     ky_tools::ProgressBar bar(context.out, Printable(entry.GetXferFileName()), size);
     const std::string path = Fetch(context, transactions, entry, listing.downloadDirectory, bar);
     if (output) output->Fill(path, size);
-    bar.Finish(100, "in " + Printable(output ? target : path));
+    bar.Finish("in " + Printable(output ? target : path));
 }
 
 }  // namespace ky_tferctl

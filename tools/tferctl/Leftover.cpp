@@ -61,7 +61,7 @@ Leftover::~Leftover() {
     errno = error;
 }
 
-void Leftover::Keep() {
+void Leftover::Keep() const {
     s_slots[m_slot].kind = NOTHING;
 }
 

@@ -31,7 +31,7 @@ public:
     ~Leftover();
 
     /// It is no longer ours to remove.
-    void Keep();
+    void Keep() const;
 
 private:
     const std::size_t m_slot;

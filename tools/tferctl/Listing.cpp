@@ -15,7 +15,7 @@ constexpr int s_tries = 3;
 std::optional<KyTferStatusMsg> FetchOnce(Transactions& transactions, ky_tools::Console& notices) {
     transactions.Begin([](Service& service) { return service.FetchListing(); });
     ListingClaim claim;
-    const auto record = transactions.Follow(claim, [&](const KyTferStatusMsg& now) {
+    auto record = transactions.Follow(claim, [&](const KyTferStatusMsg& now) {
         notices.Redraw("Fetching the device's listing: " + std::to_string(Percent(now)) + "%");
     });
     notices.Clear();

@@ -1,5 +1,8 @@
 #include "tferctl/Tferctl.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -38,6 +41,13 @@ void Run(const Options& options) {
         throw Failure(ExitStatus::FAILED, "Standard output could not be written.");
 }
 
+/// A closed one's number would go to the next file that is opened, which would then get what is told here.
+/// Standard output stays unwritable.
+void OccupyStandardDescriptors() {
+    for (int descriptor = 0; descriptor <= STDERR_FILENO; ++descriptor)
+        if (fcntl(descriptor, F_GETFD) < 0 && open("/dev/null", O_RDONLY) < 0) return;
+}
+
 int Complain(ExitStatus exitStatus, const char* sentence) {
     std::fprintf(stderr, "tferctl: %s\n", sentence);
     return static_cast<int>(exitStatus);
@@ -50,6 +60,7 @@ int TferctlMain(int argc, char** argv) {
     using namespace ky_tferctl;
     // What the library logs of a failure is told in the one sentence.
     if (std::getenv("KY_LOG_LEVEL") == nullptr) ky_host::SetLogLevel(-1);
+    OccupyStandardDescriptors();
     RemoveLeftoversOnSignals();
     try {
         int exitStatus = 0;

@@ -55,6 +55,8 @@ std::optional<KyTferStatusMsg> Transactions::Follow(Claim& claim, const Observer
     Standstill standstill(m_options.timeOut);
     for (;;) {
         const KyTferStatusMsg record = m_service.Status();
+        if (record.GetXferFileName().empty())
+            throw Failure(ExitStatus::FAILED, "The transfer service has begun anew and lost this transfer.");
         if (!claim.Holds(record)) return std::nullopt;
         observer(record);
         const bool ended = record.GetStatus() == KyTferStatusMsg::TFER_STATUS_COMPLETE ||

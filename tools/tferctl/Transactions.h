@@ -33,7 +33,7 @@ public:
     /// @param claim     our claim to it
     /// @param observer  gets each record of it
     /// @return its last record; none if the service has begun another before the end was seen. Throws a
-    /// Failure if it stands still for too long.
+    /// Failure if it stands still for too long, and if a new service does not know of it.
     std::optional<KyTferStatusMsg> Follow(Claim& claim, const Observer& observer);
 
 private:
