@@ -24,7 +24,7 @@ constexpr int DEFAULT_LEVEL = KY_DLOG_NOTICE;
 constexpr int UNREAD = INT_MIN;  // no limit: the environment has not been asked yet
 constexpr size_t MOST_PREFIX = 256;
 constexpr size_t SHORT_LINE = 1024;
-constexpr size_t MOST_TEXT = 64 * 1024;
+constexpr size_t MOST_TEXT = 65536;
 constexpr char CUT_MARK[] = "...";
 
 struct Sink {
@@ -104,7 +104,8 @@ private:
     __attribute__((format(printf, 3, 0))) size_t Fill(size_t room, const char* format, va_list arguments) {
         va_list again;
         va_copy(again, arguments);
-        int length = std::vsnprintf(Text(), room, format, again);
+        // The analyzer does not see that va_copy initialises.
+        int length = std::vsnprintf(Text(), room, format, again);  // NOLINT(clang-analyzer-valist.Uninitialized)
         va_end(again);
         if (length < 0)
             length = std::snprintf(Text(), room, "%s", format);  // wide text that has no narrow form

@@ -15,7 +15,8 @@ class KyDeadline;
 /// at a time. The operations return a KyIpcFifoSession::IpcStatus and throw nothing.
 class KyIpcReadFifo {
 public:
-    KyIpcReadFifo() {}  // leaves the chunk as it is: nobody reads it before it has been written
+    // Not defaulted: make_unique would then clear the chunk, which nobody reads before it has been written.
+    KyIpcReadFifo() {}  // NOLINT(modernize-use-equals-default)
 
     /// Makes the FIFO and opens it. `name` is fit; to be called once.
     int Open(const KyFifoDirectory& directory, const char* name, mode_t mode);
@@ -29,7 +30,7 @@ public:
     int Descriptor() const { return m_fifo.fd.Get(); }
 
 private:
-    static constexpr size_t CHUNK = 64 * 1024;  // what a FIFO holds: one read empties it
+    static constexpr size_t CHUNK = 65536;  // what a FIFO holds: one read empties it
 
     int FindMessage(const KyDeadline& deadline);
     bool Decode();

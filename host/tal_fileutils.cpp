@@ -61,7 +61,7 @@ int CopyPath(const std::string& path, char (&copy)[PATH_MAX]) {
     if (length == 0) return ENOENT;
     if (length >= sizeof copy) return ENAMETOOLONG;
     if (std::memchr(path.data(), '\0', length) != nullptr) return EINVAL;
-    std::memcpy(copy, path.data(), length);
+    path.copy(copy, length);
     copy[length] = '\0';
     return 0;
 }

@@ -10,7 +10,7 @@
 namespace {
 
 // A file without blanks would otherwise be one name, as large as the file.
-constexpr size_t kMostTokenBytes = 64 * 1024;
+constexpr size_t kMostTokenBytes = 65536;
 
 // What the classic locale calls so.
 constexpr auto IsBlank = [](char character) {

@@ -43,15 +43,7 @@ KyTferDirEntry::KyTferDirEntry(KyTferDirEntry&& other) noexcept = default;
 
 KyTferDirEntry::~KyTferDirEntry() = default;
 
-KyTferDirEntry& KyTferDirEntry::operator=(const KyTferDirEntry& other) {
-    m_path = other.m_path;
-    m_origFileName = other.m_origFileName;
-    m_xferFileName = other.m_xferFileName;
-    m_fileType = other.m_fileType;
-    m_fileSizeInBytes = other.m_fileSizeInBytes;
-    m_dateTime = other.m_dateTime;
-    return *this;
-}
+KyTferDirEntry& KyTferDirEntry::operator=(const KyTferDirEntry& other) = default;
 
 KyTferDirEntry& KyTferDirEntry::operator=(KyTferDirEntry&& other) noexcept = default;
 

@@ -160,7 +160,8 @@ void KyTferClient::CreateDirectoryFromFile(const std::string& path) {
         if (GetFileSize(path, size)) file.open(path);
         auto listing = std::make_unique<KyTferDirectory>();
         ky_directory::ReadBlankSeparatedListing(file, *listing);
-        if (m_directoryMap.emplace(path, listing.get()).second) listing.release();
+        const bool taken = m_directoryMap.emplace(path, listing.get()).second;
+        if (taken) static_cast<void>(listing.release());
     } catch (...) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "CreateDirectoryFromFile", "%s", kOutOfMemory);
     }
