@@ -11,7 +11,9 @@ namespace {
 constexpr unsigned int s_quarter = 25;
 constexpr std::size_t s_labelColumns = 15;
 constexpr std::size_t s_barColumns = 20;
-constexpr double s_leastSeconds = 0.2;  // what is measured over less says nothing
+constexpr std::size_t s_barEnds = 3;
+constexpr std::size_t s_endColumns = 48;  // the percentage, and all that Describe says
+constexpr double s_leastSeconds = 0.2;    // what is measured over less says nothing
 
 std::string Bar(unsigned int percent, std::size_t columns) {
     const std::size_t full = columns * std::min(percent, 100U) / 100;
@@ -78,9 +80,10 @@ std::string ProgressBar::Text(unsigned int percent, const std::string& rest) con
     const std::string start = "  " + Padded(m_label, s_labelColumns) + " ";
     const std::string end = Percentage(percent) + "  " + rest;
     if (!m_console.IsTerminal()) return start + end;
-    const std::size_t taken = 2 + s_labelColumns + 1 + end.size() + 3;  // three for the bar's ends
+    // Room is kept for the rate, so that the bar does not shrink when that comes.
+    const std::size_t others = Length(start) + s_barEnds + std::max(end.size(), s_endColumns);
     const std::size_t columns = m_console.Columns();
-    return start + Bar(percent, columns > taken ? std::min(columns - taken, s_barColumns) : 0) + end;
+    return start + Bar(percent, columns > others ? std::min(columns - others, s_barColumns) : 0) + end;
 }
 
 }  // namespace ky_tools

@@ -24,10 +24,10 @@ bool PushClaim::Holds(const KyTferStatusMsg& record) {
            IsFirst(m_transferName, record.GetXferFileName());
 }
 
-// The engine keeps the word as the record's other name.
+// The engine keeps the word as the record's other name. Another's request for the listing is as good as ours.
 bool ListingClaim::Holds(const KyTferStatusMsg& record) {
     if (record.GetOrigFileName() != s_listingRequest || IsInStagingDirectory(record)) return false;
-    if (record.GetXferFileName() == s_listingRequest) return m_transferName.empty();
+    if (record.GetXferFileName() == s_listingRequest) return true;
     return IsFirst(m_transferName, record.GetXferFileName());
 }
 

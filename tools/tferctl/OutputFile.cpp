@@ -26,12 +26,9 @@ mode_t ModeFor(const std::string& path) {
     struct stat found = {};
     const bool isThere = stat(path.c_str(), &found) == 0;
     const bool endsOpen = path.empty() || path.back() == '/';
-    if (endsOpen || (isThere && S_ISDIR(found.st_mode)))
+    if (endsOpen || (isThere && !S_ISREG(found.st_mode)))
         throw Failure(ExitStatus::FAILED,
-                      "Cannot write " + ky_tools::Printable(path) + ": not the name of a file.");
-    if (isThere && !S_ISREG(found.st_mode))
-        throw Failure(ExitStatus::FAILED,
-                      "Cannot write " + ky_tools::Printable(path) + ": not a regular file.");
+                      "Cannot write " + ky_tools::Printable(path) + ": not the name of a regular file");
     return isThere ? found.st_mode & 0777 : ModeOfNewFiles();
 }
 
