@@ -11,8 +11,6 @@ class Samples {
 public:
     using Clock = std::chrono::steady_clock;
 
-    void Reserve(std::size_t count) { m_microseconds.reserve(count); }
-
     void Add(Clock::duration duration) {
         m_microseconds.push_back(std::chrono::duration<double, std::micro>(duration).count());
     }

@@ -1,0 +1,117 @@
+#!/usr/bin/env bash
+# tferctl against the service, both as built: what a script that uses it relies on. Runs in the tests' sandbox.
+#
+# usage: tferctl_test.sh TFERSVC TFERCTL SHORT_SLEEPS
+set -uo pipefail
+
+readonly TFERSVC=$1 TFERCTL=$2 SHORT_SLEEPS=$3
+WORK=$(mktemp -d /var/tmp/tferctl-XXXXXX)
+readonly WORK
+readonly DEVICE=$WORK/device STAGING=/var/local/tal/pldserver
+export KY_IPC_DIR=$WORK/ipc KY_LOG_LEVEL=0
+SERVICE=
+FAILED=0
+
+fail() {
+    echo "FAILED: $*"
+    FAILED=1
+}
+
+# expect NAME STATUS SENTENCE COMMAND...: the sentence is a pattern for one line on standard error, empty for silence
+expect() {
+    local name=$1 wanted=$2 sentence=$3 status=0
+    shift 3
+    timeout 60 "$@" >"$WORK/out" 2>"$WORK/err" || status=$?
+    [ "$status" -eq "$wanted" ] || fail "$name: status $status in the place of $wanted: $(cat "$WORK/err")"
+    if [ -z "$sentence" ]; then
+        [ ! -s "$WORK/err" ] || fail "$name: said $(cat "$WORK/err")"
+    else
+        grep -qE "$sentence" "$WORK/err" || fail "$name: said '$(cat "$WORK/err")' and not '$sentence'"
+    fi
+}
+
+stop_service() {
+    [ -n "$SERVICE" ] || return 0
+    kill -TERM "$SERVICE"
+    wait "$SERVICE" || fail "the service ended with $?"
+    SERVICE=
+}
+
+# start_service OPTION...: and waits until it takes requests
+start_service() {
+    stop_service
+    LD_PRELOAD=$SHORT_SLEEPS ASAN_OPTIONS=${ASAN_OPTIONS:-}:verify_asan_link_order=0 \
+        "$TFERSVC" --device-id 3 --simulate "$DEVICE" "$@" 2>"$WORK/log" &
+    SERVICE=$!
+    local i
+    for i in $(seq 600); do
+        "$TFERCTL" ls >/dev/null 2>&1 && return
+        sleep 0.05
+    done
+    fail "the service does not answer after $i tries"
+}
+
+nothing_left() {
+    local left
+    left=$(find "$KY_IPC_DIR" "$STAGING" \( -name 'TferSvcClnt*' -o -name '.tferctl*' \) 2>/dev/null)
+    [ -z "$left" ] || fail "$1: left $left"
+}
+
+mkdir -p "$DEVICE"
+head -c 200000 /dev/urandom >"$DEVICE/trend.csv"
+echo small >"$DEVICE/two words.txt"
+echo mine >"$WORK/mine.cfg"
+
+expect "no service" 5 "." "$TFERCTL" status
+expect "no command" 2 "." "$TFERCTL"
+expect "unknown option" 2 "." "$TFERCTL" ls --frobnicate
+for command in "" status ls get put cancel; do
+    # shellcheck disable=SC2086  # no command is no argument
+    expect "help $command" 0 "" "$TFERCTL" $command --help
+done
+grep -q . "$WORK/out" || fail "help says nothing"
+
+start_service
+expect "ls" 0 "" "$TFERCTL" ls
+grep -q 'trend.csv .*200000' "$WORK/out" || fail "ls: $(cat "$WORK/out")"
+expect "ls, a page as JSON" 0 "" "$TFERCTL" ls --skip 1 --take 1 --json
+grep -q '"totalFiles":2' "$WORK/out" || fail "ls --json: $(cat "$WORK/out")"
+for name in trend.csv "two words.txt"; do  # the listing has no blanks in names
+    expect "get $name" 0 "" "$TFERCTL" get "${name/ /_}" -o "$WORK/got"
+    cmp "$DEVICE/$name" "$WORK/got" || fail "get $name: another file"
+done
+expect "get, no such file" 1 "." "$TFERCTL" get nothing -o "$WORK/nothing"
+[ ! -e "$WORK/nothing" ] || fail "a file that is not there was made"
+expect "get over a directory" 1 "." "$TFERCTL" get trend.csv -o "$WORK"
+expect "put" 0 "" "$TFERCTL" put "$WORK/mine.cfg"
+[ "$(cat "$WORK/mine.cfg")" = mine ] || fail "put took the user's own file"
+cmp "$WORK/mine.cfg" "$DEVICE/3-00001" || fail "put: the device has another file"
+expect "put, no such file" 1 "." "$TFERCTL" put "$WORK/absent"
+expect "cancel" 0 "" "$TFERCTL" cancel 1
+expect "status" 0 "" "$TFERCTL" status --json
+grep -q '"statusStr": "TFER_STATUS_COMPLETE"' "$WORK/out" || fail "status --json: $(cat "$WORK/out")"
+nothing_left "all went well"
+
+start_service --fault push=refuse
+expect "the device refuses" 1 "." "$TFERCTL" put "$WORK/mine.cfg"
+start_service --fault fetch=stuck
+expect "nothing moves" 4 "." "$TFERCTL" get trend.csv --timeout 1 -o "$WORK/late"
+expect "somebody else's transfer" 3 "." "$TFERCTL" ls --no-wait
+[ ! -e "$WORK/late" ] || fail "a get that timed out left its output"
+
+start_service --fault fetch=stuck
+"$TFERCTL" get trend.csv -o "$WORK/cut" >/dev/null 2>&1 &
+CLIENT=$!
+for _ in $(seq 200); do
+    "$TFERCTL" status | grep -q 'trend.csv' && break
+    sleep 0.02
+done
+kill -TERM "$CLIENT"  # a background job of a script ignores SIGINT
+wait "$CLIENT" && fail "an interrupted get says that it is done"
+[ ! -e "$WORK/cut" ] || fail "an interrupted get left its output"
+nothing_left "interrupted"
+
+stop_service
+rm -rf "$WORK"
+[ "$FAILED" -eq 0 ] && echo "all is well"
+exit "$FAILED"
