@@ -20,6 +20,10 @@ void EngineTest::TearDown() {
 }
 
 void EngineTest::Build() {
+    // The kernel counts a joined thread for a moment longer; those of the engine before must not be counted
+    // here.
+    static const int s_bareThreads = ThreadCount();
+    ASSERT_TRUE(WaitUntil([] { return ThreadCount() == s_bareThreads; }));
     device = m_builder.Build();
     ASSERT_TRUE(device);
     proxy = std::make_unique<GateProxy>(*device);
