@@ -20,6 +20,9 @@ void EngineTest::TearDown() {
 }
 
 void EngineTest::Build() {
+    engine.reset();
+    proxy.reset();
+    device.reset();
     // The kernel counts a joined thread for a moment longer; those of the engine before must not be counted
     // here.
     static const int s_bareThreads = ThreadCount();
