@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr int TAIL = 4;                     // zero bytes behind the data
+constexpr int TAIL = 4;                 // zero bytes behind the data
 constexpr long long MOST_HINT = 65536;  // a larger hint is only believed once the bytes are there
 
 }  // namespace
