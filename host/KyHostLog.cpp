@@ -104,8 +104,8 @@ private:
     __attribute__((format(printf, 3, 0))) size_t Fill(size_t room, const char* format, va_list arguments) {
         va_list again;
         va_copy(again, arguments);
-        // The analyzer does not see that va_copy initialises.
-        int length = std::vsnprintf(Text(), room, format, again);  // NOLINT(clang-analyzer-valist.Uninitialized)
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the analyzer does not see what va_copy does
+        int length = std::vsnprintf(Text(), room, format, again);
         va_end(again);
         if (length < 0)
             length = std::snprintf(Text(), room, "%s", format);  // wide text that has no narrow form
