@@ -24,9 +24,11 @@ constexpr char kLockFile[] = "/tfersvc.lock";
 constexpr char kFlagDirectory[] = "/var/tmp/dmp";
 constexpr char kStarting[] = "The transfer service is still looking for its place in the device";
 constexpr char kBadName[] = "The name of the file is not acceptable";
+constexpr char kEnding[] = "The transfer service is ending";
 constexpr char kTooMany[] = "Too many requests are waiting";
 constexpr auto kPatience = std::chrono::seconds(8);
 constexpr int kAnswerBoundMs = 50;
+constexpr int kShortAnswer = 4000;
 constexpr int kRequestsAtATime = 64;
 constexpr int kWatchMs = 10;  // how often the loop looks at the engine while something waits for it
 constexpr int kForEver = -1;
@@ -117,12 +119,13 @@ void TferService::InitEngine() {
 }
 
 void TferService::Stop() {
-    if (!m_loopThread.joinable()) return;
+    if (!m_initThread.joinable()) return;
     m_link.Abort();
     m_stop = true;
     eventfd_write(m_wakeFd, 1);
     m_engine.Stop();
-    m_loopThread.join();
+    // Not there if the system gave no thread for it.
+    if (m_loopThread.joinable()) m_loopThread.join();
     m_initThread.join();
     m_control.Close();
 }
@@ -137,6 +140,17 @@ void TferService::Run() {
         } catch (const std::exception& error) {
             __dlog_printfex(KY_DLOG_ERROR, kSource, "Run", "%s", error.what());
         }
+    }
+    RefuseWaiting();
+}
+
+// Those who still wait would otherwise wait out their own time limit.
+void TferService::RefuseWaiting() {
+    try {
+        while (const auto request = m_waiting.TakeDue(true))
+            Answer(*request, kRefused, kEnding);
+    } catch (const std::exception& error) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "Run", "%s", error.what());
     }
 }
 
@@ -198,7 +212,7 @@ void TferService::BeginDueTransactions() {
         if (m_ready) DeliverChanges();
         // A listing that has come is read while the record still says where it is.
         KeepListing();
-        const std::unique_ptr<KyTferMsg> request = m_waiting.TakeDue(quiet);
+        const std::unique_ptr<KyTferMsg> request = m_waiting.TakeDue(quiet && !m_engine.WorkerRunning());
         if (!request) return;
         Begin(*request);
     }
@@ -262,7 +276,8 @@ void TferService::Send(const KyTferMsg& request, KyTferMsg& reply) {
         KyIpcMsgBuffer buffer(512);
         reply.Serialize(&buffer);
         KyIpcFifoSession session("tfersvc", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
-        session.SetWriteBound(kAnswerBoundMs);
+        // An empty FIFO takes a short answer at once: a full one belongs to a caller that does not read.
+        session.SetWriteBound(buffer.GetLength() < kShortAnswer ? 0 : kAnswerBoundMs);
         status = session.OpenCtrlFifo(fifo.c_str());
         if (status == KyIpcFifoSession::IPC_OK) {
             status = session.WriteCtrl(reinterpret_cast<const char*>(buffer.GetBuf()), buffer.GetLength());

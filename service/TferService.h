@@ -60,6 +60,7 @@ private:
 
     // The loop's.
     void Run();
+    void RefuseWaiting();
     bool WaitForWork();
     void DeliverChanges();
     void TakeRequests();
