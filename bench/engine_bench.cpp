@@ -25,9 +25,9 @@
 #include "RelayProxy.h"
 #include "Samples.h"
 #include "engine/KyTferClient.h"
+#include "host/KyFd.h"
 #include "host/KyHostLog.h"
 #include "simdevice/SimDevice.h"
-#include "simdevice/SimFd.h"
 
 namespace {
 
@@ -215,8 +215,8 @@ bool IsReady(const KyValChgInfo& change) {
 /// Copies the file as the simulated device delivers it: in chunks of 64 KiB, read and written at once.
 bool CopyInChunks() {
     std::array<char, 65536> chunk;
-    const SimFd source(open(kDeviceFile, O_RDONLY | O_CLOEXEC));
-    SimFd target(open(kLandingPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    const KyFd source(open(kDeviceFile, O_RDONLY | O_CLOEXEC));
+    KyFd target(open(kLandingPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     ssize_t count = 0;
     for (off_t offset = 0; (count = pread(source.Get(), chunk.data(), chunk.size(), offset)) > 0;
          offset += count) {

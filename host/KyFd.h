@@ -14,12 +14,13 @@ public:
         std::swap(m_fd, other.m_fd);
         return *this;
     }
-    ~KyFd() {
-        if (m_fd >= 0) close(m_fd);
-    }
+    ~KyFd() { Close(); }
 
     int Get() const { return m_fd; }
     explicit operator bool() const { return m_fd >= 0; }
+
+    /// Closes the descriptor now. @return false if there was none or the system reports an error
+    bool Close() { return m_fd >= 0 && close(std::exchange(m_fd, -1)) == 0; }
 
 private:
     int m_fd;

@@ -55,8 +55,8 @@ void Report(const SimChangeQueue::Listener& listener, const SimChange& change, s
 
 SimChangeQueue::SimChangeQueue(bool manual) : m_manual(manual) {
     if (manual) {
-        m_event = SimFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-        if (!m_event.Valid()) throw std::system_error(errno, std::generic_category());
+        m_event = KyFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+        if (!m_event) throw std::system_error(errno, std::generic_category());
     } else {
         m_thread = std::thread(&SimChangeQueue::Run, this);
     }

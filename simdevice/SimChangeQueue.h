@@ -11,8 +11,8 @@
 #include <thread>
 #include <variant>
 
+#include "host/KyFd.h"
 #include "platform/KyValChgInfo.h"
-#include "simdevice/SimFd.h"
 
 /// Value of a point: a string or a number.
 using SimValue = std::variant<std::string, unsigned int>;
@@ -79,7 +79,7 @@ private:
     void AwaitRunningCall(std::unique_lock<std::mutex>& lock);
 
     const bool m_manual;
-    SimFd m_event;
+    KyFd m_event;
 
     mutable std::mutex m_mutex;  // guards all below but the thread; a leaf
     std::condition_variable m_changed;

@@ -239,9 +239,8 @@ int SimDevice::Deliver(const std::string& fileName, const SimFault& fault) {
     SimSource source;
     if (!m_files.Open(fileName, source)) return SIM_NO_FILE;
     const std::string path = m_config.landingDirectory + fileName;
-    SimFd target(
-        open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
-    if (!target.Valid()) return SIM_IO_FAILURE;
+    KyFd target(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+    if (!target) return SIM_IO_FAILURE;
     const bool copied = m_line.Copy(source, target.Get(), fault);
     const bool closed = target.Close();
     if (m_abort.Tripped()) return SIM_ABORTED;
@@ -254,8 +253,8 @@ int SimDevice::Accept(const std::string& path, const std::string& xferFileName, 
     if (!SimFiles::IsFileName(xferFileName) || !source.OpenFile(path) || source.size > m_config.maxFileSize)
         return SIM_NO_FILE;
     std::string hidden = m_config.directory + ".arriving-XXXXXX";
-    SimFd target(mkostemp(hidden.data(), O_CLOEXEC));
-    if (!target.Valid()) return SIM_IO_FAILURE;
+    KyFd target(mkostemp(hidden.data(), O_CLOEXEC));
+    if (!target) return SIM_IO_FAILURE;
     const bool stored = m_line.Copy(source, target.Get(), fault) && fchmod(target.Get(), 0644) == 0 &&
                         target.Close() && !m_abort.Tripped() &&
                         rename(hidden.c_str(), (m_config.directory + xferFileName).c_str()) == 0;

@@ -48,9 +48,9 @@ struct DirCloser {
 
 bool SimSource::OpenFile(const std::string& path) {
     // Without O_NONBLOCK, opening a pipe that somebody has left in the directory would hang.
-    file = SimFd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    file = KyFd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat info = {};
-    if (!file.Valid() || fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
+    if (!file || fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
     size = static_cast<std::uint64_t>(info.st_size);
     return true;
 }

@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "simdevice/SimFd.h"
+#include "host/KyFd.h"
 
 /// A file opened for reading, or the text of a listing.
 struct SimSource {
-    SimFd file;                               ///< none for a listing
+    KyFd file;                                ///< none for a listing
     std::shared_ptr<const std::string> text;  ///< null for a file
     std::uint64_t size = 0;                   ///< bytes, when it was opened
 

@@ -240,6 +240,8 @@ private:
     void DirectoryAnswered(const std::string& answer, unsigned long long transaction);
 
     // Transactions.
+    template <typename Request>
+    KyTferStatusMsg Admit(const char* function, Request request);
     static void Refuse(KyTferStatusMsg& result, const char* function, const char* reason);
     unsigned long long BeginTransaction() KY_REQUIRES(m_requestMutex);
     bool IsCurrent(unsigned long long transaction) const KY_REQUIRES(m_requestMutex);
@@ -303,6 +305,9 @@ private:
     static void LogPoll(const MonitorFlow& flow, const PollResult& result, unsigned int& sizeLogged);
     void Describe(PollResult& result) const KY_REQUIRES(m_requestMutex);
     void MeasureArrivingFile(PollResult& result) KY_REQUIRES(m_requestMutex);
+    PollResult RecordProgress(PollResult result, unsigned long long transaction,
+                              const std::string& arrivedText, const char* farewell)
+        KY_REQUIRES(m_requestMutex);
 
     static std::string s_sorLandingDir;
     static std::string s_downloadDir;

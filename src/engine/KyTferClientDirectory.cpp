@@ -6,6 +6,7 @@
 #include "directory/KyBlankSeparatedListing.h"
 #include "directory/KyTferDirectory.h"
 #include "engine/KyTferClientConstants.h"
+#include "engine/KyTferClientRequest.h"
 #include "engine/KyTransferMonitor.h"
 #include "platform/KyDlog.h"
 
@@ -20,18 +21,7 @@ constexpr long long kDirectoryLimitSeconds = 60;
 }  // namespace
 
 KyTferStatusMsg KyTferClient::GetDirectoryFromDevRequest() {
-    KyTferStatusMsg result(512);
-    const KyEngineThreads::Call call(m_threads);
-    if (!call || m_pldProxy == nullptr) {
-        Refuse(result, kRequestFunction, kNotInitialized);
-        return result;
-    }
-    try {
-        RequestDirectory(result);
-    } catch (...) {
-        Refuse(result, kRequestFunction, kOutOfMemory);
-    }
-    return result;
+    return Admit(kRequestFunction, [this](KyTferStatusMsg& result) { RequestDirectory(result); });
 }
 
 void KyTferClient::RequestDirectory(KyTferStatusMsg& result) {
@@ -105,9 +95,7 @@ void KyTferClient::WatchDirectory() {
 }
 
 KyTferClient::PollResult KyTferClient::PollDirectory(unsigned long long transaction) {
-    static const std::string kArriving = kTransferInProgress;
     static const std::string kArrived = "Directory File Transfer Complete";
-    static const std::string kNothingYet = kNothingToReport;
 
     PollResult result;
     if (!IsCurrent(transaction)) return result.Leave(nullptr);
@@ -122,16 +110,7 @@ KyTferClient::PollResult KyTferClient::PollDirectory(unsigned long long transact
     Describe(result);
     // The size is not known before the device has announced it.
     if (m_status.GetBytesRequested() != 0) MeasureArrivingFile(result);
-    const bool refused = m_failedByWorker == transaction;
-    if (result.sighted && !refused && result.bytesTransfered == result.bytesRequested) {
-        m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_COMPLETE);
-        m_status.SetStatusMsg(kArrived);
-        m_transactionActive = false;
-        return result.Leave("Exit COMPLETE 2");
-    }
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
-    m_status.SetStatusMsg(result.sighted ? kArriving : kNothingYet);
-    return result;
+    return RecordProgress(result, transaction, kArrived, "Exit COMPLETE 2");
 }
 
 void KyTferClient::TimeOutDirectory() {

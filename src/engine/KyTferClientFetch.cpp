@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "engine/KyTferClientConstants.h"
+#include "engine/KyTferClientRequest.h"
 #include "engine/KyTransferMonitor.h"
 #include "platform/KyDlog.h"
 
@@ -27,18 +28,9 @@ struct KyTferClient::FetchJob {
 };
 
 KyTferStatusMsg KyTferClient::GetFileFromDevRequest(const std::string& fileName, int fileSize) {
-    KyTferStatusMsg result(512);
-    const KyEngineThreads::Call call(m_threads);
-    if (!call || m_pldProxy == nullptr) {
-        Refuse(result, kRequestFunction, kNotInitialized);
-        return result;
-    }
-    try {
+    return Admit(kRequestFunction, [&](KyTferStatusMsg& result) {
         RequestFetch(fileName, static_cast<unsigned int>(fileSize), result);
-    } catch (...) {
-        Refuse(result, kRequestFunction, kOutOfMemory);
-    }
-    return result;
+    });
 }
 
 void KyTferClient::RequestFetch(const std::string& fileName, unsigned int fileSize, KyTferStatusMsg& result) {
@@ -203,9 +195,7 @@ void KyTferClient::WatchFetch() {
 }
 
 KyTferClient::PollResult KyTferClient::PollFetch(unsigned long long transaction) {
-    static const std::string kArriving = kTransferInProgress;
     static const std::string kArrived = kTransferComplete;
-    static const std::string kNothingYet = kNothingToReport;
 
     PollResult result;
     if (!IsCurrent(transaction) || m_status.GetStatus() == KyTferStatusMsg::TFER_STATUS_NONE) {
@@ -215,17 +205,7 @@ KyTferClient::PollResult KyTferClient::PollFetch(unsigned long long transaction)
     if (m_completedByWorker == transaction) return result.Leave(kLeaveSuccess);
     Describe(result);
     MeasureArrivingFile(result);
-    // The worker sets the announced size back to 0: an empty file that it has just refused would fit then.
-    const bool refused = m_failedByWorker == transaction;
-    if (result.sighted && !refused && result.bytesTransfered == result.bytesRequested) {
-        m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_COMPLETE);
-        m_status.SetStatusMsg(kArrived);
-        m_transactionActive = false;
-        return result.Leave(kLeaveSuccess);
-    }
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
-    m_status.SetStatusMsg(result.sighted ? kArriving : kNothingYet);
-    return result;
+    return RecordProgress(result, transaction, kArrived, kLeaveSuccess);
 }
 
 void KyTferClient::EndFetchByTime(unsigned long long transaction, bool /*afterTimeOut*/) {

@@ -62,6 +62,24 @@ void KyTferClient::MeasureArrivingFile(PollResult& result) {
     m_status.SetBytesTransfered(result.bytesTransfered);
 }
 
+// The row that a poll writes. A file at its expected size ends the transaction, unless the worker has refused
+// it: the worker sets the announced size back to 0, which an empty file would fit.
+KyTferClient::PollResult KyTferClient::RecordProgress(PollResult result, unsigned long long transaction,
+                                                      const std::string& arrivedText, const char* farewell) {
+    static const std::string kArriving = kTransferInProgress;
+    static const std::string kNothingYet = kNothingToReport;
+    const bool refused = m_failedByWorker == transaction;
+    if (result.sighted && !refused && result.bytesTransfered == result.bytesRequested) {
+        m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_COMPLETE);
+        m_status.SetStatusMsg(arrivedText);
+        m_transactionActive = false;
+        return result.Leave(farewell);
+    }
+    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
+    m_status.SetStatusMsg(result.sighted ? kArriving : kNothingYet);
+    return result;
+}
+
 void KyTferClient::Watch(const MonitorFlow& flow) {
     const unsigned long long transaction = TransactionOfThisThread();
     const long long start = WallClockSeconds();

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "engine/KyTferClientConstants.h"
+#include "engine/KyTferClientRequest.h"
 #include "engine/KyTransferMonitor.h"
 #include "platform/KyDlog.h"
 
@@ -23,18 +24,8 @@ constexpr long long kPushLimitSeconds = 180;
 }  // namespace
 
 KyTferStatusMsg KyTferClient::PutFileToDevRequest(const std::string& directory, const std::string& fileName) {
-    KyTferStatusMsg result(512);
-    const KyEngineThreads::Call call(m_threads);
-    if (!call || m_pldProxy == nullptr) {
-        Refuse(result, kRequestFunction, kNotInitialized);
-        return result;
-    }
-    try {
-        RequestPush(directory, fileName, result);
-    } catch (...) {
-        Refuse(result, kRequestFunction, kOutOfMemory);
-    }
-    return result;
+    return Admit(kRequestFunction,
+                 [&](KyTferStatusMsg& result) { RequestPush(directory, fileName, result); });
 }
 
 void KyTferClient::RequestPush(const std::string& directory, const std::string& fileName,
