@@ -449,6 +449,9 @@ TEST_F(ServiceTest, SurvivesHostileCallers) {
         {"answer to a link", reply("link"), "could not answer on (link), status 7"},
         {"answer to itself", reply(kControl), "could not answer on (tfersvc-CtrlFifo), status 7"},
         {"answer that is never read", reply("deaf"), "could not answer on (deaf), status 4"},
+        // Each of these once held the loop for 50 ms: with so many of them nobody was served for 20 s.
+        {"many such answers", Writes(400, reply("deaf").front()), "could not answer on (deaf), status 4",
+         400},
     };
     const std::set<std::string> entries = Entries();
     for (const auto& row : rows) {

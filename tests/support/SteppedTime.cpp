@@ -44,9 +44,11 @@ thread_local bool t_inHook = false;
 
 void CallHook(const std::function<void()>& hook) {
     if (!hook || t_inHook) return;
-    t_inHook = true;
+    struct InHook {
+        InHook() { t_inHook = true; }
+        ~InHook() { t_inHook = false; }
+    } inHook;  // also when the hook throws
     hook();
-    t_inHook = false;
 }
 
 void SleepHeld(State& state, std::unique_lock<std::mutex>& lock, Duration length) {
