@@ -96,7 +96,7 @@ void PageByListingSize(benchmark::State& state) {
         listings.push_back(MakeListing(size));
     Times times[std::size(sizes)];
     unsigned int position = 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         position += 50021;
         for (size_t i = 0; i < std::size(sizes); ++i) {
             const unsigned int skip = position % static_cast<unsigned int>(sizes[i] - kPage);
@@ -151,7 +151,7 @@ void PageDocument(benchmark::State& state) {
     Times ours, alone;
     std::string page;
     char* document = nullptr;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         ours.Time([&] { page = Page(directory, 0); });
         free(document);
         alone.Time([&] {
@@ -237,7 +237,7 @@ void ReadBlankSeparated(benchmark::State& state) {
     const auto count = static_cast<size_t>(state.range(0));
     const ListingFile file(count, Form::BLANKS);
     Times ours, plain, bare, kept;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         KyTferDirectory directory, extracted;
         plain.Time([&] { ReadPlainly(file.Path()); });
         bare.Time([&] {
@@ -268,7 +268,7 @@ BENCHMARK(ReadBlankSeparated)
 void ReadCommaSeparated(benchmark::State& state) {
     const ListingFile file(static_cast<size_t>(state.range(0)), Form::COMMAS);
     Times ours, plain;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         KyTferDirectory directory;
         plain.Time([&] { ReadPlainly(file.Path()); });
         ours.Time([&] { directory.ParseFile(file.Path()); });

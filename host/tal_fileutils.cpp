@@ -60,7 +60,7 @@ int CopyPath(const std::string& path, char (&copy)[PATH_MAX]) {
         --length;
     if (length == 0) return ENOENT;
     if (length >= sizeof copy) return ENAMETOOLONG;
-    if (std::memchr(path.data(), '\0', length) != nullptr) return EINVAL;
+    if (path.find('\0') < length) return EINVAL;
     path.copy(copy, length);
     copy[length] = '\0';
     return 0;

@@ -130,7 +130,9 @@ TEST(ParseFile, Dates) {
 }
 
 TEST(ParseFile, MemoryStaysInProportionToTheFile) {
-    EXPECT_EQ(Read(std::string(100'000'000, 'x')).size(), 97752U);
+    std::string endless;
+    endless.resize(100'000'000, 'x');
+    EXPECT_EQ(Read(endless).size(), 97752U);
     LogCapture log(3);
     const std::string name(1000, 'n');
     const Entries entries = Read("," + name + ",\n" + std::string(1'000'000, '\n'));

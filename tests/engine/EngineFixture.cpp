@@ -62,7 +62,7 @@ Status EngineTest::Request(const std::string& name, int size) {
     return accepted;
 }
 
-bool EngineTest::WaitForThreads(int count) {
+bool EngineTest::WaitForThreads(int count) const {
     return WaitUntil([&] { return ThreadCount() == m_threadsWithoutEngine + count; });
 }
 

@@ -55,7 +55,7 @@ protected:
     bool WaitUntilQuiet() { return WaitForThreads(0) && device->WaitIdle(10000); }
 
     /// Waits until that many threads of the engine run.
-    bool WaitForThreads(int count);
+    bool WaitForThreads(int count) const;
 
     /// Waits until no worker runs and the device has nothing left to report.
     bool WaitForWorker();

@@ -315,7 +315,7 @@ TEST_F(Fetch, ManyLeaveNoThreadsAndNoMemoryBehind) {
     }
     EXPECT_EQ(OpenDescriptors(), descriptors);
     // A sanitizer's shadow grows with what it has seen.
-    EXPECT_TRUE(kSanitized || AddressSpaceKiB() - space < 8 * 1024) << "less than one thread's stack";
+    EXPECT_TRUE(kSanitized || AddressSpaceKiB() - space < 8192) << "less than one thread's stack";
 }
 
 TEST_F(Fetch, StopAndDeleteAtRandomMoments) {

@@ -34,7 +34,7 @@ TEST_F(Push, WholeConversation) {
     SteppedTime::OnSleep({});
     EXPECT_EQ(SteppedTime::TotalSlept(), 1s);
     EXPECT_EQ(beforeSleep, Strings{"8604=1000"}) << "the name comes a second after the size";
-    const std::string name = accepted.GetXferFileName();
+    const std::string& name = accepted.GetXferFileName();
     EXPECT_TRUE(name.substr(0, 6) == "3-0000" && name.size() == 7) << name;
     EXPECT_EQ(Outcome(accepted), kAccepted);
     EXPECT_EQ(accepted.GetBytesRequested(), bytes.size());

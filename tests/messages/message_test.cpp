@@ -18,7 +18,7 @@ namespace {
 
 using Message = std::unique_ptr<KyTferMsg>;
 using Status = KyTferStatusMsg;
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 
 std::string Int(unsigned int value) {
     const auto byte = [value](int shift) { return static_cast<char>(value >> shift & 0xFF); };
