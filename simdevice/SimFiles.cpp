@@ -57,7 +57,8 @@ bool SimSource::OpenFile(const std::string& path) {
 
 ssize_t SimSource::ReadAt(std::uint64_t offset, char* bytes, std::size_t count) const {
     if (text == nullptr) return pread(file.Get(), bytes, count, static_cast<off_t>(offset));
-    return offset < text->size() ? static_cast<ssize_t>(text->copy(bytes, count, offset)) : 0;
+    if (offset >= text->size()) return 0;
+    return static_cast<ssize_t>(text->copy(bytes, count, static_cast<std::size_t>(offset)));
 }
 
 SimFiles::SimFiles(std::string directory) : m_directory(std::move(directory)) {}

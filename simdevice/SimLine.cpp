@@ -59,16 +59,19 @@ bool SimLine::MoveChunk(const SimSource& source, int target, const SimFault& fau
     const std::uint64_t rate = m_rate;
     const std::uint64_t most =
         rate == 0 ? chunk.size() : std::clamp<std::uint64_t>(rate / 100, 1, chunk.size());
-    moved = std::min(most, end - offset);
-    if (offset < source.size) {
-        const ssize_t count = source.ReadAt(offset, chunk.data(), std::min(moved, source.size - offset));
-        if (count <= 0) return false;  // also a file that has become shorter
-        moved = static_cast<std::uint64_t>(count);
+    const bool inside = offset < source.size;
+    auto count =
+        static_cast<std::size_t>(std::min(most, (inside ? std::min(source.size, end) : end) - offset));
+    if (inside) {
+        const ssize_t read = source.ReadAt(offset, chunk.data(), count);
+        if (read <= 0) return false;  // also a file that has become shorter
+        count = static_cast<std::size_t>(read);
     } else {
-        std::fill_n(chunk.data(), moved, '\0');
+        std::fill_n(chunk.data(), count, '\0');
     }
-    if (fault.garbage) MakeNoise(chunk.data(), moved, offset);
-    return WriteAll(target, chunk.data(), moved);
+    if (fault.garbage) MakeNoise(chunk.data(), count, offset);
+    moved = count;
+    return WriteAll(target, chunk.data(), count);
 }
 
 // Sleeps out what the bytes cost. Less than 10 ms is left owing, because a sleep costs time itself.

@@ -99,7 +99,11 @@ TEST(ParseFile, FieldsOfALine) {
 
 TEST(ParseFile, CharactersOfTheLocale) {
     EXPECT_EQ(Read("a,b,c,1,\nd\xC3\xA9,e\nf,g\n"), Entries{"a|b|c|1|0"}) << "the file ends where ASCII does";
-    ASSERT_NE(setlocale(LC_ALL, "C.UTF-8"), nullptr);
+    if (setlocale(LC_ALL, "C.UTF-8") == nullptr) {
+        // In an emulator the machine's own locale may have the other byte order.
+        ASSERT_EQ(__BYTE_ORDER__, __ORDER_BIG_ENDIAN__);
+        GTEST_SKIP() << "there is no UTF-8 locale to read with";
+    }
     // U+012C and U+010A have the low bytes of a comma and a line feed, and U+0100 that of a NUL.
     EXPECT_EQ(Read("d\xC3\xA9,\xC4\xAC\xC4\x8A\xE2\x82\xAC,\xC4\x80!\n"),
               (Entries{"d\xE9|,\n\xAC|\0!|0|0"s}));

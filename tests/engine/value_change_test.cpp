@@ -13,6 +13,12 @@ protected:
         engine->DataChange({pointId, mmIdx, 0, storage + 1});
     }
 
+    /// A 16-bit flag and what stands behind it.
+    void ChangeDmp(unsigned short mmIdx, unsigned short flag, unsigned short behind) {
+        const unsigned short storage[] = {flag, behind};
+        engine->DataChange({8631, mmIdx, 0, storage});
+    }
+
     void ChangeString(int pointId, const std::vector<unsigned short>& units) {
         std::vector<char> storage(2 * units.size() + 1);
         if (!units.empty()) memcpy(storage.data() + 1, units.data(), 2 * units.size());
@@ -61,12 +67,12 @@ TEST_F(ValueChange, DmpFollowsTheCardsOwnModuleAlone) {
     WriteFile("/var/tmp/dmp/usb_force_fs", "");
     const struct {
         unsigned short mmIdx;
-        unsigned int value;
+        unsigned short flag;
         bool there;
-    } rows[] = {{1, 1, false}, {2, 0x10000, false}, {2, 7, true}, {1, 0, true}, {2, 0, false}};
+    } rows[] = {{1, 1, false}, {2, 0, false}, {2, 7, true}, {1, 0, true}, {2, 0, false}};
     for (const auto& row : rows) {
-        ChangeNumber(8631, row.mmIdx, row.value);
-        EXPECT_EQ(fs::exists("/var/tmp/dmp/dmp_supported"), row.there) << row.mmIdx << ": " << row.value;
+        ChangeDmp(row.mmIdx, row.flag, 1);
+        EXPECT_EQ(fs::exists("/var/tmp/dmp/dmp_supported"), row.there) << row.mmIdx << ": " << row.flag;
     }
     EXPECT_TRUE(fs::exists("/var/tmp/dmp/usb_force_fs"));
 }

@@ -11,7 +11,14 @@
 #include <set>
 #include <utility>
 
-extern "C" int __real_clock_gettime(clockid_t clock, timespec* time);
+// With 64-bit times on a 32-bit processor, the C library's function has a name of its own.
+#ifdef __USE_TIME_BITS64
+#define CLOCK_GETTIME "__clock_gettime64"
+#else
+#define CLOCK_GETTIME "clock_gettime"
+#endif
+extern "C" int RealClockGettime(clockid_t clock, timespec* time) __asm__("__real_" CLOCK_GETTIME);
+extern "C" int WrapClockGettime(clockid_t clock, timespec* time) __asm__("__wrap_" CLOCK_GETTIME);
 
 namespace {
 
@@ -93,12 +100,12 @@ extern "C" int __wrap_usleep(useconds_t microseconds) {
     return 0;
 }
 
-extern "C" int __wrap_clock_gettime(clockid_t clock, timespec* time) {
-    if (clock != CLOCK_REALTIME) return __real_clock_gettime(clock, time);
+extern "C" int WrapClockGettime(clockid_t clock, timespec* time) {
+    if (clock != CLOCK_REALTIME) return RealClockGettime(clock, time);
     const Duration now = SteppedTime::Now();
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now);
     time->tv_sec = seconds.count();
-    time->tv_nsec = std::chrono::nanoseconds(now - seconds).count();
+    time->tv_nsec = static_cast<long>(std::chrono::nanoseconds(now - seconds).count());
     return 0;
 }
 

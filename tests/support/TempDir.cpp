@@ -59,6 +59,9 @@ int OpenDescriptors() {
 }
 
 long AddressSpaceKiB() {
+#ifdef KY_EMULATED
+    return 0;
+#endif
     long pages = 0;
     std::ifstream("/proc/self/statm") >> pages;
     return pages * (sysconf(_SC_PAGESIZE) / 1024);

@@ -27,6 +27,6 @@ void WriteFile(const std::string& path, const std::string& bytes);
 
 int ThreadCount();       ///< threads of this process
 int OpenDescriptors();   ///< open descriptors of this process
-long AddressSpaceKiB();  ///< size of this process's address space
+long AddressSpaceKiB();  ///< size of this process's address space; 0 in an emulator, whose size it would be
 
 #endif

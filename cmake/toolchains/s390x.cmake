@@ -1,0 +1,7 @@
+# Big-endian 64-bit, by Debian's cross compiler and its libraries for s390x. The emulator does not get through the
+# dynamic loader of this architecture: build with KYTFER_STATIC.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR s390x)
+set(CMAKE_CXX_COMPILER s390x-linux-gnu-g++)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-s390x-static)
+set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/s390x-linux-gnu/pkgconfig:/usr/share/pkgconfig)
