@@ -27,22 +27,31 @@ public:
     KyTferDirEntry(const std::string& path, const std::string& origFileName, const std::string& xferFileName,
                    const std::string& fileType, unsigned int fileSizeInBytes, unsigned long long dateTime);
 
+    /// @{
+    /// All fields of `other`. What an entry was moved from may be assigned to or destroyed.
     KyTferDirEntry(const KyTferDirEntry& other);
     KyTferDirEntry(KyTferDirEntry&& other) noexcept;
+    /// @}
     virtual ~KyTferDirEntry();
 
+    /// @{
+    /// As the constructors.
     KyTferDirEntry& operator=(const KyTferDirEntry& other);
     KyTferDirEntry& operator=(KyTferDirEntry&& other) noexcept;
+    /// @}
 
     /// Overwrites all that the entry holds; the arguments are those of the constructor.
     void Init(const std::string& path, const std::string& origFileName, const std::string& xferFileName,
               const std::string& fileType, unsigned int fileSizeInBytes, unsigned long long dateTime);
 
+    /// @{
+    /// The field as it was given; a text stays the entry's own, and valid until the entry changes.
     const std::string& GetPath() const { return m_path; }
     const std::string& GetOrigFileName() const { return m_origFileName; }
     const std::string& GetXferFileName() const { return m_xferFileName; }
     const std::string& GetFileType() const { return m_fileType; }
     unsigned int GetFileSizeInBytes() const { return m_fileSizeInBytes; }
+    /// @}
 
     /// Nanoseconds since 1970-01-01 00:00:00 UTC.
     unsigned long long GetDateTime() const { return m_dateTime; }

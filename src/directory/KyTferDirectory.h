@@ -55,7 +55,9 @@ public:
     /// Finds the first entry with this path and transfer file name, both compared byte for byte. Entries that
     /// were read from a listing have an empty path.
     ///
-    /// @param entry  overwritten with a copy of what was found, untouched otherwise
+    /// @param path          directory on the device, as the entry has it
+    /// @param xferFileName  transfer file name, as the entry has it
+    /// @param entry         overwritten with a copy of what was found, untouched otherwise
     /// @return whether there is such an entry; false also if memory runs out
     bool GetDirEntry(const std::string& path, const std::string& xferFileName, KyTferDirEntry& entry) const;
 
@@ -86,7 +88,12 @@ public:
     /// Sets the members of a listing document that describe its page, all but the files.
     ///
     /// @param doc         a JSON object, which stays the caller's
-    /// @param totalFiles  number of entries in the listing; the other arguments as above
+    /// @param context     as for GetEntryListAsJSONString, like all but the next
+    /// @param skip        number of entries before the page
+    /// @param take        most entries of the page
+    /// @param totalFiles  number of entries in the listing
+    /// @param filter      not applied
+    /// @param status      of the transaction that brought the listing
     static void PutHeaderData(json_t* doc, const std::string& context, unsigned int skip, unsigned int take,
                               unsigned int totalFiles, const std::string& filter,
                               KyTferStatusMsg::TferStatus status);

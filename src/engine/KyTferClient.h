@@ -93,17 +93,21 @@ public:
     static std::string GetCardReceiveFileDirectory();
 
     /// Writes a string point of the device: the empty string first and then the value, so that the device
-    /// sees a change even if it is the value that the point has.
+    /// sees a change even if it is the value that the point has. Blocks for both writes.
     ///
-    /// @return the proxy's status of the second write, 0 for success; the first one's does not count
+    /// @return the proxy's status of the second write, 0 for success; the first one's does not count. Another
+    ///         value also without a device and after Stop
     int MaiStringSend(const std::string& value, unsigned short pointId);
 
-    /// Reads a string point of the device into `value`, which a failed read leaves as it was.
-    /// @return the proxy's status, 0 for success
+    /// Reads a string point of the device into `value`, which a failed read leaves as it was. Blocks for the
+    /// read.
+    ///
+    /// @return the proxy's status, 0 for success; another value also without a device and after Stop
     int MaiStringGet(std::string& value, unsigned short pointId);
 
     /// Searches the device's modules for this card's MAC address and keeps the index at which four reads, two
-    /// seconds apart, have found it. Repeats the search until it has succeeded or Stop is called.
+    /// seconds apart, have found it. Repeats the search until it has succeeded or Stop is called, and so blocks
+    /// for eight seconds or more.
     ///
     /// @return true if the index was found; false if the device has no such report, or after Stop
     bool AcquireMaiMmIdx();

@@ -23,17 +23,23 @@ public:
     void Serialize(KyIpcMsgBuffer* buffer) override;
     void Deserialize(KyIpcMsgBuffer* buffer) override;
 
+    /// @{
     /// The file's name as the requester knows it.
     const std::string& GetOrigFileName() const { return m_origFileName; }
     void SetOrigFileName(const std::string& name) { m_origFileName = name; }
+    /// @}
 
+    /// @{
     /// The file's name on the way between card and device. On the wire it comes before the original name.
     const std::string& GetXferFileName() const { return m_xferFileName; }
     void SetXferFileName(const std::string& name) { m_xferFileName = name; }
+    /// @}
 
+    /// @{
     /// Size of the file in bytes. A received message may hold any value, a negative one too.
     int GetXferFileSize() const { return m_xferFileSize; }
     void SetXferFileSize(int bytes) { m_xferFileSize = bytes; }
+    /// @}
 
 private:
     std::string m_origFileName;

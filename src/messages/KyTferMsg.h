@@ -21,13 +21,13 @@ public:
     /// What kind of message this is; the first field on the wire. A received message may hold any other
     /// number.
     enum TferMsgType : int {
-        TFER_MSG_NONE = 0,
-        TFER_MSG_GET_DEV_FILE = 1,
-        TFER_MSG_PUT_DEV_FILE = 2,
-        TFER_MSG_GET_DEV_DIR = 3,
-        TFER_MSG_RESP = 4,
-        TFER_MSG_STATUS = 5,
-        TFER_MSG_CANCEL_TRANS = 6,
+        TFER_MSG_NONE = 0,          ///< no message; there is no class for it
+        TFER_MSG_GET_DEV_FILE = 1,  ///< KyTferGetDevFile
+        TFER_MSG_PUT_DEV_FILE = 2,  ///< KyTferPutDevFile
+        TFER_MSG_GET_DEV_DIR = 3,   ///< KyTferGetDevDirMsg
+        TFER_MSG_RESP = 4,          ///< KyTferRespMsg
+        TFER_MSG_STATUS = 5,        ///< KyTferStatusMsg, as request and as reply
+        TFER_MSG_CANCEL_TRANS = 6,  ///< KyTferCancelTransMsg
     };
 
     /// Copies the base fields of `other`, as Copy does, and writes a notice to the log. Assigning a derived
@@ -36,7 +36,7 @@ public:
 
     virtual ~KyTferMsg();
 
-    /// Appends the fields to `buffer`, which stays the caller's.
+    /// Appends the fields to `buffer`, which stays the caller's. What it cannot grow for is missing in it.
     virtual void Serialize(KyIpcMsgBuffer* buffer);
 
     /// Takes the fields from `buffer`, from its reading position on; the type read replaces this message's.
@@ -51,30 +51,43 @@ public:
     /// KyIpcMsgBuffer's always are). Consumes nothing.
     static int PeekMsgType(const unsigned char* bytes);
 
+    /// @{
+    /// What kind of message this is: each class sets its own, and Deserialize() what has come.
     TferMsgType GetMsgType() const { return m_msgType; }
     void SetMsgType(TferMsgType type) { m_msgType = type; }
+    /// @}
 
+    /// @{
     /// Identifier of the device-side server that the message concerns, carried for the service; 0 in a new
     /// message.
     unsigned short GetSorServerId() const { return m_sorServerId; }
     void SetSorServerId(unsigned short serverId) { m_sorServerId = serverId; }
+    /// @}
 
+    /// @{
     /// Identifier of the transaction; in a cancel request, of the one to cancel. Empty in a new message.
     const std::string& GetTransId() const { return m_transId; }
     void SetTransId(const std::string& transId) { m_transId = transId; }
+    /// @}
 
+    /// @{
     /// The caller's own context, carried through unchanged. Empty in a new message.
     const std::string& GetCallerContext() const { return m_callerContext; }
     void SetCallerContext(const std::string& context) { m_callerContext = context; }
+    /// @}
 
+    /// @{
     /// Name of the FIFO on which the sender waits for the reply. Empty in a new message.
     const std::string& GetRespFifo() const { return m_respFifo; }
     void SetRespFifo(const std::string& fifo) { m_respFifo = fifo; }
+    /// @}
 
 protected:
     /// A message with empty fields, whose type the derived class sets. The argument is the expected size of
     /// the serialised message in bytes; it has no effect.
     explicit KyTferMsg(int sizeHint);
+
+    /// Takes over every base field of `other`, the type included.
     KyTferMsg(const KyTferMsg& other);
 
 private:

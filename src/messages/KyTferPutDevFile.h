@@ -18,9 +18,11 @@ public:
     void Serialize(KyIpcMsgBuffer* buffer) override;
     void Deserialize(KyIpcMsgBuffer* buffer) override;
 
+    /// @{
     /// Path on the card of the file to push.
     const std::string& GetSrcPath() const { return m_srcPath; }
     void SetSrcPath(const std::string& path) { m_srcPath = path; }
+    /// @}
 
 private:
     std::string m_srcPath;

@@ -15,18 +15,18 @@ class KYTFER_EXPORT KyTferStatusMsg : public KyTferMsg {
 public:
     /// State of the transaction. A received record may hold any other number.
     enum TferStatus : int {
-        TFER_STATUS_NONE = 0,
-        TFER_STATUS_REQUESTED = 1,
-        TFER_STATUS_COMPLETE = 2,
-        TFER_STATUS_INPROGRESS = 3,
-        TFER_STATUS_FAIL = 4,
+        TFER_STATUS_NONE = 0,        ///< there has been no transaction yet
+        TFER_STATUS_REQUESTED = 1,   ///< not used by the engine
+        TFER_STATUS_COMPLETE = 2,    ///< ended well
+        TFER_STATUS_INPROGRESS = 3,  ///< under way; fetches and listings are refused meanwhile
+        TFER_STATUS_FAIL = 4,        ///< ended otherwise, as the status message says
     };
 
     /// Kind of transaction. A push leaves the kind that was there before it.
     enum TferRequestType : int {
-        TFER_REQ_NONE = 0,
-        TFER_REQ_DIRECTORY = 1,
-        TFER_REQ_GET_FILE = 2,
+        TFER_REQ_NONE = 0,       ///< none yet, or a listing that the device did not take the request for
+        TFER_REQ_DIRECTORY = 1,  ///< the device's listing
+        TFER_REQ_GET_FILE = 2,   ///< a file of the device
     };
 
     /// A record with TFER_STATUS_NONE, TFER_REQ_NONE, counts of 0 and empty texts. The argument is handed to
@@ -53,31 +53,47 @@ public:
     /// Copies every field of `other`, those of the message base included. Null copies nothing.
     virtual void Copy(const KyTferStatusMsg* other);
 
+    /// @{
+    /// Any number is kept, also one that is no TferStatus.
     TferStatus GetStatus() const { return m_status; }
     void SetStatus(TferStatus status) { m_status = status; }
+    /// @}
 
+    /// @{
+    /// Kind of transaction. It stays on this side: the wire does not have it.
     TferRequestType GetReqType() const { return m_reqType; }
     void SetReqType(TferRequestType type) { m_reqType = type; }
+    /// @}
 
+    /// @{
     /// Number of bytes that the transaction is to move.
     unsigned int GetBytesRequested() const { return m_bytesRequested; }
     void SetBytesRequested(unsigned int bytes) { m_bytesRequested = bytes; }
+    /// @}
 
+    /// @{
     /// Number of bytes moved so far.
     unsigned int GetBytesTransfered() const { return m_bytesTransfered; }
     void SetBytesTransfered(unsigned int bytes) { m_bytesTransfered = bytes; }
+    /// @}
 
+    /// @{
     /// Text that explains the status, for a person.
     const std::string& GetStatusMsg() const { return m_statusMsg; }
     void SetStatusMsg(const std::string& text) { m_statusMsg = text; }
+    /// @}
 
+    /// @{
     /// The file's name as the requester knows it.
     const std::string& GetOrigFileName() const { return m_origFileName; }
     void SetOrigFileName(const std::string& name) { m_origFileName = name; }
+    /// @}
 
+    /// @{
     /// The file's name on the way between card and device.
     const std::string& GetXferFileName() const { return m_xferFileName; }
     void SetXferFileName(const std::string& name) { m_xferFileName = name; }
+    /// @}
 
     /// Directory of the file on the card; ends with "/" once it has been set.
     const std::string& GetFilePath() const { return m_filePath; }

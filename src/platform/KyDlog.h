@@ -1,6 +1,9 @@
 #ifndef PLATFORM_KYDLOG_H
 #define PLATFORM_KYDLOG_H
 
+/// @file
+/// The platform's log.
+
 /// Severities of a log line, numbered like the syslog's.
 enum KyDlogLevel {
     KY_DLOG_ERROR = 3,    ///< a step failed

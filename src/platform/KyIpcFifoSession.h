@@ -32,7 +32,7 @@ public:
 
     /// What the operations return.
     enum IpcStatus : int {
-        IPC_OK = 0,
+        IPC_OK = 0,            ///< done
         IPC_FAILED = 1,        ///< a system call failed for another reason than those below
         IPC_BAD_ARGUMENT = 2,  ///< an argument was null or negative, or the name of a FIFO unfit
         IPC_NOT_OPEN = 3,      ///< the session has no such FIFO open
@@ -46,7 +46,8 @@ public:
 
     /// A session without open FIFOs.
     ///
-    /// @param name  names the session in log lines; null is fine, and only the first characters are kept
+    /// @param name      names the session in log lines; null is fine, and only the first characters are kept
+    /// @param behavior  what Close() does about messages that have not been taken
     KyIpcFifoSession(const char* name, IpcCloseConfirmBehavior behavior);
     KyIpcFifoSession(const KyIpcFifoSession&) = delete;
     KyIpcFifoSession& operator=(const KyIpcFifoSession&) = delete;

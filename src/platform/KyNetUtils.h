@@ -11,7 +11,8 @@ public:
     /// The card's MAC address, as text in the very form in which the managed device stores it in its
     /// MonAgentInfo points: the card finds itself there by comparing byte for byte.
     ///
-    /// May be called from any thread. It never fails: a card without a network interface gets a fixed text.
+    /// May be called from any thread. A card without a network interface gets a fixed text; the empty text,
+    /// with which no module is found, means that memory has run out.
     static std::string GetMAC();
 };
 
