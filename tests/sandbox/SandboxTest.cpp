@@ -20,6 +20,7 @@ TEST(SandboxRun, ExitStatusAndMessage) {
         {"environment", "-- sh -c 'echo sandbox=$KY_SANDBOX'", 0, "sandbox=1"},
         {"no capability", "-- grep CapEff: /proc/self/status", 0, "0000000000000000"},
         {"empty /run on request", "--run-empty -- sh -c 'ls -A /run | wc -l'", 0, "0\n"},
+        {"empty directory on request", "--empty /etc -- sh -c 'ls -A /etc | wc -l'", 0, "0\n"},
         {"unknown option", "--bogus -- true", 125, "usage:"},
         {"directory absent", "--tmp /absent -- true", 125, "/absent: No such file"},
         {"cannot be started", "-- /etc/passwd", 126, "/etc/passwd: Permission denied"},

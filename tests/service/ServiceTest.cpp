@@ -39,6 +39,8 @@ namespace {
 
 constexpr char kLanding[] = "/var/local/tal/pldserver/3/";
 constexpr char kDownload[] = "/var/local/tal/pldserver/3/tferFiles/";
+constexpr char kCallers[] = "/var/local/tal/pldserver/callers/";  // where callers stage what they push
+constexpr char kSource[] = "/var/local/tal/pldserver/callers/settings.cfg";
 constexpr char kControl[] = "tfersvc-CtrlFifo";
 // A sanitizer would otherwise insist on being the first library.
 constexpr char kShortSleeps[] =
@@ -87,7 +89,9 @@ private:
 class ServiceTest : public testing::Test {
 protected:
     ServiceTest() {
-        fs::create_directory(m_files);
+        for (const std::string& directory : {m_files, std::string(kCallers)})
+            fs::create_directories(directory);
+        if (m_launcher) fs::create_directory("/var/tmp/dmp");
         setenv("KY_IPC_DIR", m_fifos.c_str(), 1);
     }
 
@@ -98,14 +102,17 @@ protected:
         }
         EXPECT_EQ(Entries(), std::set<std::string>{"tfersvc.lock"});
         if (HasFailure()) std::cerr << ReadFile(m_log);
-        fs::remove_all("/var/local/tal");
+        for (const std::string& directory : {std::string("/var/local/tal"), m_files, m_fifos})
+            fs::remove_all(directory);
         unsetenv("KY_IPC_DIR");
     }
 
     /// Runs a service, as the argument of another command if there is one.
     std::unique_ptr<Process> Run(const std::string& options, const std::string& log, const std::string& by) {
-        return std::make_unique<Process>(by + " " TFERSVC_PROGRAM " --device-id 3 --simulate " + m_files +
-                                         " " + options + " >" + log + " 2>&1");
+        const std::string launcher = m_launcher ? m_launcher : "";
+        return std::make_unique<Process>(by + " " + launcher +
+                                         " " TFERSVC_PROGRAM " --device-id 3 --simulate " + m_files + " " +
+                                         options + " >" + log + " 2>&1");
     }
 
     /// Starts the service in the place of the one before, with short sleeps, and waits until it is ready. It
@@ -188,9 +195,11 @@ protected:
         return names;
     }
 
+    // A launcher puts the service under the restrictions of its unit, in the unit's directories.
+    const char* const m_launcher = getenv("TFERSVC_LAUNCHER");
     const TempDir m_temp;
-    const std::string m_files = m_temp / "device/";
-    const std::string m_fifos = m_temp / "ipc/";
+    const std::string m_files = m_launcher ? "/var/lib/tfersvc/device/" : m_temp / "device/";
+    const std::string m_fifos = m_launcher ? "/run/ky-ipc/" : m_temp / "ipc/";
     const std::string m_log = m_temp / "log";
     const LogCapture m_clientLog{KY_DLOG_ERROR};
     TferSvcMsgClient m_client;
@@ -209,7 +218,6 @@ private:
 };
 
 constexpr std::chrono::seconds kLongestEnd{3};  // two, and one for a machine that is busy
-constexpr char kSource[] = "/var/local/settings.cfg";
 constexpr char kStarting[] = "refused: The transfer service is still looking for its place in the device";
 constexpr char kBadName[] = "refused: The name of the file is not acceptable";
 constexpr char kInProgress[] = "refused: Transaction already in progress";
