@@ -86,7 +86,8 @@ void KyIpcFifoSession::SetWriteBound(int milliseconds) {
 
 int KyIpcFifoSession::Read(KyIpcMsgBuffer* buffer, int milliseconds) {
     if (buffer == nullptr) return IPC_BAD_ARGUMENT;
-    if (m_reader) return m_reader->Read(*buffer, milliseconds, m_name);
+    const int peer = m_writer ? m_writer->Descriptor() : -1;
+    if (m_reader) return m_reader->Read(*buffer, milliseconds, peer, m_name);
     buffer->Clear();
     return IPC_NOT_OPEN;
 }

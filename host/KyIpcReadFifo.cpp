@@ -18,8 +18,8 @@ int KyIpcReadFifo::Remove(const KyFifoDirectory& directory) const {
     return directory.RemoveFifo(m_name, m_fifo);
 }
 
-int KyIpcReadFifo::Read(KyIpcMsgBuffer& buffer, int milliseconds, const char* session) {
-    const int status = FindMessage(KyDeadline(milliseconds));
+int KyIpcReadFifo::Read(KyIpcMsgBuffer& buffer, int milliseconds, int peer, const char* session) {
+    const int status = FindMessage(KyDeadline(milliseconds), peer);
     const size_t skipped = m_decoder.TakeSkipped();
     if (skipped > 0) {
         __dlog_printfex(KY_DLOG_WARNING, "KyIpcFifoSession", "Read",
@@ -33,11 +33,11 @@ int KyIpcReadFifo::Read(KyIpcMsgBuffer& buffer, int milliseconds, const char* se
 
 /// A writer that keeps the FIFO full of anything but messages cannot hold the reader: the first look behind
 /// the deadline is the last.
-int KyIpcReadFifo::FindMessage(const KyDeadline& deadline) {
+int KyIpcReadFifo::FindMessage(const KyDeadline& deadline, int peer) {
     for (bool last = false; !Decode();) {
         if (last) return KyIpcFifoSession::IPC_TIMEOUT;
         last = deadline.Passed();
-        const int status = Fill(deadline);
+        const int status = Fill(deadline, peer);
         if (status != KyIpcFifoSession::IPC_OK) return status;
     }
     return KyIpcFifoSession::IPC_OK;
@@ -48,14 +48,16 @@ bool KyIpcReadFifo::Decode() {
     return m_decoder.IsWhole();
 }
 
-/// Waits for bytes and reads them into the empty chunk. It may also return without any.
-int KyIpcReadFifo::Fill(const KyDeadline& deadline) {
-    pollfd fifo = {m_fifo.fd.Get(), POLLIN, 0};
-    const int ready = poll(&fifo, 1, deadline.Remaining());
+/// Waits for bytes and reads them into the empty chunk. It may also return without any. Looks for bytes behind
+/// the news that the peer has gone: it may have answered before.
+int KyIpcReadFifo::Fill(const KyDeadline& deadline, int peer) {
+    pollfd fifos[] = {{m_fifo.fd.Get(), POLLIN, 0}, {peer, 0, 0}};
+    const int ready = poll(fifos, 2, deadline.Remaining());
     if (ready == 0) return KyIpcFifoSession::IPC_TIMEOUT;
     const ssize_t count = ready < 0 ? -1 : read(m_fifo.fd.Get(), m_chunk.data(), m_chunk.size());
     if (count <= 0) {
         const bool again = count < 0 && (errno == EINTR || errno == EAGAIN);
+        if (again && errno == EAGAIN && fifos[1].revents != 0) return KyIpcFifoSession::IPC_NO_READER;
         return again ? KyIpcFifoSession::IPC_OK : KyIpcFifoSession::IPC_FAILED;
     }
     m_from = 0;

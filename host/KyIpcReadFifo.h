@@ -24,17 +24,18 @@ public:
     /// Removes the FIFO, if its name is still its own.
     int Remove(const KyFifoDirectory& directory) const;
 
-    /// Waits at most `milliseconds` for one message. `session` names the reader in log lines.
-    int Read(KyIpcMsgBuffer& buffer, int milliseconds, const char* session);
+    /// Waits at most `milliseconds` for one message, and no longer than somebody reads the FIFO `peer`, which
+    /// this process has open for writing; -1 for none. `session` names the reader in log lines.
+    int Read(KyIpcMsgBuffer& buffer, int milliseconds, int peer, const char* session);
 
     int Descriptor() const { return m_fifo.fd.Get(); }
 
 private:
     static constexpr size_t CHUNK = 65536;  // what a FIFO holds: one read empties it
 
-    int FindMessage(const KyDeadline& deadline);
+    int FindMessage(const KyDeadline& deadline, int peer);
     bool Decode();
-    int Fill(const KyDeadline& deadline);
+    int Fill(const KyDeadline& deadline, int peer);
 
     KyMadeFifo m_fifo;
     char m_name[NAME_MAX + 1] = "";

@@ -16,6 +16,8 @@ public:
     /// Writes one message, for which it waits at most `milliseconds` altogether. Raises no SIGPIPE.
     int Write(const char* bytes, int count, int milliseconds);
 
+    int Descriptor() const { return m_fifo.Get(); }
+
 private:
     KyFd m_fifo;
 };

@@ -144,7 +144,7 @@ void TferService::Run() {
     RefuseWaiting();
 }
 
-// Those who still wait would otherwise wait out their own time limit.
+// Those who still wait would otherwise not learn why they get nothing.
 void TferService::RefuseWaiting() {
     try {
         while (const auto request = m_waiting.TakeDue(true))

@@ -19,9 +19,9 @@ class KyTferRespMsg;
 /// time.
 ///
 /// A request blocks until the service has taken the message and until its reply has come. The platform bounds
-/// the first; the wait for the reply ends after 60 seconds. Where no service runs, a request fails at once.
-/// What fails on the way is logged with severity KY_DLOG_ERROR and gives null. Nothing is tried twice, and no
-/// exception leaves the client.
+/// the first; the wait for the reply ends after 60 seconds, or as soon as the platform tells that the service
+/// has ended. Where no service runs, a request fails at once. What fails on the way is logged with severity
+/// KY_DLOG_ERROR and gives null. Nothing is tried twice, and no exception leaves the client.
 ///
 /// A reply is the first message that arrives; it is not compared with the request. It belongs to the caller,
 /// who deletes it.

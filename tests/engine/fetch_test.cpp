@@ -7,14 +7,6 @@
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-constexpr bool kSanitized = false;
-#endif
-
 const char kArrived[] = "complete: File Transfer Complete";
 const char kAsking[] = "request file(";  // logged before the worker asks the device for the file
 
@@ -294,28 +286,6 @@ TEST_F(Fetch, ManyInstantOnesHalfOfThemWithoutTheirMove) {
     done = true;
     reader.join();
     EXPECT_EQ(torn, 0);
-}
-
-/// Threads that ended are reclaimed: the process is as large after many fetches as after a few.
-TEST_F(Fetch, ManyLeaveNoThreadsAndNoMemoryBehind) {
-    Device().Journal(false);
-    Start();
-    log.reset();
-    ky_host::SetLogLevel(-1);
-    long space = 0;
-    int descriptors = 0;
-    for (int i = 0; i < 2020; ++i) {
-        if (i == 20) {
-            space = AddressSpaceKiB();
-            descriptors = OpenDescriptors();
-        }
-        engine->GetFileFromDevRequest("f", 1000);
-        ASSERT_TRUE(WaitForThreads(0) && device->WaitIdle(10000)) << i;
-        ASSERT_EQ(Outcome(Record()), Fetched("f"));
-    }
-    EXPECT_EQ(OpenDescriptors(), descriptors);
-    // A sanitizer's shadow grows with what it has seen.
-    EXPECT_TRUE(kSanitized || AddressSpaceKiB() - space < 8192) << "less than one thread's stack";
 }
 
 TEST_F(Fetch, StopAndDeleteAtRandomMoments) {

@@ -143,6 +143,30 @@ TEST_F(SessionTest, ReaderThatGoesRaisesNoSignal) {
     EXPECT_EQ(sigismember(&mask, SIGPIPE), 0);
 }
 
+/// Who had asked a service that was then killed waited a minute for its answer once.
+TEST_F(SessionTest, ReadEndsWhenThePeerHasGone) {
+    Session asker;
+    ASSERT_EQ(asker.OpenReadFifo("answer", 0600), 0);
+    ASSERT_EQ(asker.OpenCtrlFifo(NAME), 0);
+    KyIpcMsgBuffer buffer(200);
+    EXPECT_EQ(asker.Read(&buffer, 1), Session::IPC_TIMEOUT);
+    int polls = 0;
+    s_poll = [&](pollfd* files, nfds_t count, int milliseconds) {
+        if (++polls > 1) return __real_poll(files, count, milliseconds);
+        const int ready = __real_poll(files, count, 0);
+        EXPECT_EQ(ready, 0);
+        WriteRaw(Path("answer"), FrameOf("last") + FrameOf("half").substr(0, 10));
+        m_reader.Close();
+        files[1].revents = POLLERR;  // it answered and went after the look at the first of the two
+        return 1;
+    };
+    EXPECT_EQ(asker.Read(&buffer, 10'000), 0);
+    EXPECT_EQ(BytesOf(buffer), "last");
+    EXPECT_EQ(asker.Read(&buffer, 10'000), Session::IPC_NO_READER);
+    EXPECT_EQ(buffer.GetLength(), 0);
+    EXPECT_EQ(asker.Close(), 0);
+}
+
 /// A reader that is held never ends this test.
 TEST_F(SessionTest, FloodDoesNotHoldTheReader) {
     s_poll = [&](pollfd* files, nfds_t count, int milliseconds) {

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -56,13 +55,4 @@ int ThreadCount() {
 int OpenDescriptors() {
     const auto count = std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
     return static_cast<int>(count) - 1;  // the listing itself holds one
-}
-
-long AddressSpaceKiB() {
-#ifdef KY_EMULATED
-    return 0;
-#endif
-    long pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    return pages * (sysconf(_SC_PAGESIZE) / 1024);
 }

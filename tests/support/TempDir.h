@@ -25,8 +25,7 @@ std::string ReadFile(const std::string& path);
 /// Writes the file anew; fails the test when it cannot.
 void WriteFile(const std::string& path, const std::string& bytes);
 
-int ThreadCount();       ///< threads of this process
-int OpenDescriptors();   ///< open descriptors of this process
-long AddressSpaceKiB();  ///< size of this process's address space; 0 in an emulator, whose size it would be
+int ThreadCount();      ///< threads of this process
+int OpenDescriptors();  ///< open descriptors of this process
 
 #endif
