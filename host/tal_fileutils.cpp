@@ -23,7 +23,8 @@ void SetMode(const char* path, mode_t mode) {
     } else if (errno == EACCES) {
         // The umask has taken the owner's right to read. This way needs none, but on older kernels needs
         // /proc.
-        (void)fchmodat(AT_FDCWD, path, mode, AT_SYMLINK_NOFOLLOW);
+        const int ignored = fchmodat(AT_FDCWD, path, mode, AT_SYMLINK_NOFOLLOW);
+        (void)ignored;
     }
 }
 

@@ -34,6 +34,7 @@ struct Device {
     std::function<bool(const std::string& name, const std::string& bytes)> received;
 };
 
+/// What a run checks, and within which bounds.
 struct Options {
     /// Runs only the checks whose names contain this text.
     std::string filter;
@@ -67,7 +68,8 @@ struct Options {
 /// Blocks for as long as the checks take, some seconds at most where nothing fails. Needs no special rights,
 /// and leaves behind lines in the platform's log only. Throws std::bad_alloc, and what `connect` throws.
 ///
-/// @param out  where the results go; not null, stays the caller's
+/// @param options  copied where needed; not used behind the call
+/// @param out      where the results go; not null, stays the caller's
 /// @return 0 if no check has failed; 1 if one has, or none could be run
 int Run(const Options& options, std::FILE* out);
 

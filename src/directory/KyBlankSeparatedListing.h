@@ -4,8 +4,6 @@
 #include <cstddef>
 #include <istream>
 
-#include "messages/KyTferExport.h"
-
 class KyTferDirectory;
 
 namespace ky_directory {
@@ -38,7 +36,7 @@ namespace ky_directory {
 /// @return the number of entries read
 ///
 /// Blocks as long as the stream's source does. Does not throw, even if the stream is set to.
-KYTFER_EXPORT size_t ReadBlankSeparatedListing(std::istream& in, KyTferDirectory& directory);
+size_t ReadBlankSeparatedListing(std::istream& in, KyTferDirectory& directory);
 
 }  // namespace ky_directory
 
