@@ -52,7 +52,7 @@ int KyIpcMsgUtil::ExtractStringParam(KyIpcMsgBuffer* buffer, std::string& value)
     try {
         value.assign(reinterpret_cast<const char*>(buffer->m_bytes + start), static_cast<size_t>(count));
     } catch (const std::exception&) {
-        return FAILED;
+        return NO_MEMORY;
     }
     buffer->m_position = start + count;
     return 0;

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "host/KyHostIpc.h"
 #include "messages/KyTferGetDevFile.h"
@@ -177,7 +178,10 @@ void TferService::TakeRequests() {
     KyIpcMsgBuffer buffer(1024);
     m_moreRequests = true;
     for (int i = 0; i < kRequestsAtATime && m_moreRequests && !m_stop; ++i) {
-        m_moreRequests = m_control.Read(&buffer, 0) == KyIpcFifoSession::IPC_OK;
+        const int status = m_control.Read(&buffer, 0);
+        // Others may have come in with one that there was no memory for, and nothing would tell of them.
+        if (status == KyIpcFifoSession::IPC_NO_MEMORY) continue;
+        m_moreRequests = status == KyIpcFifoSession::IPC_OK;
         if (!m_moreRequests) return;
         Take(buffer);
         if (m_ready) DeliverChanges();
@@ -275,6 +279,8 @@ void TferService::Send(const KyTferMsg& request, KyTferMsg& reply) {
     if (fifo != kControlFifo) {
         KyIpcMsgBuffer buffer(512);
         reply.Serialize(&buffer);
+        // The caller had better wait in vain than take half an answer for the whole one.
+        if (!reply.IsWhole()) throw std::bad_alloc();
         KyIpcFifoSession session("tfersvc", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
         // An empty FIFO takes a short answer at once: a full one belongs to a caller that does not read.
         session.SetWriteBound(buffer.GetLength() < kShortAnswer ? 0 : kAnswerBoundMs);

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <exception>
+#include <new>
 
 #include "messages/KyTferGetDevDirMsg.h"
 #include "messages/KyTferGetDevFile.h"
@@ -106,6 +107,7 @@ bool TferSvcMsgClient::Send(KyTferMsg& request, const std::string& replyFifo) {
     KyIpcMsgBuffer buffer(1024);
     request.SetRespFifo(replyFifo);
     request.Serialize(&buffer);
+    if (!request.IsWhole()) throw std::bad_alloc();
     Trace("CP#1.2");
     const int status =
         m_session->WriteCtrl(reinterpret_cast<const char*>(buffer.GetBuf()), buffer.GetLength());

@@ -25,6 +25,7 @@ constexpr auto IsBlank = [](char character) {
 /// its argument with any value.
 class PlainExtractor {
 public:
+    // cppcheck-suppress uninitMemberVar  ; of the block only what has been read is used
     explicit PlainExtractor(std::streambuf& source) : m_source(source) {}
     PlainExtractor(const PlainExtractor&) = delete;
     PlainExtractor& operator=(const PlainExtractor&) = delete;

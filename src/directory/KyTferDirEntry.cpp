@@ -28,12 +28,9 @@ KyTferDirEntry::KyTferDirEntry() : m_fileSizeInBytes(0), m_dateTime(0) {}
 KyTferDirEntry::KyTferDirEntry(const std::string& path, const std::string& origFileName,
                                const std::string& xferFileName, const std::string& fileType,
                                unsigned int fileSizeInBytes, unsigned long long dateTime)
-    : m_path(path),
-      m_origFileName(origFileName),
-      m_xferFileName(xferFileName),
-      m_fileType(fileType),
-      m_fileSizeInBytes(fileSizeInBytes),
-      m_dateTime(dateTime) {}
+    : KyTferDirEntry() {
+    KyTferDirEntry::Init(path, origFileName, xferFileName, fileType, fileSizeInBytes, dateTime);
+}
 
 KyTferDirEntry::KyTferDirEntry(const KyTferDirEntry& other) : KyTferDirEntry() {
     *this = other;
@@ -43,49 +40,69 @@ KyTferDirEntry::KyTferDirEntry(KyTferDirEntry&& other) noexcept = default;
 
 KyTferDirEntry::~KyTferDirEntry() = default;
 
-KyTferDirEntry& KyTferDirEntry::operator=(const KyTferDirEntry& other) = default;
+KyTferDirEntry& KyTferDirEntry::operator=(const KyTferDirEntry& other) {
+    if (this == &other) return *this;
+    Init(other.m_path, other.m_origFileName, other.m_xferFileName, other.m_fileType, other.m_fileSizeInBytes,
+         other.m_dateTime);
+    m_whole &= other.m_whole;
+    return *this;
+}
 
 KyTferDirEntry& KyTferDirEntry::operator=(KyTferDirEntry&& other) noexcept = default;
 
 void KyTferDirEntry::Init(const std::string& path, const std::string& origFileName,
                           const std::string& xferFileName, const std::string& fileType,
-                          unsigned int fileSizeInBytes, unsigned long long dateTime) {
+                          unsigned int fileSizeInBytes, unsigned long long dateTime) try {
     m_path = path;
     m_origFileName = origFileName;
     m_xferFileName = xferFileName;
     m_fileType = fileType;
     m_fileSizeInBytes = fileSizeInBytes;
     m_dateTime = dateTime;
+    m_whole = true;
+} catch (...) {
+    *this = KyTferDirEntry();
+    m_whole = false;
 }
 
 std::string KyTferDirEntry::GetDateTimeAsString() const {
-    DateText buffer = {};
-    FormatDateTime(m_dateTime, buffer);
-    std::string text(buffer);
-    KyStringUtils::Trim(text);
-    return text;
+    try {
+        DateText buffer = {};
+        FormatDateTime(m_dateTime, buffer);
+        std::string text(buffer);
+        KyStringUtils::Trim(text);
+        return text;
+    } catch (...) {
+        return std::string();
+    }
 }
 
 // Formats the date in place: a page has many entries, and a string of this length would be allocated.
 json_t* KyTferDirEntry::GetEntryAsJSONObject() const {
-    DateText date = {};
-    FormatDateTime(m_dateTime, date);
-    ky_json::Ref entry(json_object());
-    ky_json::Set(entry, "path", json_string(m_path.c_str()));
-    ky_json::Set(entry, "filename", json_string(m_origFileName.c_str()));
-    ky_json::Set(entry, "tfername", json_string(m_xferFileName.c_str()));
-    ky_json::Set(entry, "filesize", json_integer(m_fileSizeInBytes));
-    ky_json::Set(entry, "filesizeunit", json_string("bytes"));
-    ky_json::Set(entry, "filetype", json_string(m_fileType.c_str()));
-    ky_json::Set(entry, "filedate", json_string(date));
-    return entry.release();
+    try {
+        DateText date = {};
+        FormatDateTime(m_dateTime, date);
+        ky_json::Ref entry(json_object());
+        ky_json::SetText(entry, "path", m_path.c_str());
+        ky_json::SetText(entry, "filename", m_origFileName.c_str());
+        ky_json::SetText(entry, "tfername", m_xferFileName.c_str());
+        ky_json::Set(entry, "filesize", json_integer(m_fileSizeInBytes));
+        ky_json::SetText(entry, "filesizeunit", "bytes");
+        ky_json::SetText(entry, "filetype", m_fileType.c_str());
+        ky_json::SetText(entry, "filedate", date);
+        return entry.release();
+    } catch (const std::exception&) {
+        return nullptr;
+    }
 }
 
-std::string KyTferDirEntry::GetEntryAsJSONString() const try {
-    const ky_json::Ref entry(GetEntryAsJSONObject());
-    return ky_json::OrEmpty(ky_json::Dump(entry.get(), JSON_INDENT(2) | JSON_COMPACT | JSON_SORT_KEYS));
-} catch (const std::exception&) {
-    return std::string();
+std::string KyTferDirEntry::GetEntryAsJSONString() const {
+    try {
+        const ky_json::Ref entry(GetEntryAsJSONObject());
+        return ky_json::Dump(entry, JSON_INDENT(2) | JSON_COMPACT | JSON_SORT_KEYS);
+    } catch (const std::exception&) {
+        return std::string();
+    }
 }
 
 std::string KyTferDirEntry::GetFullXferFilePath() const {
@@ -97,5 +114,9 @@ std::string KyTferDirEntry::GetFullOrigFilePath() const {
 }
 
 std::string KyTferDirEntry::InPath(const std::string& fileName) const {
-    return m_path.empty() ? fileName : m_path + "/" + fileName;
+    try {
+        return m_path.empty() ? fileName : m_path + "/" + fileName;
+    } catch (...) {
+        return std::string();
+    }
 }

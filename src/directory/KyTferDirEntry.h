@@ -11,7 +11,8 @@ struct json_t;
 ///
 /// A plain value: it owns its texts, and a copy has nothing to do with what it was copied from. Texts are
 /// bytes; any text, size and time stamp is accepted. There is no lock; threads may read an entry at the same
-/// time while none writes it. No operation blocks.
+/// time while none writes it. No operation blocks or throws: an entry for which memory has run out is an empty one
+/// and says so with IsWhole.
 class KYTFER_EXPORT KyTferDirEntry {
 public:
     /// An entry with empty texts, size 0 and time stamp 0.
@@ -44,6 +45,9 @@ public:
     void Init(const std::string& path, const std::string& origFileName, const std::string& xferFileName,
               const std::string& fileType, unsigned int fileSizeInBytes, unsigned long long dateTime);
 
+    /// False if memory has run out when the entry was last filled or copied to.
+    bool IsWhole() const { return m_whole; }
+
     /// @{
     /// The field as it was given; a text stays the entry's own, and valid until the entry changes.
     const std::string& GetPath() const { return m_path; }
@@ -56,7 +60,8 @@ public:
     /// Nanoseconds since 1970-01-01 00:00:00 UTC.
     unsigned long long GetDateTime() const { return m_dateTime; }
 
-    /// The time stamp as UTC, cut to whole seconds, in the form "2024-03-15 08:30:00Z".
+    /// The time stamp as UTC, cut to whole seconds, in the form "2024-03-15 08:30:00Z". The empty
+    /// string if memory has run out, as from the operations below.
     std::string GetDateTimeAsString() const;
 
     /// The entry as a new JSON object, whose one reference is the caller's. A text that is not valid UTF-8 is
@@ -77,6 +82,7 @@ public:
 private:
     std::string InPath(const std::string& fileName) const;
 
+    bool m_whole = true;
     std::string m_path;
     std::string m_origFileName;
     std::string m_xferFileName;

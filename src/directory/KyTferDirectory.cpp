@@ -239,8 +239,20 @@ void ReadEntries(Lines& lines, KyTferDirectory& directory) {
     }
 }
 
+/// PutHeaderData, but it throws std::bad_alloc.
+void FillHeader(const ky_json::Ref& doc, const std::string& context, unsigned int skip, unsigned int take,
+                size_t totalFiles, KyTferStatusMsg::TferStatus status) {
+    ky_json::Set(doc, "version", json_integer(1));
+    ky_json::SetText(doc, "context", context.c_str());
+    ky_json::Set(doc, "skip", json_integer(skip));
+    ky_json::Set(doc, "take", json_integer(take));
+    ky_json::Set(doc, "totalFiles", json_integer(static_cast<unsigned int>(totalFiles)));
+    ky_json::SetText(doc, "filter", "");
+    ky_json::SetText(doc, "status", ky_json::NotEmpty(KyTferStatusMsg::GetStatusText(status)).c_str());
+}
+
 std::string Serialise(const ky_json::Ref& document) {
-    return ky_json::OrEmpty(ky_json::Dump(document.get(), JSON_INDENT(2) | JSON_COMPACT | JSON_SORT_KEYS));
+    return ky_json::Dump(document, JSON_INDENT(2) | JSON_COMPACT | JSON_SORT_KEYS);
 }
 
 }  // namespace
@@ -284,6 +296,9 @@ void KyTferDirectory::AddEntry(const std::string& path, const std::string& origF
                     static_cast<int>(fileSizeInBytes));
     if (m_entries.size() == m_entries.capacity()) Grow();
     m_entries.emplace_back(path, origFileName, xferFileName, fileType, fileSizeInBytes, dateTime);
+    if (m_entries.back().IsWhole()) return;
+    m_entries.pop_back();
+    throw std::bad_alloc();
 } catch (const std::exception&) {
     __dlog_printfex(KY_DLOG_ERROR, kSource, "AddEntry", "%s", kOutOfMemory);
 }
@@ -297,15 +312,20 @@ void KyTferDirectory::Grow() {
 }
 
 bool KyTferDirectory::GetDirEntry(const std::string& path, const std::string& xferFileName,
-                                  KyTferDirEntry& entry) const try {
-    const auto found = std::find_if(m_entries.begin(), m_entries.end(), [&](const KyTferDirEntry& listed) {
-        return listed.GetXferFileName() == xferFileName && listed.GetPath() == path;
-    });
-    if (found == m_entries.end()) return false;
-    entry = KyTferDirEntry(*found);
-    return true;
-} catch (const std::exception&) {
-    return false;
+                                  KyTferDirEntry& entry) const {
+    try {
+        const auto found =
+            std::find_if(m_entries.begin(), m_entries.end(), [&](const KyTferDirEntry& listed) {
+                return listed.GetXferFileName() == xferFileName && listed.GetPath() == path;
+            });
+        if (found == m_entries.end()) return false;
+        KyTferDirEntry copy(*found);
+        if (!copy.IsWhole()) return false;
+        entry = std::move(copy);
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
 }
 
 KyTferDirectory::Page KyTferDirectory::GetPage(unsigned int skip, unsigned int take) const {
@@ -313,50 +333,58 @@ KyTferDirectory::Page KyTferDirectory::GetPage(unsigned int skip, unsigned int t
     return {first, std::min<size_t>(take, m_entries.size() - first)};
 }
 
-std::vector<KyTferDirEntry> KyTferDirectory::GetEntryList(unsigned int skip, unsigned int take) const try {
-    const Page page = GetPage(skip, take);
-    const KyTferDirEntry* const first = m_entries.data() + page.first;
-    return std::vector<KyTferDirEntry>(first, first + page.length);
-} catch (const std::exception&) {
-    return std::vector<KyTferDirEntry>();
+std::vector<KyTferDirEntry> KyTferDirectory::GetEntryList(unsigned int skip, unsigned int take) const {
+    try {
+        const Page page = GetPage(skip, take);
+        const KyTferDirEntry* const first = m_entries.data() + page.first;
+        std::vector<KyTferDirEntry> entries(first, first + page.length);
+        const bool whole = std::all_of(entries.begin(), entries.end(),
+                                       [](const KyTferDirEntry& entry) { return entry.IsWhole(); });
+        if (!whole) entries.clear();
+        return entries;
+    } catch (const std::exception&) {
+        return std::vector<KyTferDirEntry>();
+    }
 }
 
 json_t* KyTferDirectory::GetPageAsJSONArray(unsigned int skip, unsigned int take) const {
     const Page page = GetPage(skip, take);
     ky_json::Ref files(json_array());
     for (size_t i = 0; i < page.length; ++i)
-        json_array_append_new(files.get(), m_entries[page.first + i].GetEntryAsJSONObject());
+        ky_json::Append(files, m_entries[page.first + i].GetEntryAsJSONObject());
     return files.release();
 }
 
 std::string KyTferDirectory::GetEntryListAsJSONString(const std::string& context, unsigned int skip,
-                                                      unsigned int take, const std::string& filter,
-                                                      KyTferStatusMsg::TferStatus status) const try {
-    const ky_json::Ref document(json_object());
-    PutHeaderData(document.get(), context, skip, take, static_cast<unsigned int>(m_entries.size()), filter,
-                  status);
-    if (skip > m_entries.size() || m_entries.empty()) {
-        __dlog_printfex(KY_DLOG_TRACE, kSource, "GetEntryListAsJSONString", "Directory list is empty");
-        ky_json::Set(document, "files", json_array());
+                                                      unsigned int take, const std::string& /*filter*/,
+                                                      KyTferStatusMsg::TferStatus status) const {
+    try {
+        const ky_json::Ref document(json_object());
+        FillHeader(document, context, skip, take, m_entries.size(), status);
+        if (skip > m_entries.size() || m_entries.empty()) {
+            __dlog_printfex(KY_DLOG_TRACE, kSource, "GetEntryListAsJSONString", "Directory list is empty");
+            ky_json::Set(document, "files", json_array());
+            return Serialise(document);
+        }
+        __dlog_printfex(KY_DLOG_TRACE, kSource, "GetEntryListAsJSONString",
+                        "Build array of files.  We have (%d) files in our directory",
+                        static_cast<int>(m_entries.size()));
+        ky_json::Set(document, "files", GetPageAsJSONArray(skip, take));
+        __dlog_printfex(KY_DLOG_TRACE, kSource, "GetEntryListAsJSONString",
+                        "Returning (single line, sorted keys): %s",
+                        ky_json::Dump(document, JSON_SORT_KEYS).c_str());
         return Serialise(document);
+    } catch (const std::exception&) {
+        return std::string();
     }
-    __dlog_printfex(KY_DLOG_TRACE, kSource, "GetEntryListAsJSONString",
-                    "Build array of files.  We have (%d) files in our directory",
-                    static_cast<int>(m_entries.size()));
-    ky_json::Set(document, "files", GetPageAsJSONArray(skip, take));
-    __dlog_printfex(KY_DLOG_TRACE, kSource, "GetEntryListAsJSONString",
-                    "Returning (single line, sorted keys): %s",
-                    ky_json::OrEmpty(ky_json::Dump(document.get(), JSON_SORT_KEYS)));
-    return Serialise(document);
-} catch (const std::exception&) {
-    return std::string();
 }
 
 std::string KyTferDirectory::GetEmptyList(const std::string& context, unsigned int skip, unsigned int take,
-                                          const std::string& filter, KyTferStatusMsg::TferStatus status) try {
+                                          const std::string& /*filter*/,
+                                          KyTferStatusMsg::TferStatus status) try {
     __dlog_printfex(KY_DLOG_TRACE, kSource, "GetEmptyList", "Enter");
     const ky_json::Ref document(json_object());
-    PutHeaderData(document.get(), context, skip, take, 0, filter, status);
+    FillHeader(document, context, skip, take, 0, status);
     ky_json::Set(document, "files", json_array());
     std::string text = Serialise(document);
     __dlog_printfex(KY_DLOG_TRACE, kSource, "GetEmptyList", "Exit(%s)", text.c_str());
@@ -368,13 +396,7 @@ std::string KyTferDirectory::GetEmptyList(const std::string& context, unsigned i
 void KyTferDirectory::PutHeaderData(json_t* doc, const std::string& context, unsigned int skip,
                                     unsigned int take, unsigned int totalFiles, const std::string& /*filter*/,
                                     KyTferStatusMsg::TferStatus status) try {
-    json_object_set_new(doc, "version", json_integer(1));
-    json_object_set_new(doc, "context", json_string(context.c_str()));
-    json_object_set_new(doc, "skip", json_integer(skip));
-    json_object_set_new(doc, "take", json_integer(take));
-    json_object_set_new(doc, "totalFiles", json_integer(totalFiles));
-    json_object_set_new(doc, "filter", json_string(""));
-    json_object_set_new(doc, "status", json_string(KyTferStatusMsg::GetStatusText(status).c_str()));
+    FillHeader(ky_json::Ref(json_incref(doc)), context, skip, take, totalFiles, status);
 } catch (const std::exception&) {
-    // The status is missing then, like any value that jansson has no memory for.
+    // What there was no memory for is missing then.
 }

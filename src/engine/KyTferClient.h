@@ -6,6 +6,7 @@
 #include <atomic>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "engine/KyEngineThreads.h"
 #include "engine/KyRequestMutex.h"
@@ -246,13 +247,21 @@ private:
     // Transactions.
     template <typename Request>
     KyTferStatusMsg Admit(const char* function, Request request);
+    static void Fail(KyTferStatusMsg& result, const char* reason);
     static void Refuse(KyTferStatusMsg& result, const char* function, const char* reason);
     unsigned long long BeginTransaction() KY_REQUIRES(m_requestMutex);
     bool IsCurrent(unsigned long long transaction) const KY_REQUIRES(m_requestMutex);
+    // What puts texts into the record: all of them, or it throws std::bad_alloc and leaves the record as it was.
+    void Keep(KyTferStatusMsg& next) KY_REQUIRES(m_requestMutex);
+    void Accept(KyTferStatusMsg& next, KyTferStatusMsg& result) KY_REQUIRES(m_requestMutex);
+    void Record(KyTferStatusMsg::TferStatus status, std::string_view text) KY_REQUIRES(m_requestMutex);
     void SetRequestType(KyTferStatusMsg::TferRequestType type) KY_REQUIRES(m_requestMutex);
     unsigned long long TransactionOfThisThread();
     void RunGuarded(void (KyTferClient::*body)());
-    void EndForWantOfMemory();
+    void EndForWantOfMemory(bool isFetchWorker);
+    void NoteUnwatched(unsigned long long transaction);
+    void StartFetchWorker(unsigned long long transaction, pthread_t& handle);
+    void EndUnwatched();
     static void* RunThread(void* engine, const char* name, void (KyTferClient::*body)());
 
     // Fetch.
@@ -309,9 +318,8 @@ private:
     static void LogPoll(const MonitorFlow& flow, const PollResult& result, unsigned int& sizeLogged);
     void Describe(PollResult& result) const KY_REQUIRES(m_requestMutex);
     void MeasureArrivingFile(PollResult& result) KY_REQUIRES(m_requestMutex);
-    PollResult RecordProgress(PollResult result, unsigned long long transaction,
-                              const std::string& arrivedText, const char* farewell)
-        KY_REQUIRES(m_requestMutex);
+    PollResult RecordProgress(PollResult result, unsigned long long transaction, std::string_view arrivedText,
+                              const char* farewell) KY_REQUIRES(m_requestMutex);
 
     static std::string s_sorLandingDir;
     static std::string s_downloadDir;
@@ -350,6 +358,8 @@ private:
     // The last transactions that their own workers completed and failed; 0 for none.
     unsigned long long m_completedByWorker KY_GUARDED_BY(m_requestMutex) = 0;
     unsigned long long m_failedByWorker KY_GUARDED_BY(m_requestMutex) = 0;
+    // The last transaction whose monitor could not be started; 0 for none.
+    unsigned long long m_unwatched KY_GUARDED_BY(m_requestMutex) = 0;
     // The record's request type, for reading it without the mutex.
     std::atomic<KyTferStatusMsg::TferRequestType> m_requestType{KyTferStatusMsg::TFER_REQ_NONE};
     KyEngineThreads m_threads;

@@ -39,6 +39,7 @@ void KyTferClient::RequestDirectory(KyTferStatusMsg& result) {
     const int error = m_threads.Start(KyEngineThreads::MONITOR, MonitorGetDirThreadStart, this, transaction,
                                       m_getDirMonitorThread);
     if (error != 0) {
+        NoteUnwatched(transaction);
         __dlog_printfex(KY_DLOG_ERROR, kSource, kRequestFunction,
                         "Error creating directory monitor thread.  error=%d", error);
     }
@@ -62,16 +63,15 @@ void KyTferClient::RefuseDirectory(int status, KyTferStatusMsg& result) {
 unsigned long long KyTferClient::RecordDirectoryRequest(KyTferStatusMsg& result) {
     const std::string landingDir = LandingDirectory();
     KyRequestLock lock(m_requestMutex);
-    m_status.SetStatusMsg(kRequested);
-    m_status.SetOrigFileName(kRequestDirectory);
-    m_status.SetXferFileName(kRequestDirectory);
-    m_status.SetFilePath(landingDir);
-    m_status.SetBytesTransfered(0);
-    SetRequestType(KyTferStatusMsg::TFER_REQ_DIRECTORY);
-    result = m_status;
-    // Last, after all that can run out of memory: a record must not be in progress with nobody to end it.
-    result.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
+    KyTferStatusMsg next(m_status);
+    next.SetStatusMsg(kRequested);
+    next.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
+    next.SetOrigFileName(kRequestDirectory);
+    next.SetXferFileName(kRequestDirectory);
+    next.SetFilePath(landingDir);
+    next.SetBytesTransfered(0);
+    next.SetReqType(KyTferStatusMsg::TFER_REQ_DIRECTORY);
+    Accept(next, result);
     return BeginTransaction();
 }
 
@@ -95,8 +95,6 @@ void KyTferClient::WatchDirectory() {
 }
 
 KyTferClient::PollResult KyTferClient::PollDirectory(unsigned long long transaction) {
-    static const std::string kArrived = "Directory File Transfer Complete";
-
     PollResult result;
     if (!IsCurrent(transaction)) return result.Leave(nullptr);
     if (m_status.GetStatus() == KyTferStatusMsg::TFER_STATUS_NONE) {
@@ -110,13 +108,12 @@ KyTferClient::PollResult KyTferClient::PollDirectory(unsigned long long transact
     Describe(result);
     // The size is not known before the device has announced it.
     if (m_status.GetBytesRequested() != 0) MeasureArrivingFile(result);
-    return RecordProgress(result, transaction, kArrived, "Exit COMPLETE 2");
+    return RecordProgress(result, transaction, "Directory File Transfer Complete", "Exit COMPLETE 2");
 }
 
 void KyTferClient::TimeOutDirectory() {
     m_transactionActive = false;
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
-    m_status.SetStatusMsg("File transfer timed out");
+    Record(KyTferStatusMsg::TFER_STATUS_FAIL, "File transfer timed out");
 }
 
 // Whoever is in progress after the time-out step has come in since: a push, or a worker that will end by
@@ -126,8 +123,7 @@ void KyTferClient::EndDirectoryByTime(unsigned long long transaction, bool after
     if (!IsCurrent(transaction) || m_completedByWorker == transaction) return;
     if (status == KyTferStatusMsg::TFER_STATUS_COMPLETE) return;
     if (afterTimeOut && status == KyTferStatusMsg::TFER_STATUS_INPROGRESS) return;
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
-    m_status.SetStatusMsg("File transfer Failed - timedout");
+    Record(KyTferStatusMsg::TFER_STATUS_FAIL, "File transfer Failed - timedout");
 }
 
 void KyTferClient::CreateDirectoryFromFile(const std::string& path) {

@@ -39,8 +39,9 @@ void KyTferClient::RequestFetch(const std::string& fileName, unsigned int fileSi
         Refuse(result, kRequestFunction, kInProgress);
         return;
     }
-    m_threads.Start(KyEngineThreads::MONITOR, MonitorGetFileThreadStart, this, transaction,
-                    m_getFileMonitorThread);
+    const int error = m_threads.Start(KyEngineThreads::MONITOR, MonitorGetFileThreadStart, this, transaction,
+                                      m_getFileMonitorThread);
+    if (error != 0) NoteUnwatched(transaction);
     SendString(fileName, PNT_CLIENT_FILE_REQ);
 }
 
@@ -50,21 +51,36 @@ unsigned long long KyTferClient::AcceptFetch(const std::string& fileName, unsign
     const std::string landingDir = LandingDirectory();
     KyRequestLock lock(m_requestMutex);
     if (m_status.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS) return 0;
-    // What can run out of memory comes before the status: a request that is refused leaves no transaction
-    // behind.
-    result = m_status;
-    result.SetFilePath(landingDir);
-    result.SetXferFileName(fileName);
-    m_status.SetFilePath(landingDir);
-    m_status.SetXferFileName(fileName);
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
-    m_status.SetBytesRequested(fileSize);
-    SetRequestType(KyTferStatusMsg::TFER_REQ_GET_FILE);
+    KyTferStatusMsg next(m_status);
+    next.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
+    next.SetFilePath(landingDir);
+    next.SetXferFileName(fileName);
+    next.SetBytesRequested(fileSize);
+    next.SetReqType(KyTferStatusMsg::TFER_REQ_GET_FILE);
+    Accept(next, result);
     m_xferFileSize = fileSize;
-    result.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
-    result.SetBytesRequested(fileSize);
-    result.SetReqType(KyTferStatusMsg::TFER_REQ_GET_FILE);
     return BeginTransaction();
+}
+
+void KyTferClient::NoteUnwatched(unsigned long long transaction) {
+    KyRequestLock lock(m_requestMutex);
+    m_unwatched = transaction;
+}
+
+void KyTferClient::StartFetchWorker(unsigned long long transaction, pthread_t& handle) {
+    if (m_threads.Start(KyEngineThreads::WORKER, GetFileFromDevThreadStart, this, transaction, handle) != 0)
+        EndUnwatched();
+}
+
+// A change of the device could not be acted upon. A transaction that has no monitor to end it would stay in
+// progress for ever, and no other could begin.
+void KyTferClient::EndUnwatched() {
+    bool unwatched = false;
+    {
+        KyRequestLock lock(m_requestMutex);
+        unwatched = IsCurrent(m_unwatched) && !WorkerRunning();
+    }
+    if (unwatched) EndForWantOfMemory(false);
 }
 
 void* KyTferClient::GetFileFromDevThreadStart(void* engine) {
@@ -106,7 +122,7 @@ bool KyTferClient::BeginFetch(FetchJob& job) {
         job.landingPath = landingDir + job.name;
         return true;
     }
-    job.landingPath = m_status.GetXferFullFilePath();
+    job.landingPath = m_status.GetFilePath() + job.name;
     m_failedByWorker = 0;
     m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
     return true;
@@ -162,8 +178,7 @@ void KyTferClient::RecordFailedFetch(const FetchJob& job, const std::string& tex
     KyRequestLock lock(m_requestMutex);
     if (!IsCurrent(job.transaction) || m_completedByWorker == job.transaction) return;
     m_failedByWorker = job.transaction;
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
-    m_status.SetStatusMsg(text);
+    Record(KyTferStatusMsg::TFER_STATUS_FAIL, text);
     m_status.SetBytesTransfered(m_status.GetBytesRequested());
 }
 
@@ -171,10 +186,12 @@ void KyTferClient::RecordCompletedFetch(const FetchJob& job, const std::string& 
                                         const std::string& text) {
     KyRequestLock lock(m_requestMutex);
     if (!IsCurrent(job.transaction)) return;
-    m_status.SetFilePath(downloadDir);
-    m_status.SetBytesTransfered(m_status.GetBytesRequested());
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_COMPLETE);
-    m_status.SetStatusMsg(text);
+    KyTferStatusMsg next(m_status);
+    next.SetFilePath(downloadDir);
+    next.SetBytesTransfered(next.GetBytesRequested());
+    next.SetStatus(KyTferStatusMsg::TFER_STATUS_COMPLETE);
+    next.SetStatusMsg(text);
+    Keep(next);
     m_completedByWorker = job.transaction;
     m_transactionActive = false;
 }
@@ -195,8 +212,6 @@ void KyTferClient::WatchFetch() {
 }
 
 KyTferClient::PollResult KyTferClient::PollFetch(unsigned long long transaction) {
-    static const std::string kArrived = kTransferComplete;
-
     PollResult result;
     if (!IsCurrent(transaction) || m_status.GetStatus() == KyTferStatusMsg::TFER_STATUS_NONE) {
         return result.Leave(nullptr);
@@ -205,12 +220,11 @@ KyTferClient::PollResult KyTferClient::PollFetch(unsigned long long transaction)
     if (m_completedByWorker == transaction) return result.Leave(kLeaveSuccess);
     Describe(result);
     MeasureArrivingFile(result);
-    return RecordProgress(result, transaction, kArrived, kLeaveSuccess);
+    return RecordProgress(result, transaction, kTransferComplete, kLeaveSuccess);
 }
 
 void KyTferClient::EndFetchByTime(unsigned long long transaction, bool /*afterTimeOut*/) {
     if (!IsCurrent(transaction) || m_completedByWorker == transaction) return;
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
-    m_status.SetStatusMsg(kTimedOut);
+    Record(KyTferStatusMsg::TFER_STATUS_FAIL, kTimedOut);
     m_transactionActive = false;
 }

@@ -48,7 +48,7 @@ bool KyTferClient::GetFileSize(const std::string& path, unsigned long long& size
 }
 
 void KyTferClient::Describe(PollResult& result) const {
-    result.path = m_status.GetXferFullFilePath();
+    result.path = m_status.GetFilePath() + m_status.GetXferFileName();
     result.bytesRequested = m_status.GetBytesRequested();
     result.bytesTransfered = m_status.GetBytesTransfered();
 }
@@ -65,18 +65,14 @@ void KyTferClient::MeasureArrivingFile(PollResult& result) {
 // The row that a poll writes. A file at its expected size ends the transaction, unless the worker has refused
 // it: the worker sets the announced size back to 0, which an empty file would fit.
 KyTferClient::PollResult KyTferClient::RecordProgress(PollResult result, unsigned long long transaction,
-                                                      const std::string& arrivedText, const char* farewell) {
-    static const std::string kArriving = kTransferInProgress;
-    static const std::string kNothingYet = kNothingToReport;
+                                                      std::string_view arrivedText, const char* farewell) {
     const bool refused = m_failedByWorker == transaction;
     if (result.sighted && !refused && result.bytesTransfered == result.bytesRequested) {
-        m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_COMPLETE);
-        m_status.SetStatusMsg(arrivedText);
+        Record(KyTferStatusMsg::TFER_STATUS_COMPLETE, arrivedText);
         m_transactionActive = false;
         return result.Leave(farewell);
     }
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
-    m_status.SetStatusMsg(result.sighted ? kArriving : kNothingYet);
+    Record(KyTferStatusMsg::TFER_STATUS_INPROGRESS, result.sighted ? kTransferInProgress : kNothingToReport);
     return result;
 }
 

@@ -31,10 +31,16 @@ KyTferStatusMsg KyTferClient::PutFileToDevRequest(const std::string& directory, 
 void KyTferClient::RequestPush(const std::string& directory, const std::string& fileName,
                                KyTferStatusMsg& result) {
     const std::string stagedPath = std::string(kPldServerDir) + "/" + fileName;
-    unsigned int size = 0;
     if (!Stage(directory + "/" + fileName, stagedPath, result)) return;
-    if (!MeasureStaged(stagedPath, size, result)) return;
-    const unsigned long long transaction = AnnouncePush(fileName, stagedPath, size, result);
+    unsigned long long transaction = 0;
+    try {
+        unsigned int size = 0;
+        if (!MeasureStaged(stagedPath, size, result)) return;
+        transaction = AnnouncePush(fileName, stagedPath, size, result);
+    } catch (...) {
+        unlink(stagedPath.c_str());  // refused for want of memory, but consumed as in every other case
+        throw;
+    }
     if (result.GetStatus() != KyTferStatusMsg::TFER_STATUS_INPROGRESS) return;
     const int error =
         m_threads.Start(KyEngineThreads::WORKER, PutFileToDevThreadStart, this, transaction, m_putFileThread);
@@ -74,10 +80,11 @@ bool KyTferClient::MeasureStaged(const std::string& stagedPath, unsigned int& si
 
 void KyTferClient::RecordFailedStaging(const std::string& text, KyTferStatusMsg& result) {
     KyRequestLock lock(m_requestMutex);
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
-    m_status.SetStatusMsg(text);
-    m_status.SetBytesTransfered(0);
-    result = m_status;
+    KyTferStatusMsg next(m_status);
+    next.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
+    next.SetStatusMsg(text);
+    next.SetBytesTransfered(0);
+    Accept(next, result);
 }
 
 // Tells the device the size and, a second later, the name. The name is written even if the size was not
@@ -122,15 +129,14 @@ unsigned long long KyTferClient::RecordPush(const std::string& fileName, const s
     const auto status =
         accepted ? KyTferStatusMsg::TFER_STATUS_INPROGRESS : KyTferStatusMsg::TFER_STATUS_FAIL;
     KyRequestLock lock(m_requestMutex);
-    m_status.SetBytesRequested(m_xferFileSize);
-    m_status.SetFilePath(kPldServerDir);
-    m_status.SetOrigFileName(fileName);
-    m_status.SetXferFileName(xferName);
-    m_status.SetStatusMsg(accepted ? "In Progress" : kRequestFailed);
-    result = m_status;
-    // Last, after all that can run out of memory: nobody would end a push in progress without a worker.
-    result.SetStatus(status);
-    m_status.SetStatus(status);
+    KyTferStatusMsg next(m_status);
+    next.SetStatus(status);
+    next.SetBytesRequested(m_xferFileSize);
+    next.SetFilePath(kPldServerDir);
+    next.SetOrigFileName(fileName);
+    next.SetXferFileName(xferName);
+    next.SetStatusMsg(accepted ? "In Progress" : kRequestFailed);
+    Accept(next, result);
     return m_transaction;
 }
 
@@ -172,8 +178,7 @@ void KyTferClient::RecordPushEnd(unsigned long long transaction, KyTferStatusMsg
                                  const char* text) {
     KyRequestLock lock(m_requestMutex);
     if (!IsCurrent(transaction)) return;
-    m_status.SetStatus(status);
-    m_status.SetStatusMsg(text);
+    Record(status, text);
 }
 
 void* KyTferClient::MonitorPutFileThreadStart(void* engine) {
@@ -195,13 +200,11 @@ void KyTferClient::HoldRecordForPush() {
         {
             KyPollingLock lock(m_requestMutex);
             if (!IsCurrent(transaction)) return;
-            m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_INPROGRESS);
-            m_status.SetStatusMsg(kNothingToReport);
+            Record(KyTferStatusMsg::TFER_STATUS_INPROGRESS, kNothingToReport);
         }
         SleepUnlessStopped(1, m_transactionActive);
     }
     KyRequestLock lock(m_requestMutex);
     if (!IsCurrent(transaction)) return;
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
-    m_status.SetStatusMsg(kTimedOut);
+    Record(KyTferStatusMsg::TFER_STATUS_FAIL, kTimedOut);
 }

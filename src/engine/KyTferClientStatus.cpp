@@ -1,6 +1,8 @@
 // The status record: reading it out, cancel requests, and the rules of who may still write it.
 #include <sys/prctl.h>
 
+#include <new>
+
 #include "engine/KyTferClient.h"
 #include "engine/KyTferClientConstants.h"
 #include "platform/KyDlog.h"
@@ -9,13 +11,11 @@ using namespace ky_engine;
 
 KyTferStatusMsg KyTferClient::GetStatus(const std::string& /*transactionId*/) {
     KyTferStatusMsg result(512);
-    try {
+    {
         KyRequestLock lock(m_requestMutex);
         result = m_status;
-    } catch (...) {
-        result.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
-        result.SetStatusMsg(kOutOfMemory);
     }
+    if (!result.IsWhole()) Fail(result, kOutOfMemory);
     return result;
 }
 
@@ -30,15 +30,20 @@ bool KyTferClient::WorkerRunning() const {
 
 // Makes `result` a failed record of its own. If there is no memory for the reason, it says so instead: that
 // text is short enough to be stored in place.
+void KyTferClient::Fail(KyTferStatusMsg& result, const char* reason) {
+    KyTferStatusMsg failed(512);
+    try {
+        failed.SetStatusMsg(reason);
+    } catch (...) {
+        failed.SetStatusMsg(kOutOfMemory);
+    }
+    failed.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
+    result.Swap(failed);
+}
+
 void KyTferClient::Refuse(KyTferStatusMsg& result, const char* function, const char* reason) {
     __dlog_printfex(KY_DLOG_ERROR, kSource, function, "%s", reason);
-    try {
-        result = KyTferStatusMsg(512);
-        result.SetStatusMsg(reason);
-    } catch (...) {
-        result.SetStatusMsg(kOutOfMemory);
-    }
-    result.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
+    Fail(result, reason);
 }
 
 unsigned long long KyTferClient::BeginTransaction() {
@@ -48,6 +53,25 @@ unsigned long long KyTferClient::BeginTransaction() {
 
 bool KyTferClient::IsCurrent(unsigned long long transaction) const {
     return transaction == m_transaction;
+}
+
+void KyTferClient::Keep(KyTferStatusMsg& next) {
+    if (!next.IsWhole()) throw std::bad_alloc();
+    m_status.Swap(next);
+}
+
+// The same with a copy for the caller, who is refused if there is no memory for it.
+void KyTferClient::Accept(KyTferStatusMsg& next, KyTferStatusMsg& result) {
+    result = next;
+    if (!result.IsWhole()) throw std::bad_alloc();
+    Keep(next);
+    SetRequestType(m_status.GetReqType());
+}
+
+// A monitor records the same again and again, for which it takes no memory.
+void KyTferClient::Record(KyTferStatusMsg::TferStatus status, std::string_view text) {
+    if (m_status.GetStatusMsg() != text) m_status.SetStatusMsg(std::string(text));
+    m_status.SetStatus(status);
 }
 
 void KyTferClient::SetRequestType(KyTferStatusMsg::TferRequestType type) {
@@ -80,16 +104,20 @@ void KyTferClient::RunGuarded(void (KyTferClient::*body)()) {
     try {
         (this->*body)();
     } catch (...) {
-        EndForWantOfMemory();
+        EndForWantOfMemory(body == &KyTferClient::FetchFile);
     }
 }
 
 // Only the C++ library's allocation can have thrown here. The transaction must end all the same, and without
-// memory: the text is short enough to be stored in place.
-void KyTferClient::EndForWantOfMemory() {
+// memory: the text is short enough to be stored in place. A worker that has not got to the end of a fetch has failed
+// it, also if the monitor has seen the whole file arrive.
+void KyTferClient::EndForWantOfMemory(bool isFetchWorker) {
     const unsigned long long transaction = TransactionOfThisThread();
     KyRequestLock lock(m_requestMutex);
-    if (!IsCurrent(transaction) || m_status.GetStatus() != KyTferStatusMsg::TFER_STATUS_INPROGRESS) return;
+    const bool unfinished = m_status.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS ||
+                            (isFetchWorker && m_completedByWorker != transaction);
+    if (!IsCurrent(transaction) || !unfinished) return;
+    m_failedByWorker = transaction;  // or a monitor would find the file that has landed, and call it complete
     m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
     m_status.SetStatusMsg(kOutOfMemory);
     m_transactionActive = false;

@@ -60,6 +60,7 @@ void KyTferClient::DataChange(const KyValChgInfo& info) {
         }
     } catch (...) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "DataChange", "%s", kOutOfMemory);
+        EndUnwatched();
     }
 }
 
@@ -133,8 +134,7 @@ void KyTferClient::ActOnAnswer(const std::string& answer) {
         case KyTferStatusMsg::TFER_REQ_GET_FILE:
             if (answer != kRequestReady) break;
             __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "kick off file fetch thread");
-            m_threads.Start(KyEngineThreads::WORKER, GetFileFromDevThreadStart, this, transaction,
-                            m_fileFetchThread);
+            StartFetchWorker(transaction, m_fileFetchThread);
             break;
         default:
             __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Current req type is %d",
@@ -157,11 +157,12 @@ void KyTferClient::DirectoryAnswered(const std::string& answer, unsigned long lo
         // up.
         if (!IsCurrent(transaction)) return;
         m_xferFileName = answer;
-        m_status.SetXferFileName(m_xferFileName);
+        KyTferStatusMsg next(m_status);
+        next.SetXferFileName(answer);
+        Keep(next);
         m_status.SetBytesRequested(m_xferFileSize);
     }
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Kick off thread to fetch the directory file(%s)",
                     answer.c_str());
-    m_threads.Start(KyEngineThreads::WORKER, GetFileFromDevThreadStart, this, transaction,
-                    m_dirFileFetchThread);
+    StartFetchWorker(transaction, m_dirFileFetchThread);
 }

@@ -7,23 +7,37 @@ KyTferDevFileMsg::KyTferDevFileMsg(int sizeHint) : KyTferMsg(sizeHint), m_xferFi
 
 KyTferDevFileMsg::KyTferDevFileMsg(const std::string& origFileName, const std::string& xferFileName,
                                    int xferFileSize, int sizeHint)
-    : KyTferMsg(sizeHint),
-      m_origFileName(origFileName),
-      m_xferFileName(xferFileName),
-      m_xferFileSize(xferFileSize) {}
+    : KyTferMsg(sizeHint), m_xferFileSize(xferFileSize) {
+    SetOrigFileName(origFileName);
+    SetXferFileName(xferFileName);
+}
+
+KyTferDevFileMsg::KyTferDevFileMsg(const KyTferDevFileMsg& other)
+    : KyTferMsg(other), m_xferFileSize(other.m_xferFileSize) {
+    SetOrigFileName(other.m_origFileName);
+    SetXferFileName(other.m_xferFileName);
+}
+
+KyTferDevFileMsg& KyTferDevFileMsg::operator=(const KyTferDevFileMsg& other) {
+    KyTferMsg::operator=(other);
+    SetOrigFileName(other.m_origFileName);
+    SetXferFileName(other.m_xferFileName);
+    m_xferFileSize = other.m_xferFileSize;
+    return *this;
+}
 
 KyTferDevFileMsg::~KyTferDevFileMsg() = default;
 
 void KyTferDevFileMsg::Serialize(KyIpcMsgBuffer* buffer) {
     KyTferMsg::Serialize(buffer);
-    KyIpcMsgUtil::PutStringParam(buffer, m_xferFileName);
-    KyIpcMsgUtil::PutStringParam(buffer, m_origFileName);
-    KyIpcMsgUtil::PutInteger(buffer, m_xferFileSize);
+    Put(buffer, m_xferFileName);
+    Put(buffer, m_origFileName);
+    Put(buffer, m_xferFileSize);
 }
 
 void KyTferDevFileMsg::Deserialize(KyIpcMsgBuffer* buffer) {
     KyTferMsg::Deserialize(buffer);
-    KyIpcMsgUtil::ExtractStringParam(buffer, m_xferFileName);
-    KyIpcMsgUtil::ExtractStringParam(buffer, m_origFileName);
+    Extract(buffer, m_xferFileName);
+    Extract(buffer, m_origFileName);
     m_xferFileSize = KyIpcMsgUtil::ExtractInteger(buffer);
 }

@@ -16,6 +16,12 @@ public:
     /// as above.
     KyTferDevFileMsg(const std::string& origFileName, const std::string& xferFileName, int xferFileSize,
                      int sizeHint);
+
+    /// A copy of every field of `other`, those of the message base included.
+    KyTferDevFileMsg(const KyTferDevFileMsg& other);
+
+    /// Copies every field, those of the message base included.
+    KyTferDevFileMsg& operator=(const KyTferDevFileMsg& other);
     ~KyTferDevFileMsg() override;
 
     using KyTferMsg::operator=;
@@ -26,13 +32,17 @@ public:
     /// @{
     /// The file's name as the requester knows it.
     const std::string& GetOrigFileName() const { return m_origFileName; }
-    void SetOrigFileName(const std::string& name) { m_origFileName = name; }
+    void SetOrigFileName(const std::string& name) {
+        Try([&] { m_origFileName = name; });
+    }
     /// @}
 
     /// @{
     /// The file's name on the way between card and device. On the wire it comes before the original name.
     const std::string& GetXferFileName() const { return m_xferFileName; }
-    void SetXferFileName(const std::string& name) { m_xferFileName = name; }
+    void SetXferFileName(const std::string& name) {
+        Try([&] { m_xferFileName = name; });
+    }
     /// @}
 
     /// @{

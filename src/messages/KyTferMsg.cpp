@@ -1,5 +1,7 @@
 #include "messages/KyTferMsg.h"
 
+#include <utility>
+
 #include "platform/KyDlog.h"
 #include "platform/KyIpcMsgBuffer.h"
 #include "platform/KyIpcMsgUtil.h"
@@ -22,26 +24,49 @@ void KyTferMsg::Copy(const KyTferMsg* other) {
     if (other == nullptr) return;
     m_msgType = other->m_msgType;
     m_sorServerId = other->m_sorServerId;
-    m_callerContext = other->m_callerContext;
-    m_respFifo = other->m_respFifo;
-    m_transId = other->m_transId;
+    m_whole = other->m_whole;
+    SetCallerContext(other->m_callerContext);
+    SetRespFifo(other->m_respFifo);
+    SetTransId(other->m_transId);
+}
+
+void KyTferMsg::SwapWith(KyTferMsg& other) noexcept {
+    std::swap(m_whole, other.m_whole);
+    std::swap(m_msgType, other.m_msgType);
+    std::swap(m_sorServerId, other.m_sorServerId);
+    m_transId.swap(other.m_transId);
+    m_callerContext.swap(other.m_callerContext);
+    m_respFifo.swap(other.m_respFifo);
+}
+
+void KyTferMsg::Put(KyIpcMsgBuffer* buffer, int value) {
+    if (KyIpcMsgUtil::PutInteger(buffer, value) != 0) m_whole = false;
+}
+
+void KyTferMsg::Put(KyIpcMsgBuffer* buffer, const std::string& text) {
+    if (KyIpcMsgUtil::PutStringParam(buffer, text) != 0) m_whole = false;
+}
+
+void KyTferMsg::Extract(KyIpcMsgBuffer* buffer, std::string& text) {
+    if (KyIpcMsgUtil::ExtractStringParam(buffer, text) == KyIpcMsgUtil::NO_MEMORY) m_whole = false;
 }
 
 void KyTferMsg::Serialize(KyIpcMsgBuffer* buffer) {
-    KyIpcMsgUtil::PutInteger(buffer, m_msgType);
-    KyIpcMsgUtil::PutInteger(buffer, m_sorServerId);
-    KyIpcMsgUtil::PutStringParam(buffer, m_transId);
-    KyIpcMsgUtil::PutStringParam(buffer, m_callerContext);
-    KyIpcMsgUtil::PutStringParam(buffer, m_respFifo);
+    Put(buffer, m_msgType);
+    Put(buffer, m_sorServerId);
+    Put(buffer, m_transId);
+    Put(buffer, m_callerContext);
+    Put(buffer, m_respFifo);
 }
 
 void KyTferMsg::Deserialize(KyIpcMsgBuffer* buffer) {
+    m_whole = true;
     m_msgType = static_cast<TferMsgType>(KyIpcMsgUtil::ExtractInteger(buffer));
     // A foreign writer may put more than 16 bits here; the low ones count.
     m_sorServerId = static_cast<unsigned short>(KyIpcMsgUtil::ExtractInteger(buffer) & 0xFFFF);
-    KyIpcMsgUtil::ExtractStringParam(buffer, m_transId);
-    KyIpcMsgUtil::ExtractStringParam(buffer, m_callerContext);
-    KyIpcMsgUtil::ExtractStringParam(buffer, m_respFifo);
+    Extract(buffer, m_transId);
+    Extract(buffer, m_callerContext);
+    Extract(buffer, m_respFifo);
 }
 
 int KyTferMsg::PeekMsgType(const unsigned char* bytes) {

@@ -1,5 +1,6 @@
 #include "messages/KyTferMsgFactory.h"
 
+#include <memory>
 #include <new>
 
 #include "messages/KyTferCancelTransMsg.h"
@@ -41,7 +42,8 @@ KyTferMsg* KyTferMsgFactory::CreateMsg(KyTferMsg::TferMsgType type) {
 
 KyTferMsg* KyTferMsgFactory::CreateMsgFromBuffer(KyIpcMsgBuffer* buffer) {
     const int type = KyTferMsg::PeekMsgType(buffer->GetBuf());
-    KyTferMsg* const message = CreateMsg(static_cast<KyTferMsg::TferMsgType>(type));
-    if (message != nullptr) message->Deserialize(buffer);
-    return message;
+    std::unique_ptr<KyTferMsg> message(CreateMsg(static_cast<KyTferMsg::TferMsgType>(type)));
+    if (!message) return nullptr;
+    message->Deserialize(buffer);
+    return message->IsWhole() ? message.release() : nullptr;
 }

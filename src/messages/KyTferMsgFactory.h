@@ -19,7 +19,7 @@ public:
 
     /// The message that `buffer` holds, read from the buffer's reading position on, which is the first byte
     /// of a buffer just received; null, with nothing read, where CreateMsg() gives null for the type in the
-    /// first four bytes.
+    /// first four bytes. Null too when memory runs out while it is read.
     ///
     /// @param buffer  never null; stays the caller's
     static KyTferMsg* CreateMsgFromBuffer(KyIpcMsgBuffer* buffer);

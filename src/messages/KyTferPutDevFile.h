@@ -11,6 +11,12 @@ public:
     /// A request with empty names, a size of 0 and an empty source path. The argument is handed to KyTferMsg
     /// and has no effect.
     explicit KyTferPutDevFile(int sizeHint);
+
+    /// A copy of every field of `other`, those of the message base included.
+    KyTferPutDevFile(const KyTferPutDevFile& other);
+
+    /// Copies every field, those of the message base included.
+    KyTferPutDevFile& operator=(const KyTferPutDevFile& other);
     ~KyTferPutDevFile() override;
 
     using KyTferMsg::operator=;
@@ -21,7 +27,9 @@ public:
     /// @{
     /// Path on the card of the file to push.
     const std::string& GetSrcPath() const { return m_srcPath; }
-    void SetSrcPath(const std::string& path) { m_srcPath = path; }
+    void SetSrcPath(const std::string& path) {
+        Try([&] { m_srcPath = path; });
+    }
     /// @}
 
 private:

@@ -7,16 +7,28 @@ KyTferRespMsg::KyTferRespMsg(int sizeHint) : KyTferMsg(sizeHint), m_resultStatus
     SetMsgType(TFER_MSG_RESP);
 }
 
+KyTferRespMsg::KyTferRespMsg(const KyTferRespMsg& other)
+    : KyTferMsg(other), m_resultStatus(other.m_resultStatus) {
+    SetResultMsg(other.m_resultMsg);
+}
+
+KyTferRespMsg& KyTferRespMsg::operator=(const KyTferRespMsg& other) {
+    KyTferMsg::operator=(other);
+    m_resultStatus = other.m_resultStatus;
+    SetResultMsg(other.m_resultMsg);
+    return *this;
+}
+
 KyTferRespMsg::~KyTferRespMsg() = default;
 
 void KyTferRespMsg::Serialize(KyIpcMsgBuffer* buffer) {
     KyTferMsg::Serialize(buffer);
-    KyIpcMsgUtil::PutInteger(buffer, m_resultStatus);
-    KyIpcMsgUtil::PutStringParam(buffer, m_resultMsg);
+    Put(buffer, m_resultStatus);
+    Put(buffer, m_resultMsg);
 }
 
 void KyTferRespMsg::Deserialize(KyIpcMsgBuffer* buffer) {
     KyTferMsg::Deserialize(buffer);
     m_resultStatus = static_cast<TferMsgResult>(KyIpcMsgUtil::ExtractInteger(buffer));
-    KyIpcMsgUtil::ExtractStringParam(buffer, m_resultMsg);
+    Extract(buffer, m_resultMsg);
 }

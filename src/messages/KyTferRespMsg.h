@@ -16,6 +16,12 @@ public:
     /// A reply with TFER_RESULT_NONE and an empty text. The argument is handed to KyTferMsg and has no
     /// effect.
     explicit KyTferRespMsg(int sizeHint);
+
+    /// A copy of every field of `other`, those of the message base included.
+    KyTferRespMsg(const KyTferRespMsg& other);
+
+    /// Copies every field, those of the message base included.
+    KyTferRespMsg& operator=(const KyTferRespMsg& other);
     ~KyTferRespMsg() override;
 
     using KyTferMsg::operator=;
@@ -32,7 +38,9 @@ public:
     /// @{
     /// Text that explains the outcome.
     const std::string& GetResultMsg() const { return m_resultMsg; }
-    void SetResultMsg(const std::string& text) { m_resultMsg = text; }
+    void SetResultMsg(const std::string& text) {
+        Try([&] { m_resultMsg = text; });
+    }
     /// @}
 
 private:

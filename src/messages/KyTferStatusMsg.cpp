@@ -1,5 +1,7 @@
 #include "messages/KyTferStatusMsg.h"
 
+#include <utility>
+
 #include "messages/KyJson.h"
 #include "platform/KyDlog.h"
 #include "platform/KyIpcMsgBuffer.h"
@@ -29,22 +31,40 @@ void KyTferStatusMsg::Copy(const KyTferStatusMsg* other) {
     if (other == nullptr) return;
     KyTferMsg::Copy(other);
     m_status = other->m_status;
-    m_statusMsg = other->m_statusMsg;
+    SetStatusMsg(other->m_statusMsg);
     m_bytesRequested = other->m_bytesRequested;
     m_bytesTransfered = other->m_bytesTransfered;
-    m_origFileName = other->m_origFileName;
-    m_xferFileName = other->m_xferFileName;
-    m_filePath = other->m_filePath;
+    SetOrigFileName(other->m_origFileName);
+    SetXferFileName(other->m_xferFileName);
+    Try([&] { m_filePath = other->m_filePath; });
     m_reqType = other->m_reqType;
 }
 
+void KyTferStatusMsg::Swap(KyTferStatusMsg& other) noexcept {
+    SwapWith(other);
+    std::swap(m_status, other.m_status);
+    std::swap(m_bytesRequested, other.m_bytesRequested);
+    std::swap(m_bytesTransfered, other.m_bytesTransfered);
+    std::swap(m_reqType, other.m_reqType);
+    m_filePath.swap(other.m_filePath);
+    m_origFileName.swap(other.m_origFileName);
+    m_xferFileName.swap(other.m_xferFileName);
+    m_statusMsg.swap(other.m_statusMsg);
+}
+
 void KyTferStatusMsg::SetFilePath(const std::string& path) {
-    m_filePath = path;
-    if (m_filePath.empty() || m_filePath.back() != '/') m_filePath += '/';
+    Try([&] {
+        m_filePath = path;
+        if (m_filePath.empty() || m_filePath.back() != '/') m_filePath += '/';
+    });
 }
 
 std::string KyTferStatusMsg::GetXferFullFilePath() const {
-    return m_filePath + m_xferFileName;
+    try {
+        return m_filePath + m_xferFileName;
+    } catch (...) {
+        return std::string();
+    }
 }
 
 unsigned int KyTferStatusMsg::GetPercentComplete() const {
@@ -63,7 +83,7 @@ unsigned int KyTferStatusMsg::GetPercentComplete() const {
     }
 }
 
-std::string KyTferStatusMsg::GetStatusText(TferStatus status) {
+std::string KyTferStatusMsg::GetStatusText(TferStatus status) try {
     switch (status) {
         case TFER_STATUS_NONE:
             return "TFER_STATUS_NONE";
@@ -78,28 +98,30 @@ std::string KyTferStatusMsg::GetStatusText(TferStatus status) {
         default:
             return "TFER_STATUS_UNKNOWN";
     }
+} catch (...) {
+    return std::string();
 }
 
 std::string KyTferStatusMsg::GetJsonStatus() const {
     try {
         ky_json::Ref status(json_object());
-        ky_json::Set(status, "tfername", json_string(m_xferFileName.c_str()));
+        ky_json::SetText(status, "tfername", m_xferFileName.c_str());
         ky_json::Set(status, "status", json_integer(static_cast<unsigned int>(m_status)));
-        ky_json::Set(status, "statusStr", json_string(GetStatusText(m_status).c_str()));
-        ky_json::Set(status, "statusMsg", json_string(m_statusMsg.c_str()));
+        ky_json::SetText(status, "statusStr", ky_json::NotEmpty(GetStatusText(m_status)).c_str());
+        ky_json::SetText(status, "statusMsg", m_statusMsg.c_str());
         ky_json::Set(status, "progress", json_integer(GetPercentComplete()));
 
         ky_json::Ref transfers(json_array());
-        json_array_append_new(transfers.get(), status.release());
+        ky_json::Append(transfers, status.release());
 
         ky_json::Ref root(json_object());
-        ky_json::Set(root, "context", json_string("none"));
+        ky_json::SetText(root, "context", "none");
         ky_json::Set(root, "fileTferStatus", transfers.release());
 
         __dlog_printfex(KY_DLOG_TRACE, "KyTferStatusMsg", "GetJsonStatus",
                         "Returning (single line, sorted keys): %s",
-                        ky_json::OrEmpty(ky_json::Dump(root.get(), JSON_SORT_KEYS)));
-        return ky_json::OrEmpty(ky_json::Dump(root.get(), JSON_INDENT(2) | JSON_SORT_KEYS));
+                        ky_json::Dump(root, JSON_SORT_KEYS).c_str());
+        return ky_json::Dump(root, JSON_INDENT(2) | JSON_SORT_KEYS);
     } catch (...) {
         return std::string();
     }
@@ -107,13 +129,13 @@ std::string KyTferStatusMsg::GetJsonStatus() const {
 
 void KyTferStatusMsg::Serialize(KyIpcMsgBuffer* buffer) {
     KyTferMsg::Serialize(buffer);
-    KyIpcMsgUtil::PutInteger(buffer, m_status);
-    KyIpcMsgUtil::PutInteger(buffer, static_cast<int>(m_bytesRequested));
-    KyIpcMsgUtil::PutInteger(buffer, static_cast<int>(m_bytesTransfered));
-    KyIpcMsgUtil::PutStringParam(buffer, m_origFileName);
-    KyIpcMsgUtil::PutStringParam(buffer, m_xferFileName);
-    KyIpcMsgUtil::PutStringParam(buffer, m_filePath);
-    KyIpcMsgUtil::PutStringParam(buffer, m_statusMsg);
+    Put(buffer, m_status);
+    Put(buffer, static_cast<int>(m_bytesRequested));
+    Put(buffer, static_cast<int>(m_bytesTransfered));
+    Put(buffer, m_origFileName);
+    Put(buffer, m_xferFileName);
+    Put(buffer, m_filePath);
+    Put(buffer, m_statusMsg);
 }
 
 void KyTferStatusMsg::Deserialize(KyIpcMsgBuffer* buffer) {
@@ -121,8 +143,8 @@ void KyTferStatusMsg::Deserialize(KyIpcMsgBuffer* buffer) {
     m_status = static_cast<TferStatus>(KyIpcMsgUtil::ExtractInteger(buffer));
     m_bytesRequested = static_cast<unsigned int>(KyIpcMsgUtil::ExtractInteger(buffer));
     m_bytesTransfered = static_cast<unsigned int>(KyIpcMsgUtil::ExtractInteger(buffer));
-    KyIpcMsgUtil::ExtractStringParam(buffer, m_origFileName);
-    KyIpcMsgUtil::ExtractStringParam(buffer, m_xferFileName);
-    KyIpcMsgUtil::ExtractStringParam(buffer, m_filePath);
-    KyIpcMsgUtil::ExtractStringParam(buffer, m_statusMsg);
+    Extract(buffer, m_origFileName);
+    Extract(buffer, m_xferFileName);
+    Extract(buffer, m_filePath);
+    Extract(buffer, m_statusMsg);
 }
