@@ -156,8 +156,10 @@ unsigned long long ParseDateTime(const std::string& text) {
     std::istringstream in(text);
     in.imbue(std::locale::classic());
     for (int& field : fields) {
-        char separator = 0;
-        if (&field != fields) in >> separator;
+        if (&field != fields) {
+            char separator = 0;
+            in >> separator;
+        }
         int value = 0;
         if (in >> value) field = value;
     }
