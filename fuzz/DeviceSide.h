@@ -8,8 +8,8 @@
 #include "fuzz/FuzzDevice.h"
 #include "fuzz/RecordCheck.h"
 
-/// What a device does by itself, as the input says: it answers, announces sizes, lets transfers go on, delivers
-/// files, and decides how its proxy's next calls go.
+/// What a device does by itself, as the input says: it answers, announces sizes, lets transfers go on,
+/// delivers files, and decides how its proxy's next calls go.
 class DeviceSide {
 public:
     DeviceSide(fuzz::Input& input, FuzzDevice& device, KyTferClient& engine, RecordCheck& check)

@@ -24,8 +24,8 @@ inline void Require(bool holds, const std::string& promise) {
     std::abort();
 }
 
-/// Takes decisions and texts from the front of the fuzzer's input, so that seeds can be written by hand. At the
-/// end there are only zeros and empty texts.
+/// Takes decisions and texts from the front of the fuzzer's input, so that seeds can be written by hand.
+/// At the end there are only zeros and empty texts.
 class Input {
 public:
     Input(const uint8_t* bytes, size_t size) : m_next(bytes), m_end(bytes + size) {}

@@ -9,8 +9,8 @@
 
 #include "platform/KyPldProxy.h"
 
-/// A device that does to the engine what a fuzzer says. The fuzzer's thread calls the first part, any thread the
-/// proxy's.
+/// A device that does to the engine what a fuzzer says. The fuzzer's thread calls the first part, any
+/// thread the proxy's.
 class FuzzDevice : public KyPldProxy {
 public:
     static constexpr char kLanding[] = "/var/local/tal/pldserver/3/";

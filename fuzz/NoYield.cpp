@@ -1,6 +1,6 @@
 // The engine yields where it would rather let another thread go first. On a machine that is busy with other
-// fuzzers that hands the processor to them, for milliseconds each time. Most waits are over after a moment, and who
-// wakes from a sleep is served soon.
+// fuzzers that hands the processor to them, for milliseconds each time. Most waits are over after a
+// moment, and who wakes from a sleep is served soon.
 #include <time.h>
 
 extern "C" int __wrap_sched_yield() {

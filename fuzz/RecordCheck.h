@@ -6,13 +6,14 @@
 #include "engine/KyTferClient.h"
 #include "messages/KyTferStatusMsg.h"
 
-/// What holds for every copy of the engine's status record, from its first to its last. Any thread may call it.
+/// What holds for every copy of the engine's status record, from its first to its last. Any thread may
+/// call it.
 class RecordCheck {
 public:
     explicit RecordCheck(KyTferClient& engine) : m_engine(engine) {}
 
-    /// Before a fetch or directory request is made, and what it has returned. In between nobody can tell whose
-    /// record it is.
+    /// Before a fetch or directory request is made, and what it has returned. In between nobody can tell
+    /// whose record it is.
     void Requesting();
     void Requested(const KyTferStatusMsg& result);
     /// Before a push is requested: it may write into the record of the running transaction.

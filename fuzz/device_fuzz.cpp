@@ -1,5 +1,6 @@
-// A conversation of the engine with a device and its callers, in stepped time. The input says what the callers
-// ask for, what the device answers and delivers, which calls of the proxy fail, and when time passes.
+// A conversation of the engine with a device and its callers, in stepped time. The input says what the
+// callers ask for, what the device answers and delivers, which calls of the proxy fail, and when time
+// passes.
 #include <sys/stat.h>
 #include <unistd.h>
 

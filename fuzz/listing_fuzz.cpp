@@ -1,5 +1,6 @@
-// Any bytes as a listing file, through either reader. The blank-separated one is compared with what the stream's
-// own `>>` makes of the same bytes; the listings' pages, JSON and lookups are compared with their entries.
+// Any bytes as a listing file, through either reader. The blank-separated one is compared with what the
+// stream's own `>>` makes of the same bytes; the listings' pages, JSON and lookups are compared with
+// their entries.
 #include <jansson.h>
 #include <sys/mman.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
-// The service's request loop: well-formed requests, damaged ones and garbage arrive on its control FIFO, while
-// its device is a simulated one that goes wrong as the input says.
+// The service's request loop: well-formed requests, damaged ones and garbage arrive on its control FIFO,
+// while its device is a simulated one that goes wrong as the input says.
 #include <fcntl.h>
 #include <unistd.h>
 

@@ -1,7 +1,6 @@
 #include "platform/KyIpcMsgUtil.h"
 
 #include <climits>
-#include <exception>
 
 #include "platform/KyIpcMsgBuffer.h"
 
@@ -49,11 +48,7 @@ int KyIpcMsgUtil::ExtractStringParam(KyIpcMsgBuffer* buffer, std::string& value)
     const int start = buffer->m_position;
     buffer->m_position = buffer->m_length;  // where it stays unless the whole string can be handed out
     if (count < 0 || count > buffer->m_length - start) return FAILED;
-    try {
-        value.assign(reinterpret_cast<const char*>(buffer->m_bytes + start), static_cast<size_t>(count));
-    } catch (const std::exception&) {
-        return NO_MEMORY;
-    }
+    value.assign(reinterpret_cast<const char*>(buffer->m_bytes + start), static_cast<size_t>(count));
     buffer->m_position = start + count;
     return 0;
 }

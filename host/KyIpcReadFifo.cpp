@@ -48,8 +48,8 @@ bool KyIpcReadFifo::Decode() {
     return m_decoder.IsWhole();
 }
 
-/// Waits for bytes and reads them into the empty chunk. It may also return without any. Looks for bytes behind
-/// the news that the peer has gone: it may have answered before.
+/// Waits for bytes and reads them into the empty chunk. It may also return without any. Looks for bytes
+/// behind the news that the peer has gone: it may have answered before.
 int KyIpcReadFifo::Fill(const KyDeadline& deadline, int peer) {
     pollfd fifos[] = {{m_fifo.fd.Get(), POLLIN, 0}, {peer, 0, 0}};
     const int ready = poll(fifos, 2, deadline.Remaining());

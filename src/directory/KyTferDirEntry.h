@@ -11,8 +11,8 @@ struct json_t;
 ///
 /// A plain value: it owns its texts, and a copy has nothing to do with what it was copied from. Texts are
 /// bytes; any text, size and time stamp is accepted. There is no lock; threads may read an entry at the same
-/// time while none writes it. No operation blocks or throws: an entry for which memory has run out is an empty one
-/// and says so with IsWhole.
+/// time while none writes it. No operation blocks or throws: an entry for which memory has run out is an
+/// empty one and says so with IsWhole.
 class KYTFER_EXPORT KyTferDirEntry {
 public:
     /// An entry with empty texts, size 0 and time stamp 0.
@@ -82,12 +82,12 @@ public:
 private:
     std::string InPath(const std::string& fileName) const;
 
-    bool m_whole = true;
     std::string m_path;
     std::string m_origFileName;
     std::string m_xferFileName;
     std::string m_fileType;
     unsigned int m_fileSizeInBytes;
+    bool m_whole = true;
     unsigned long long m_dateTime;
 };
 

@@ -1,5 +1,6 @@
 #include "engine/KyEngineThreads.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <new>
 
@@ -81,6 +82,13 @@ void KyEngineThreads::Leave() {
     thread->ended = true;
     if (thread->kind == WORKER) m_runningWorkers.fetch_sub(1);
     pthread_cond_broadcast(&m_changed);
+}
+
+bool KyEngineThreads::WorkerRunning(unsigned long long transaction) {
+    KyRequestLock lock(m_mutex);
+    return std::any_of(m_threads.begin(), m_threads.end(), [transaction](const Thread& thread) {
+        return thread.kind == WORKER && thread.transaction == transaction && !thread.ended;
+    });
 }
 
 void KyEngineThreads::Close() {

@@ -59,6 +59,9 @@ public:
     /// True while a worker has been started and has not called Leave.
     bool WorkerRunning() const { return m_runningWorkers.load() > 0; }
 
+    /// The same for a worker that was started for this transaction.
+    bool WorkerRunning(unsigned long long transaction);
+
     /// Admits no further threads and calls, and waits until the calls of other threads have ended.
     void Close();
 

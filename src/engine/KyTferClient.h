@@ -107,8 +107,8 @@ public:
     int MaiStringGet(std::string& value, unsigned short pointId);
 
     /// Searches the device's modules for this card's MAC address and keeps the index at which four reads, two
-    /// seconds apart, have found it. Repeats the search until it has succeeded or Stop is called, and so blocks
-    /// for eight seconds or more.
+    /// seconds apart, have found it. Repeats the search until it has succeeded or Stop is called, and so
+    /// blocks for eight seconds or more.
     ///
     /// @return true if the index was found; false if the device has no such report, or after Stop
     bool AcquireMaiMmIdx();
@@ -251,7 +251,8 @@ private:
     static void Refuse(KyTferStatusMsg& result, const char* function, const char* reason);
     unsigned long long BeginTransaction() KY_REQUIRES(m_requestMutex);
     bool IsCurrent(unsigned long long transaction) const KY_REQUIRES(m_requestMutex);
-    // What puts texts into the record: all of them, or it throws std::bad_alloc and leaves the record as it was.
+    // What puts texts into the record: all of them, or it throws std::bad_alloc and leaves the record as
+    // it was.
     void Keep(KyTferStatusMsg& next) KY_REQUIRES(m_requestMutex);
     void Accept(KyTferStatusMsg& next, KyTferStatusMsg& result) KY_REQUIRES(m_requestMutex);
     void Record(KyTferStatusMsg::TferStatus status, std::string_view text) KY_REQUIRES(m_requestMutex);
@@ -259,6 +260,7 @@ private:
     unsigned long long TransactionOfThisThread();
     void RunGuarded(void (KyTferClient::*body)());
     void EndForWantOfMemory(bool isFetchWorker);
+    void RecordNoMemory(unsigned long long transaction) KY_REQUIRES(m_requestMutex);
     void NoteUnwatched(unsigned long long transaction);
     void StartFetchWorker(unsigned long long transaction, pthread_t& handle);
     void EndUnwatched();

@@ -75,12 +75,15 @@ void KyTferClient::StartFetchWorker(unsigned long long transaction, pthread_t& h
 // A change of the device could not be acted upon. A transaction that has no monitor to end it would stay in
 // progress for ever, and no other could begin.
 void KyTferClient::EndUnwatched() {
-    bool unwatched = false;
+    unsigned long long transaction = 0;
     {
         KyRequestLock lock(m_requestMutex);
-        unwatched = IsCurrent(m_unwatched) && !WorkerRunning();
+        transaction = m_unwatched;
     }
-    if (unwatched) EndForWantOfMemory(false);
+    if (m_threads.WorkerRunning(transaction)) return;
+    KyRequestLock lock(m_requestMutex);
+    if (IsCurrent(transaction) && m_status.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS)
+        RecordNoMemory(transaction);
 }
 
 void* KyTferClient::GetFileFromDevThreadStart(void* engine) {

@@ -109,14 +109,18 @@ void KyTferClient::RunGuarded(void (KyTferClient::*body)()) {
 }
 
 // Only the C++ library's allocation can have thrown here. The transaction must end all the same, and without
-// memory: the text is short enough to be stored in place. A worker that has not got to the end of a fetch has failed
-// it, also if the monitor has seen the whole file arrive.
+// memory. A worker that has not got to the end of a fetch has failed it, also if the monitor has seen the
+// whole file arrive.
 void KyTferClient::EndForWantOfMemory(bool isFetchWorker) {
     const unsigned long long transaction = TransactionOfThisThread();
     KyRequestLock lock(m_requestMutex);
     const bool unfinished = m_status.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS ||
                             (isFetchWorker && m_completedByWorker != transaction);
-    if (!IsCurrent(transaction) || !unfinished) return;
+    if (IsCurrent(transaction) && unfinished) RecordNoMemory(transaction);
+}
+
+// The text is short enough to be stored in place.
+void KyTferClient::RecordNoMemory(unsigned long long transaction) {
     m_failedByWorker = transaction;  // or a monitor would find the file that has landed, and call it complete
     m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
     m_status.SetStatusMsg(kOutOfMemory);

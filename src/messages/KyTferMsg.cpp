@@ -39,16 +39,22 @@ void KyTferMsg::SwapWith(KyTferMsg& other) noexcept {
     m_respFifo.swap(other.m_respFifo);
 }
 
+// What the platform's operations return does not count: a field that was not there is empty, and one that
+// was put has made the buffer longer.
 void KyTferMsg::Put(KyIpcMsgBuffer* buffer, int value) {
-    if (KyIpcMsgUtil::PutInteger(buffer, value) != 0) m_whole = false;
+    const int before = buffer->GetLength();
+    KyIpcMsgUtil::PutInteger(buffer, value);
+    if (buffer->GetLength() == before) m_whole = false;
 }
 
 void KyTferMsg::Put(KyIpcMsgBuffer* buffer, const std::string& text) {
-    if (KyIpcMsgUtil::PutStringParam(buffer, text) != 0) m_whole = false;
+    const int before = buffer->GetLength();
+    KyIpcMsgUtil::PutStringParam(buffer, text);
+    if (buffer->GetLength() == before) m_whole = false;
 }
 
 void KyTferMsg::Extract(KyIpcMsgBuffer* buffer, std::string& text) {
-    if (KyIpcMsgUtil::ExtractStringParam(buffer, text) == KyIpcMsgUtil::NO_MEMORY) m_whole = false;
+    Try([&] { KyIpcMsgUtil::ExtractStringParam(buffer, text); });
 }
 
 void KyTferMsg::Serialize(KyIpcMsgBuffer* buffer) {

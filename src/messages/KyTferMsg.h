@@ -17,8 +17,8 @@ class KyIpcMsgBuffer;
 /// message trusts its first field, the type; what the rest of a short or damaged buffer yields is 0 and the
 /// empty string.
 ///
-/// No operation throws. A message for which memory runs out while it is filled, copied, read or written says so
-/// with IsWhole; what it then holds, or has put into a buffer, is not for use.
+/// No operation throws. A message for which memory runs out while it is filled, copied, read or written
+/// says so with IsWhole; what it then holds, or has put into a buffer, is not for use.
 class KYTFER_EXPORT KyTferMsg {
 public:
     /// What kind of message this is; the first field on the wire. A received message may hold any other
@@ -54,8 +54,8 @@ public:
     /// KyIpcMsgBuffer's always are). Consumes nothing.
     static int PeekMsgType(const unsigned char* bytes);
 
-    /// False once memory has run out for the message: a text is missing. It is whole again when it is next copied
-    /// from a whole message or read from a buffer.
+    /// False once memory has run out for the message: a text is missing. It is whole again when it is
+    /// next copied from a whole message or read from a buffer.
     bool IsWhole() const { return m_whole; }
 
     /// @{

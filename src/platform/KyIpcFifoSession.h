@@ -91,15 +91,15 @@ public:
 
     /// Takes the next message from the FIFO, and waits for it as long as the bound says, over all the pieces
     /// in which it may come. Bytes that belong to no whole message are skipped, with a log line. While the
-    /// session also has a FIFO open that it writes, it waits no longer than somebody reads that one: who would
-    /// answer has gone.
+    /// session also has a FIFO open that it writes, it waits no longer than somebody reads that one: who
+    /// would answer has gone.
     ///
     /// @param buffer        gets the message in the place of what it holds; not null. It grows as needed
     /// @param milliseconds  longest wait; 0 or less takes what is there without waiting
     /// @return IPC_OK with one message in the buffer. IPC_TIMEOUT with that part of the next message in it
     ///         which has come so far; the next call goes on with that message. IPC_NO_READER if there is none
-    ///         and nobody reads the FIFO that the session writes any more. That or another value, and an empty
-    ///         buffer, otherwise
+    ///         and nobody reads the FIFO that the session writes any more. That or another value, and an
+    ///         empty buffer, otherwise
     int Read(KyIpcMsgBuffer* buffer, int milliseconds);
 
     /// The descriptor of the FIFO that is read, for poll(); -1 if none is open. It stays the session's. It

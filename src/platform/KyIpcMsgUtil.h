@@ -16,9 +16,6 @@ class KyIpcMsgBuffer;
 /// size is allocated before it has been found to be there.
 class KyIpcMsgUtil {
 public:
-    /// From ExtractStringParam: there was a string, but no memory for it.
-    static constexpr int NO_MEMORY = -2;
-
     /// Appends an integer. @return 0, or another value if the buffer could not grow
     static int PutInteger(KyIpcMsgBuffer* buffer, int value);
 
@@ -30,8 +27,8 @@ public:
 
     /// Stores the next string of the buffer in `value`, or the empty string if it holds none.
     ///
-    /// @return 0 if there was one; NO_MEMORY, with an empty `value`, if there was no memory for it; another value if
-    ///         there was none
+    /// @return 0 if there was one, another value if not
+    /// @throws std::bad_alloc if there is no memory for it
     static int ExtractStringParam(KyIpcMsgBuffer* buffer, std::string& value);
 
     /// The integer that stands at the start of `bytes`, of which at least four must be readable.
