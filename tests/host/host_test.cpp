@@ -1,25 +1,38 @@
+// What only the host's platform does; platform-check has the rest.
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <future>
 #include <regex>
 #include <thread>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 #include "host/KyHostLog.h"
 #include "platform/KyDlog.h"
+#include "platform/KyIpcMsgBuffer.h"
 #include "platform/tal_fileutils.h"
 #include "support/TempDir.h"
+
+static size_t s_mostMemory = std::string::npos;  // larger allocations of the buffer fail
+static size_t s_largestRequest = 0;
+
+extern "C" void* __real_realloc(void* old, size_t size);
+extern "C" void* __wrap_realloc(void* old, size_t size);
+extern "C" void* __wrap_realloc(void* old, size_t size) {
+    s_largestRequest = std::max(s_largestRequest, size);
+    return size > s_mostMemory ? nullptr : __real_realloc(old, size);
+}
 
 namespace {
 
@@ -103,23 +116,21 @@ TEST(HostLog, TheSinkTakesTheLines) {
     EXPECT_EQ(lines, (Lines{"3Src|Fun|a\n3", "4Src|Fun|a\n4"}));
 }
 
-std::atomic<bool> s_set[2];
-std::atomic<int> s_calls{0}, s_late{0};
-
-void Note(void* set, int, const char*, const char*, const char*) {
-    ++(*static_cast<std::atomic<bool>*>(set) ? s_calls : s_late);
-}
-
 TEST(HostLog, NoCallOfASinkOutlivesItsSetting) {
-    std::atomic<bool> stop{false};
+    static std::atomic<int> s_calls{0}, s_late{0};
+    const auto note = [](void* set, int, const char*, const char*, const char*) {
+        sched_yield();
+        ++(*static_cast<std::atomic<bool>*>(set) ? s_calls : s_late);
+    };
+    std::atomic<bool> set[2] = {}, stop{false};
     std::thread writer([&] {
         while (!stop)
             __dlog_printfex(7, "Src", "Fun", "text");
     });
     for (int round = 0; round < 500 || s_calls < 10; ++round) {
-        s_set[round % 2] = true;
-        ky_host::SetLogSink(Note, &s_set[round % 2]);
-        s_set[(round + 1) % 2] = false;
+        set[round % 2] = true;
+        ky_host::SetLogSink(note, &set[round % 2]);
+        set[(round + 1) % 2] = false;
     }
     stop = true;
     writer.join();
@@ -127,48 +138,27 @@ TEST(HostLog, NoCallOfASinkOutlivesItsSetting) {
     EXPECT_EQ(s_late, 0);
 }
 
-/// The mode of the directory, or 0 if it is none.
-mode_t ModeOf(const std::string& path) {
-    struct stat found;
-    return stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode) ? found.st_mode & 07777 : 0;
+TEST(FileUtils, OddPaths) {
+    const TempDir dir;
+    EXPECT_TRUE(tal_fileutils::MakeDirPath(dir / "//a//b/../c//", 0777, true));
+    EXPECT_EQ(access((dir / "a/c").c_str(), F_OK), 0);
+    EXPECT_FALSE(tal_fileutils::MakeDirPath(dir / std::string("z\0z", 3), 0777, true));
+    EXPECT_EQ(errno, EINVAL);
 }
 
-TEST(FileUtils, ConcurrentCreatorsMakeTheModeWhateverTheUmask) {
-    const TempDir dir;
-    const std::pair<mode_t, mode_t> rows[] = {{022, 0777}, {077, 0750}, {0777, 01770}, {0, 0700}};
-    for (size_t round = 0; round < 50; ++round) {
-        const auto [mask, mode] = rows[round % 4];
-        const std::string path = dir / std::to_string(round);
-        const mode_t before = umask(mask);
-        std::vector<std::future<bool>> calls(mask == 0777 ? 1 : 4);  // nobody enters what has no mode yet
-        for (auto& call : calls)
-            call = std::async(std::launch::async, tal_fileutils::MakeDirPath, path + "/a", mode, true);
-        for (auto& call : calls)
-            EXPECT_TRUE(call.get());
-        EXPECT_EQ(umask(before), mask);
-        EXPECT_EQ(ModeOf(path), mode);
-        EXPECT_EQ(ModeOf(path + "/a"), mode);
-    }
-}
-
-TEST(FileUtils, Paths) {
-    const TempDir dir;
-    ASSERT_EQ(mkdir((dir / "dir").c_str(), 0700), 0);
-    WriteFile(dir / "file", "");
-    const std::pair<std::string, int> rows[] = {
-        {"//dir//", 0},
-        {"dir/a//b/../c/", 0},
-        {"file/x", ENOTDIR},
-        {std::string(300, 'n'), ENAMETOOLONG},
-        {std::string("dir/z\0z", 7), EINVAL},
-    };
-    for (const auto& [path, error] : rows) {
-        const bool made = tal_fileutils::MakeDirPath(dir / path, 0777, true);
-        EXPECT_EQ(made ? 0 : errno, error) << path;
-    }
-    EXPECT_FALSE(tal_fileutils::MakeDirPath(dir / "none/x", 0777, false));
-    EXPECT_EQ(ModeOf(dir / "dir"), 0700u) << "one that was there has changed";
-    EXPECT_NE(ModeOf(dir / "dir/a/c"), 0u);
+TEST(IpcBuffer, AsksForLittleMemoryAndAFailedAppendChangesNothing) {
+    const std::vector<unsigned char> more(1000, 'm');
+    KyIpcMsgBuffer hinted(INT_MAX), buffer(0);
+    ASSERT_TRUE(hinted.Append(more.data(), 60) && buffer.Append(more.data(), 60));
+    EXPECT_LT(s_largestRequest, 1'000'000u) << "a hint is believed";
+    s_mostMemory = 100;
+    const bool appended = buffer.Append(more.data(), 1000);
+    const bool exactFit = buffer.Append(more.data(), 36);  // twice the room is refused, 96 + 4 bytes are not
+    s_mostMemory = std::string::npos;
+    EXPECT_TRUE(exactFit && !appended);
+    EXPECT_EQ(buffer.GetLength(), 96);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.GetBuf()), 100),
+              std::string(96, 'm') + std::string(4, '\0'));
 }
 
 }  // namespace

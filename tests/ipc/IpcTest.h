@@ -36,7 +36,6 @@ inline void WriteRaw(const std::string& path, const std::string& bytes) {
 
 struct Session : KyIpcFifoSession {
     Session() : KyIpcFifoSession("test", IPC_CLOSE_NO_CONFIRM) {}
-    int Write(const std::string& bytes) { return WriteCtrl(bytes.data(), static_cast<int>(bytes.size())); }
 };
 
 /// A test with a directory for FIFOs of its own, which must lose no descriptor.

@@ -1,10 +1,6 @@
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/time.h>
-#include <sys/wait.h>
-
+#include <algorithm>
 #include <filesystem>
-#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "IpcTest.h"
@@ -20,127 +16,25 @@ namespace fs = std::filesystem;
 
 constexpr char NAME[] = "test-Fifo";
 
-void SignalEvery(suseconds_t microseconds) {
-    signal(SIGALRM, [](int) {});
-    const itimerval often = {{0, microseconds}, {0, microseconds}};
-    setitimer(ITIMER_REAL, &often, nullptr);
-}
-
 class SessionTest : public IpcTest {
 protected:
     SessionTest() { EXPECT_EQ(m_reader.OpenReadFifo(NAME, 0600), 0); }
-    ~SessionTest() override { m_writer.Close(); }
-
-    /// The next message, or the status and what had arrived.
-    std::string Read(int milliseconds = 10'000) {
-        KyIpcMsgBuffer buffer(200);
-        const int status = m_reader.Read(&buffer, milliseconds);
-        return (status == 0 ? "" : std::to_string(status) + ":") + BytesOf(buffer);
-    }
-
-    void OpenWriter() { ASSERT_EQ(m_writer.OpenCtrlFifo(NAME), 0); }
-
-    /// A process, disturbed by signals, that writes messages of one letter; a negative count has no end.
-    pid_t ForkWriter(char letter, int count) {
-        const pid_t process = fork();
-        if (process != 0) return process;
-        SignalEvery(200);
-        OpenWriter();
-        while (count != 0 && m_writer.Write(std::string(10'000, letter)) == 0)
-            --count;
-        _exit(count == 0 ? 0 : 1);
-    }
-
-    Session m_writer;
 };
 
-TEST_F(SessionTest, OpeningIsRefusedAndHarmsNothing) {
-    fs::create_symlink(NAME, Path("link"));
+TEST_F(SessionTest, DirectoryIsItsOwnAndClosedToStrangers) {
     fs::create_directory_symlink(m_directory, m_temp / "link");
     fs::create_directory(m_temp / "public");
     fs::permissions(m_temp / "public", fs::perms::all);
-    const std::tuple<const char*, const char*, int> rows[] = {
-        {"ipc", nullptr, Session::IPC_BAD_ARGUMENT}, {"ipc", "../ipc/test-Fifo", Session::IPC_BAD_ARGUMENT},
-        {"ipc", "link", Session::IPC_REFUSED},       {"link", NAME, Session::IPC_REFUSED},
-        {"public", NAME, Session::IPC_REFUSED},      {"missing", NAME, Session::IPC_NO_FIFO},
-    };
-    for (const auto& [directory, name, status] : rows) {
-        SCOPED_TRACE(testing::Message() << directory << ' ' << name);
+    const std::pair<const char*, int> rows[] = {
+        {"link", Session::IPC_REFUSED}, {"public", Session::IPC_REFUSED}, {"missing", Session::IPC_NO_FIFO}};
+    for (const auto& [directory, status] : rows) {
         setenv("KY_IPC_DIR", (m_temp / directory).c_str(), 1);
         Session session;
-        EXPECT_EQ(session.OpenCtrlFifo(name), status);
-        EXPECT_EQ(session.OpenReadFifo(name, 0600), status);
-        EXPECT_EQ(session.Write(""), Session::IPC_NOT_OPEN);
-        EXPECT_EQ(ky_host::CreateIpcDirectory() != 0, name == NAME && status == Session::IPC_REFUSED);
+        EXPECT_EQ(session.OpenCtrlFifo(NAME), status) << directory;
+        EXPECT_EQ(session.OpenReadFifo(NAME, 0600), status) << directory;
+        EXPECT_EQ(ky_host::CreateIpcDirectory() != 0, status == Session::IPC_REFUSED) << directory;
     }
-    EXPECT_EQ(fs::read_symlink(Path("link")), NAME);
     EXPECT_EQ(fs::status(m_temp / "missing").permissions(), fs::perms(01770));
-}
-
-TEST_F(SessionTest, ModeIsWhatWasAskedForAndDescriptorsCloseOnExec) {
-    for (const auto& [mask, mode] : {std::pair(0U, 0777U), std::pair(022U, 0777U), std::pair(0777U, 0620U)}) {
-        const mode_t before = umask(mask);
-        EXPECT_EQ(m_reader.OpenReadFifo(NAME, mode), 0);
-        umask(before);
-        EXPECT_EQ(fs::status(Path(NAME)).permissions(), fs::perms(mode)) << mask;
-    }
-    OpenWriter();
-    int closing = 0;
-    for (int fd = 3; fd < 256; ++fd)
-        closing += fcntl(fd, F_GETFD) >= 0 && (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
-    EXPECT_GE(closing, OpenDescriptors() - m_descriptors);
-}
-
-TEST_F(SessionTest, StaleFifoIsReplacedAndOnlyItsOwnRemoved) {
-    Session dead;
-    ASSERT_EQ(dead.OpenReadFifo(NAME, 0600), 0);
-    WriteRaw(Path(NAME), FrameOf("old"));
-    ASSERT_EQ(m_reader.OpenReadFifo(NAME, 0600), 0);
-    OpenWriter();
-    EXPECT_EQ(m_writer.Write("new"), 0);
-    EXPECT_EQ(Read(), "new");
-    EXPECT_EQ(Read(0), "4:");
-    EXPECT_EQ(dead.Close(), 0);
-    EXPECT_TRUE(fs::exists(Path(NAME)));
-    EXPECT_EQ(m_reader.Close(), 0);
-    EXPECT_FALSE(fs::exists(Path(NAME)));
-    EXPECT_EQ(m_reader.Close(), 0);
-}
-
-/// Signals disturb all waits, and again and again a writer is killed, within a frame as a rule.
-TEST_F(SessionTest, FramesOfManyWritersStayWhole) {
-    std::vector<pid_t> processes;
-    for (const char letter : {'a', 'b', 'c', 'd'})
-        processes.push_back(ForkWriter(letter, 200));
-    SignalEvery(200);
-    for (int round = 0; round < 16; ++round) {
-        const pid_t victim = ForkWriter('v', -1);
-        for (int count = 0; count < 50;) {
-            const std::string message = Read();
-            ASSERT_EQ(message, std::string(10'000, message.front()));
-            count += message.front() != 'v';
-        }
-        kill(victim, SIGKILL);
-        waitpid(victim, nullptr, 0);
-    }
-    SignalEvery(0);
-    for (const pid_t process : processes) {
-        int status = -1;
-        EXPECT_TRUE(waitpid(process, &status, 0) == process && status == 0) << status;
-    }
-}
-
-/// The signal would end this process.
-TEST_F(SessionTest, ReaderThatGoesRaisesNoSignal) {
-    signal(SIGPIPE, SIG_DFL);
-    OpenWriter();
-    m_reader.Close();
-    EXPECT_EQ(m_writer.Write("x"), Session::IPC_NO_READER);
-    EXPECT_EQ(m_writer.Write(std::string(100'000, 'x')), Session::IPC_NO_READER);
-    EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
-    sigset_t mask;
-    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-    EXPECT_EQ(sigismember(&mask, SIGPIPE), 0);
 }
 
 /// Who had asked a service that was then killed waited a minute for its answer once.
@@ -153,8 +47,7 @@ TEST_F(SessionTest, ReadEndsWhenThePeerHasGone) {
     int polls = 0;
     s_poll = [&](pollfd* files, nfds_t count, int milliseconds) {
         if (++polls > 1) return __real_poll(files, count, milliseconds);
-        const int ready = __real_poll(files, count, 0);
-        EXPECT_EQ(ready, 0);
+        EXPECT_EQ(__real_poll(files, count, 0), 0);
         WriteRaw(Path("answer"), FrameOf("last") + FrameOf("half").substr(0, 10));
         m_reader.Close();
         files[1].revents = POLLERR;  // it answered and went after the look at the first of the two
@@ -164,7 +57,6 @@ TEST_F(SessionTest, ReadEndsWhenThePeerHasGone) {
     EXPECT_EQ(BytesOf(buffer), "last");
     EXPECT_EQ(asker.Read(&buffer, 10'000), Session::IPC_NO_READER);
     EXPECT_EQ(buffer.GetLength(), 0);
-    EXPECT_EQ(asker.Close(), 0);
 }
 
 /// A reader that is held never ends this test.
@@ -173,7 +65,58 @@ TEST_F(SessionTest, FloodDoesNotHoldTheReader) {
         WriteRaw(Path(NAME), std::string(100, '\xF4'));
         return __real_poll(files, count, milliseconds);
     };
-    EXPECT_EQ(Read(5), "4:");
+    KyIpcMsgBuffer buffer(200);
+    EXPECT_EQ(m_reader.Read(&buffer, 5), Session::IPC_TIMEOUT);
+}
+
+using Messages = std::vector<std::string>;
+
+const std::string MARK(reinterpret_cast<const char*>(ky_frame::MARK), sizeof ky_frame::MARK);
+const std::string LEAD = MARK.substr(0, ky_frame::LEAD);
+
+/// Messages that hold what frames are made of.
+const Messages AWKWARD = {"", MARK, LEAD + LEAD + MARK[0], "a" + LEAD + '\0' + MARK + MARK + "b",
+                          std::string(9, MARK[0]) + LEAD};
+
+/// The messages of a stream that comes in pieces of one size, and behind them how many bytes were skipped.
+Messages Decode(const std::string& stream, size_t piece) {
+    KyIpcFrameDecoder decoder;
+    Messages messages;
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(stream.data());
+    for (size_t taken = 0; taken < stream.size();) {
+        taken += decoder.Feed(bytes + taken, std::min(piece, stream.size() - taken));
+        if (decoder.IsWhole()) messages.push_back(BytesOf(decoder.Message()));
+    }
+    messages.push_back(std::to_string(decoder.TakeSkipped()));
+    return messages;
+}
+
+TEST(Frames, ATornOrDamagedOneCostsOnlyItself) {
+    const std::string next = FrameOf("next");
+    for (const std::string& message : AWKWARD) {
+        const std::string frame = FrameOf(message);
+        for (size_t place = 0; place < frame.size(); ++place) {
+            const Messages expected = {message, "next", std::to_string(place)};
+            for (const size_t piece : {1U, 2U, 3U, 1000U})
+                ASSERT_EQ(Decode(FrameOf(message) + frame.substr(0, place) + next, piece), expected) << piece;
+            for (int change = 1; change < 256; ++change) {
+                std::string bytes = frame;
+                bytes[place] = static_cast<char>(bytes[place] ^ change);
+                const Messages messages = Decode(bytes + next, 1000);
+                ASSERT_TRUE(messages.size() == 2 || messages.size() == 3) << place << ' ' << change;
+                ASSERT_EQ(messages[messages.size() - 2], "next") << place << ' ' << change;
+            }
+        }
+    }
+}
+
+TEST(Frames, OneByteMoreThanTheMostIsDamage) {
+    const std::string most(ky_frame::MOST_BODY, 'x');
+    std::string frame = FrameOf(most);
+    EXPECT_EQ(Decode(frame, 70'000), (Messages{most, "0"}));
+    ++frame[sizeof ky_frame::MARK];
+    frame.insert(frame.size() - 1, "x");
+    EXPECT_EQ(Decode(frame + FrameOf("next"), 70'000), (Messages{"next", std::to_string(frame.size())}));
 }
 
 }  // namespace

@@ -11,6 +11,8 @@
 #include <set>
 #include <utility>
 
+#include "support/Eventually.h"
+
 // With 64-bit times on a 32-bit processor, the C library's function has a name of its own.
 #ifdef __USE_TIME_BITS64
 #define CLOCK_GETTIME "__clock_gettime64"
@@ -44,6 +46,14 @@ State& TheState() {
     return *state;
 }
 
+/// What `work` makes of the state, which nobody else has meanwhile.
+template <typename Work>
+auto Locked(Work work) {
+    State& state = TheState();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    return work(state);
+}
+
 /// Where the thread's last held sleep ended, and in which step it was woken.
 thread_local Duration t_lastWake{0};
 thread_local unsigned long t_lastStep = 0;
@@ -62,7 +72,6 @@ void SleepHeld(State& state, std::unique_lock<std::mutex>& lock, Duration length
     const Duration end = (t_lastStep == state.step ? t_lastWake : state.now) + length;
     const unsigned long release = state.release;
     const auto mine = state.ends.insert(end);
-    state.changed.notify_all();
     state.changed.wait(lock, [&] { return state.release != release || state.now >= end; });
     state.ends.erase(mine);
     t_lastWake = end;
@@ -77,17 +86,13 @@ void ReleaseSleepers(State& state) {
 }
 
 void Sleep(Duration length) {
+    CallHook(Locked([&](State& state) {
+        state.totalSlept += length;
+        return state.hook;
+    }));
     State& state = TheState();
     std::unique_lock<std::mutex> lock(state.mutex);
-    state.totalSlept += length;
-    const std::function<void()> hook = state.hook;
-    lock.unlock();
-    CallHook(hook);
-    lock.lock();
-    if (state.held) {
-        SleepHeld(state, lock, length);
-        return;
-    }
+    if (state.held) return SleepHeld(state, lock, length);
     state.now += length;
     lock.unlock();
     sched_yield();
@@ -102,67 +107,56 @@ extern "C" int __wrap_usleep(useconds_t microseconds) {
 
 extern "C" int WrapClockGettime(clockid_t clock, timespec* time) {
     if (clock != CLOCK_REALTIME) return RealClockGettime(clock, time);
-    const Duration now = SteppedTime::Now();
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now);
-    time->tv_sec = seconds.count();
-    time->tv_nsec = static_cast<long>(std::chrono::nanoseconds(now - seconds).count());
+    const auto microseconds = SteppedTime::Now().count();
+    time->tv_sec = microseconds / 1'000'000;
+    time->tv_nsec = static_cast<long>(microseconds % 1'000'000 * 1000);
     return 0;
 }
 
 Duration SteppedTime::Now() {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return state.now;
+    return Locked([](State& state) { return state.now; });
 }
 
 void SteppedTime::Advance(Duration step) {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.now += step;
-    ++state.step;
-    state.changed.notify_all();
+    Locked([&](State& state) {
+        state.now += step;
+        ++state.step;
+        state.changed.notify_all();
+    });
 }
 
 void SteppedTime::Hold() {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.held = true;
-    ++state.step;
+    Locked([](State& state) {
+        state.held = true;
+        ++state.step;
+    });
 }
 
 void SteppedTime::Release() {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    ReleaseSleepers(state);
+    Locked(ReleaseSleepers);
 }
 
 Duration SteppedTime::TotalSlept() {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return state.totalSlept;
+    return Locked([](State& state) { return state.totalSlept; });
 }
 
 bool SteppedTime::WaitForSleepers(int count) {
-    State& state = TheState();
-    std::unique_lock<std::mutex> lock(state.mutex);
-    const auto enough = [&] {
-        // Those that Advance() has woken may not have left yet.
-        return std::distance(state.ends.upper_bound(state.now), state.ends.end()) >= count;
+    // Those that Advance() has woken may not have left yet.
+    const auto sleeping = [](State& state) {
+        return std::distance(state.ends.upper_bound(state.now), state.ends.end());
     };
-    return state.changed.wait_for(lock, std::chrono::seconds(10), enough);
+    return WaitUntil([&] { return Locked(sleeping) >= count; });
 }
 
 void SteppedTime::OnSleep(std::function<void()> hook) {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    state.hook = std::move(hook);
+    Locked([&](State& state) { state.hook = std::move(hook); });
 }
 
 void SteppedTime::Reset() {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    ReleaseSleepers(state);
-    state.hook = nullptr;
-    state.now = START;
-    state.totalSlept = Duration(0);
+    Locked([](State& state) {
+        ReleaseSleepers(state);
+        state.hook = nullptr;
+        state.now = START;
+        state.totalSlept = Duration(0);
+    });
 }

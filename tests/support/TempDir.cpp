@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -17,13 +16,6 @@ TempDir::TempDir() : m_path("/var/tmp/kytest-XXXXXX") {
 
 TempDir::~TempDir() {
     std::error_code ignored;
-    for (fs::recursive_directory_iterator entry(m_path, ignored), end; entry != end;
-         entry.increment(ignored)) {
-        // Tests take permissions away; without them the contents could not be removed.
-        if (entry->is_directory(ignored) && !entry->is_symlink(ignored)) {
-            fs::permissions(entry->path(), fs::perms::owner_all, ignored);
-        }
-    }
     fs::remove_all(m_path, ignored);
 }
 
