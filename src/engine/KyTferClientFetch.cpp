@@ -42,7 +42,9 @@ void KyTferClient::RequestFetch(const std::string& fileName, unsigned int fileSi
     const int error = m_threads.Start(KyEngineThreads::MONITOR, MonitorGetFileThreadStart, this, transaction,
                                       m_getFileMonitorThread);
     if (error != 0) NoteUnwatched(transaction);
-    SendString(fileName, PNT_CLIENT_FILE_REQ);
+    const int status = SendString(fileName, PNT_CLIENT_FILE_REQ);
+    // The device does not know of it, and no monitor will end it.
+    if (error != 0 && status != 0) EndUnwatched();
 }
 
 // Returns the new transaction's number, or 0, with nothing changed, if another one is in progress.

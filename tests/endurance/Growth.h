@@ -21,10 +21,9 @@ struct Figures {
     long threads = 0, descriptors = 0, addressSpace = 0, privateMemory = 0;
 };
 
-/// @param process  number of a process of this user, or "self"
-inline Figures FiguresOf(const std::string& process) {
+/// @param directory  of a process of this user, in /proc
+inline Figures FiguresOf(const std::string& directory) {
     namespace fs = std::filesystem;
-    const std::string directory = "/proc/" + process;
     Figures figures;
     std::ifstream status(directory + "/status"), memory(directory + "/smaps_rollup");
     for (std::string word; status >> word;) {
@@ -45,13 +44,10 @@ inline Figures FiguresOf(const std::string& process) {
 /// the private memory, of which malloc's free lists and a stack that once was deeper account for some 100 KiB; the
 /// bound comes to ten bytes for each of 100,000.
 inline void ExpectNoGrowth(const Figures& before, const Figures& after) {
-    const auto print = [](const char* when, const Figures& figures) {
-        std::cout << when << ": " << figures.threads << " threads, " << figures.descriptors
-                  << " descriptors, " << figures.addressSpace << " KiB of addresses, "
-                  << figures.privateMemory << " KiB private\n";
-    };
-    print("After the first hundred", before);
-    print("At the end", after);
+    for (const Figures& figures : {before, after})
+        std::cout << figures.threads << " threads, " << figures.descriptors << " descriptors, "
+                  << figures.addressSpace << " KiB of addresses, " << figures.privateMemory
+                  << " KiB private\n";
     EXPECT_LE(after.threads, before.threads);
     EXPECT_EQ(after.descriptors, before.descriptors);
     if (kSanitized) return;  // its shadow grows with what it has seen

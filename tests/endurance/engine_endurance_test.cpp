@@ -62,7 +62,7 @@ TEST_F(TransactionGrowth, EngineHoldsNoMoreThanAtFirst) {
     const int threads = ThreadCount();
     Figures before;
     for (int i = 0; i < kTransactions; ++i) {
-        if (i == 100) before = FiguresOf("self");
+        if (i == 100) before = FiguresOf("/proc/self");
         const auto& row = rows[static_cast<size_t>(i) % std::size(rows)];
         for (const SimOperation operation :
              {SimOperation::FETCH, SimOperation::PUSH, SimOperation::DIRECTORY})
@@ -83,7 +83,7 @@ TEST_F(TransactionGrowth, EngineHoldsNoMoreThanAtFirst) {
         if (row.kind == DIRECTORY) engine->CreateDirectoryFromFile(Record().GetXferFullFilePath());
         ASSERT_EQ(Outcome(Record()), row.outcome) << i;
     }
-    ExpectNoGrowth(before, FiguresOf("self"));
+    ExpectNoGrowth(before, FiguresOf("/proc/self"));
 }
 
 }  // namespace

@@ -58,15 +58,13 @@ private:
         std::unique_lock<std::mutex> lock(self->m_mutex);
         if (level == 3) self->m_errors.emplace_back(text);
         for (auto& [beginning, gate] : self->m_gates) {
-            if (std::string(text).compare(0, beginning.size(), beginning) == 0) self->Pass(gate, lock);
+            if (std::string(text).compare(0, beginning.size(), beginning) != 0) continue;
+            char name[16] = {};
+            pthread_getname_np(pthread_self(), name, sizeof name);
+            gate.visitor = name;
+            self->m_changed.notify_all();
+            self->m_changed.wait(lock, [&open = gate.open] { return open; });
         }
-    }
-    void Pass(Gate& gate, std::unique_lock<std::mutex>& lock) {
-        char name[16] = {};
-        pthread_getname_np(pthread_self(), name, sizeof name);
-        gate.visitor = name;
-        m_changed.notify_all();
-        m_changed.wait(lock, [&gate] { return gate.open; });
     }
 
     std::mutex m_mutex;

@@ -32,10 +32,7 @@ TEST_F(DirectoryFetch, Endings) {
         {"late", Fault([](SimFault& f) { f.delayMs = 5000; }), true, kSuccess},
         {"silent", Fault([](SimFault& f) { f.answer = SimAnswer::SILENT; }), false, {}},
         {"NONE", Fault([](SimFault& f) { f.answer = SimAnswer::NONE_VALUE; }), true, {}},
-        {"answer before the request has returned",
-         Fault([](SimFault& f) { f.answerBeforeReturn = true; }),
-         false,
-         {}},
+        {"too early", Fault([](SimFault& f) { f.answerBeforeReturn = true; }), false, {}},
         {"wrong size announced", Fault([](SimFault& f) { f.announceSizeDelta = 7; }), false, kError},
         {"no file", Fault([](SimFault& f) { f.noFile = true; }), false, {"get listing.txt", "8604=0"}},
     };
@@ -63,7 +60,7 @@ TEST_F(DirectoryFetch, Endings) {
     }
 }
 
-TEST_F(DirectoryFetch, Refusals) {
+TEST_F(DirectoryFetch, RefusalsAndOneWithoutAMonitor) {
     Start();
     device->FailPoint(SimAccess::WRITE, 8602, 5);
     const Status refused = engine->GetDirectoryFromDevRequest();
@@ -72,6 +69,10 @@ TEST_F(DirectoryFetch, Refusals) {
     EXPECT_EQ(Record().GetReqType(), Status::TFER_REQ_NONE);
     EXPECT_EQ(Outcome(Record()), "none: ");
     device->ClearFaults();
+    systemfaults::FailNextThread(11);
+    List();
+    ASSERT_TRUE(WaitForOutcome(Fetched("listing.txt")) && WaitUntilQuiet());
+    EXPECT_EQ(Errors().back(), "Error creating directory monitor thread.  error=11");
     engine->GetFileFromDevRequest("missing", 5);
     device->ClearCalls();
     EXPECT_EQ(Outcome(engine->GetDirectoryFromDevRequest()), kInProgress);
@@ -112,18 +113,6 @@ TEST_F(DirectoryFetch, FinalStepOverwritesNothingThatCameInBetween) {
         EXPECT_EQ(Outcome(Record()).substr(0, expected.size()), expected);
         TearDown();
     }
-}
-
-TEST_F(DirectoryFetch, TwoInARowTheSecondWithoutAMonitor) {
-    Start();
-    for (const int failing : {0, 1}) {
-        WriteFile(files / std::to_string(failing), "new");
-        systemfaults::FailNextThread(11, failing);
-        EXPECT_EQ(Outcome(List()), kRequested);
-        ASSERT_TRUE(WaitForOutcome(Fetched("listing.txt")) && WaitUntilQuiet());
-        EXPECT_EQ(ReadFile(Record().GetXferFullFilePath()), device->ListingText());
-    }
-    EXPECT_EQ(Errors(), Strings{"Error creating directory monitor thread.  error=11"});
 }
 
 /// Listings of the engine are freed with it, and one that the map does not take at once: the leak check

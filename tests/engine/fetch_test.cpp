@@ -1,5 +1,4 @@
 #include <atomic>
-#include <random>
 #include <thread>
 
 #include "engine/EngineFixture.h"
@@ -31,29 +30,44 @@ TEST_F(Fetch, Endings) {
     const struct {
         const char* name;
         size_t size;
-        SimFault fault;
+        void (*arrange)(SimDevice& device, SimFault& fault);
         std::string logged;  ///< at level 3, once; "" for no line of level 3 before the time limit
         Strings written;
     } rows[] = {
-        {"whole", 20480, {}, "", kSuccess},
-        {"empty", 0, {}, "", kSuccess},
-        {"READY late", 100, Fault([](SimFault& f) { f.delayMs = 5000; }), "", kSuccess},
-        {"READY at once", 100, Fault([](SimFault& f) { f.answerBeforeReturn = true; }), "", kSuccess},
-        {"shorter", 20480, Fault([](SimFault& f) { f.sizeDelta = -20380; }), otherSize("20480", "100"),
+        {"whole", 20480, [](SimDevice&, SimFault&) {}, "", kSuccess},
+        {"empty", 0, [](SimDevice&, SimFault&) {}, "", kSuccess},
+        {"READY late", 100, [](SimDevice&, SimFault& f) { f.delayMs = 5000; }, "", kSuccess},
+        {"READY at once", 100, [](SimDevice&, SimFault& f) { f.answerBeforeReturn = true; }, "", kSuccess},
+        {"not moved", 100, [](SimDevice&, SimFault&) { systemfaults::FailRename(18, 1); },
+         "Failed to move file(/var/local/tal/pldserver/3/f) --> file(/var/local/tal/pldserver/3/tferFiles/f) "
+         "errno(18) - Invalid cross-device link",
+         kSuccess},
+        {"size not written", 100, [](SimDevice& sim, SimFault&) { sim.FailPoint(SimAccess::WRITE, 8604, 7); },
+         "Could not set xfer file size back to zero. status(7)", kSuccess},
+        {"outcome not written", 100,
+         [](SimDevice& sim, SimFault&) { sim.FailPoint(SimAccess::WRITE, 8602, 7, -1, 2); },
+         "Could not set string(SUCCESS) pntId(8602) mmIdx(2) idx(0) uom(0) norm(0) timeout(1000) on "
+         "device(3). Status(7)",
+         kSuccess},
+        {"shorter", 20480, [](SimDevice&, SimFault& f) { f.sizeDelta = -20380; }, otherSize("20480", "100"),
          kError},
         {"empty instead, whose size then fits the reset one", 20480,
-         Fault([](SimFault& f) { f.sizeDelta = -20480; }), otherSize("20480", "0"), kError},
-        {"longer", 100, Fault([](SimFault& f) { f.sizeDelta = 1; }), otherSize("100", "101"), kError},
-        {"no file", 100, Fault([](SimFault& f) { f.noFile = true; }),
+         [](SimDevice&, SimFault& f) { f.sizeDelta = -20480; }, otherSize("20480", "0"), kError},
+        {"longer", 100, [](SimDevice&, SimFault& f) { f.sizeDelta = 1; }, otherSize("100", "101"), kError},
+        {"no file",
+         100,
+         [](SimDevice&, SimFault& f) { f.noFile = true; },
          "Failed to get file(f) from device. and place it here(/var/local/tal/pldserver/3/f)",
-         Strings{"get f", "8604=0"}},
-        {"silent", 100, Fault([](SimFault& f) { f.answer = SimAnswer::SILENT; }), "", {}},
-        {"NONE", 100, Fault([](SimFault& f) { f.answer = SimAnswer::NONE_VALUE; }), "", {}},
+         {"get f", "8604=0"}},
+        {"silent", 100, [](SimDevice&, SimFault& f) { f.answer = SimAnswer::SILENT; }, "", {}},
+        {"NONE", 100, [](SimDevice&, SimFault& f) { f.answer = SimAnswer::NONE_VALUE; }, "", {}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         Start(row.size);
-        device->SetFault(SimOperation::FETCH, row.fault);
+        SimFault fault;
+        row.arrange(*device, fault);
+        device->SetFault(SimOperation::FETCH, fault);
         const Status accepted = Request("f", static_cast<int>(row.size));
         EXPECT_EQ(Outcome(accepted), "in progress: ");
         EXPECT_EQ(accepted.GetReqType(), Status::TFER_REQ_GET_FILE);
@@ -64,17 +78,19 @@ TEST_F(Fetch, Endings) {
         EXPECT_EQ(Errors(), row.logged.empty() ? Strings{} : Strings{row.logged});
         if (row.written == kSuccess) {
             ASSERT_TRUE(WaitUntilQuiet());
+            engine->MonitorGetFileRequest();  // one that comes late leaves the worker's row
             EXPECT_EQ(Outcome(Record()), Fetched("f"));
             EXPECT_EQ(Record().GetBytesTransfered(), row.size);
-            EXPECT_EQ(Record().GetXferFullFilePath(), std::string(kDownload) + "f");
-            EXPECT_EQ(ReadFile(std::string(kDownload) + "f"), bytes);
-            EXPECT_FALSE(fs::exists(std::string(kLanding) + "f"));
+            EXPECT_EQ(Record().GetFilePath(), kDownload);
+            const bool moved = row.logged.find("move") == std::string::npos;
+            EXPECT_EQ(ReadFile(std::string(moved ? kDownload : kLanding) + "f"), bytes);
+            EXPECT_EQ(fs::exists(std::string(kLanding) + "f"), !moved);
             continue;
         }
         // A file that grows past its expected size may have been seen at it: then the monitor has left, and
         // the worker's row is the last.
         const bool watched = log->Texts("MonitorGetFileRequest").back() != "Leave success";
-        EXPECT_TRUE(watched || row.fault.sizeDelta > 0);
+        EXPECT_TRUE(watched || fault.sizeDelta > 0);
         if (watched) {
             EXPECT_TRUE(WaitUntil([&] { return Record().GetStatus() == Status::TFER_STATUS_INPROGRESS; }))
                 << "the monitor rewrites the worker's row until its limit";
@@ -127,34 +143,13 @@ TEST_F(Fetch, LimitIsReachedWithAndWithoutTheTimeOutStep) {
     }
 }
 
-/// None of them keeps a fetch from its end, and the monitor that comes after that leaves the worker's row.
-TEST_F(Fetch, FailingSystemAndPoints) {
-    const struct {
-        void (*arrange)(SimDevice& sim);
-        const char* logged;
-    } rows[] = {
-        {[](SimDevice&) { systemfaults::FailRename(18, 1); },
-         "Failed to move file(/var/local/tal/pldserver/3/f) --> file(/var/local/tal/pldserver/3/tferFiles/f) "
-         "errno(18) - Invalid cross-device link"},
-        {[](SimDevice& sim) { sim.FailPoint(SimAccess::WRITE, 8604, 7); },
-         "Could not set xfer file size back to zero. status(7)"},
-        {[](SimDevice& sim) { sim.FailPoint(SimAccess::WRITE, 8602, 7, -1, 2); },
-         "Could not set string(SUCCESS) pntId(8602) mmIdx(2) idx(0) uom(0) norm(0) timeout(1000) on "
-         "device(3). Status(7)"},
-        {[](SimDevice&) { systemfaults::FailNextThread(11, 1); }, nullptr},  // the monitor's
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.logged == nullptr ? "no monitor" : row.logged);
-        Start();
-        row.arrange(*device);
-        EXPECT_EQ(Outcome(engine->GetFileFromDevRequest("f", 1000)), "in progress: ");
-        ASSERT_TRUE(WaitForOutcome(Fetched("f")) && WaitUntilQuiet());
-        EXPECT_EQ(Errors(), row.logged == nullptr ? Strings{} : Strings{row.logged});
-        engine->MonitorGetFileRequest();
-        EXPECT_EQ(log->Texts("MonitorGetFileRequest").back(), "Leave break out");
-        EXPECT_EQ(Outcome(Record()), Fetched("f"));
-        EXPECT_EQ(Record().GetFilePath(), kDownload);
-    }
+/// It once stayed in progress for ever, and no other could begin.
+TEST_F(Fetch, OneWithoutAMonitorThatTheDeviceDoesNotHearOfEnds) {
+    Start();
+    systemfaults::FailNextThread(11);
+    device->FailPoint(SimAccess::WRITE, 8602, 7);
+    engine->GetFileFromDevRequest("f", 1000);
+    EXPECT_EQ(Outcome(Record()), "failed: Out of memory");
 }
 
 TEST_F(Fetch, MonitorEndsFirstAndTheWorkersTextIsTheLast) {
@@ -261,23 +256,21 @@ TEST_F(Fetch, NamesOfTheDeviceDoNotLeadElsewhere) {
 
 /// Instant fetches, one after the other as soon as the engine allows, while another thread reads the record:
 /// none may end otherwise than complete and with its worker's text, and no row of the record may be torn.
-TEST_F(Fetch, ManyInstantOnesHalfOfThemWithoutTheirMove) {
+TEST_F(Fetch, ManyInstantOnes) {
     Device().Journal(false);
     Start();
     log.reset();
     ky_host::SetLogLevel(-1);
     std::atomic<bool> done{false};
-    std::atomic<int> torn{0};
     std::thread reader([&] {
         while (!done) {
             const std::string row = Outcome(engine->GetStatus("any"));
-            const bool whole = row == kArrived || row == "none: " || row == Fetched("f") ||
-                               row.compare(0, 13, "in progress: ") == 0;
-            if (!whole) ++torn;
+            EXPECT_TRUE(row == kArrived || row == "none: " || row == Fetched("f") ||
+                        row.compare(0, 13, "in progress: ") == 0)
+                << row;
         }
     });
-    for (int i = 0; i < 1000 && !HasFailure(); ++i) {
-        if (i >= 500) systemfaults::FailRename(18, 1);
+    for (int i = 0; i < 500 && !HasFailure(); ++i) {
         EXPECT_EQ(engine->GetFileFromDevRequest("f", 1000).GetStatus(), Status::TFER_STATUS_INPROGRESS) << i;
         EXPECT_TRUE(WaitUntil([&] { return Record().GetFilePath() == kDownload; })) << i;
         EXPECT_TRUE(WaitForThreads(1) && device->WaitIdle(10000)) << i << ": the reader alone is left";
@@ -285,27 +278,6 @@ TEST_F(Fetch, ManyInstantOnesHalfOfThemWithoutTheirMove) {
     }
     done = true;
     reader.join();
-    EXPECT_EQ(torn, 0);
-}
-
-TEST_F(Fetch, StopAndDeleteAtRandomMoments) {
-    Device().Journal(false);
-    std::mt19937 random(20261122);
-    for (int i = 0; i < 100; ++i) {
-        Start();
-        device->SetLineRate(i % 2 == 0 ? 0 : 100000);
-        engine->GetFileFromDevRequest("f", 1000);
-        for (auto spin = random() % 3000; spin > 0; --spin)
-            engine->WorkerRunning();
-        std::thread other([&] {
-            if (i % 3 == 0) engine->Stop();
-        });
-        if (i % 3 != 2) engine->Stop();
-        other.join();
-        device->SetListener(nullptr);
-        engine.reset();
-        EXPECT_TRUE(WaitForThreads(0));
-    }
 }
 
 TEST_F(Fetch, StopWaitsForTheWorkerAndNothingReachesTheProxyAfterwards) {

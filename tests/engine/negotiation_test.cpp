@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <thread>
 
@@ -13,16 +14,7 @@ constexpr char kStringNotSet[] =
     "Status(7)";
 constexpr char kUsbForceFs[] = "/var/tmp/dmp/usb_force_fs";
 
-class Negotiation : public EngineTest {
-protected:
-    std::vector<int> ReadIndexes() const {
-        std::vector<int> indexes;
-        for (const SimCall& call : device->Calls()) {
-            if (call.operation == SimCallKind::GET_STRING) indexes.push_back(call.mmIdx);
-        }
-        return indexes;
-    }
-};
+using Negotiation = EngineTest;
 
 TEST_F(Negotiation, WritesTheCardsSideInOrder) {
     WriteFile(kDmpSupported, "");
@@ -148,17 +140,21 @@ TEST_F(Negotiation, SearchGoesOnAfterAMismatchOnTheFourthReadAndAfterAThrowingPr
     Build();
     const std::string address = device->GetString(6459);
     device->SlowPoint(SimAccess::READ, 6459, 1);
-    size_t reads = 0;
+    std::vector<int> indexes;
     SteppedTime::OnSleep([&] {
-        if (reads == ReadIndexes().size()) return;  // the engine's own pause
-        ++reads;
+        const std::vector<SimCall> calls = device->Calls();
+        const auto reads = std::count_if(calls.begin(), calls.end(), [](const SimCall& call) {
+            return call.operation == SimCallKind::GET_STRING;
+        });
+        if (reads == static_cast<long>(indexes.size())) return;  // the engine's own pause
+        indexes.push_back(calls.back().mmIdx);
         if (reads == 5) device->ChangeString(6459, "x");  // index 2, fourth read
         if (reads == 6) device->ChangeString(6459, address);
         if (reads == 7) throw std::runtime_error("a proxy's fault");  // index 1 of the next pass
     });
     EXPECT_EQ(engine->Init(3, device.get()), 0);
     SteppedTime::OnSleep({});
-    EXPECT_EQ(ReadIndexes(), (std::vector<int>{1, 2, 2, 2, 2, 3, 1, 2, 2, 2, 2}));
+    EXPECT_EQ(indexes, (std::vector<int>{1, 2, 2, 2, 2, 3, 1, 2, 2, 2, 2}));
     EXPECT_EQ(SteppedTime::TotalSlept(), 6s + 2s + 8s + 11ms);
 }
 

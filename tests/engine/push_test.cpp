@@ -51,6 +51,7 @@ TEST_F(Push, WholeConversation) {
 /// Each step fails in turn: what the record says, what becomes of the file, how far the conversation came.
 /// Numbers are used one after the other, and only with a name that is written.
 TEST_F(Push, Failures) {
+    static const SimFault kRefusal = Fault([](SimFault& f) { f.refuse = true; });
     const struct {
         const char* name;
         void (*arrange)(SimDevice& device);
@@ -62,21 +63,14 @@ TEST_F(Push, Failures) {
     } rows[] = {
         {"move", [](SimDevice&) { systemfaults::FailRename(18, 1); }, kNotMoved, kNotMoved, 0, false,
          kNotRenamed},
-        {"a directory",
-         [](SimDevice&) {
-             fs::remove(kSource);
-             fs::create_directory(kSource);
-         },
-         kNoSize, kNoSize, 0, true, "Failed to get size for file(/var/local/tal/pldserver/fw.bin)"},
+        {"a directory", [](SimDevice&) { fs::remove(kSource), fs::create_directory(kSource); }, kNoSize,
+         kNoSize, 0, true, "Failed to get size for file(/var/local/tal/pldserver/fw.bin)"},
         {"size write", [](SimDevice& sim) { sim.FailPoint(SimAccess::WRITE, 8604, 7); }, kFailed, kFailed, 3,
          false, "to managed device s1(7) s2(0)"},
         {"name write", [](SimDevice& sim) { sim.FailPoint(SimAccess::WRITE, 8603, 8); }, kFailed, kFailed, 3,
          false, "to managed device s1(0) s2(8)"},
-        {"device refuses",
-         [](SimDevice& sim) {
-             sim.SetFault(SimOperation::PUSH, Fault([](SimFault& f) { f.refuse = true; }));
-         },
-         kAccepted, kFailed, 4, true, "PLD Transfer of orig file(fw.bin) as xfer file(3-"},
+        {"device refuses", [](SimDevice& sim) { sim.SetFault(SimOperation::PUSH, kRefusal); }, kAccepted,
+         kFailed, 4, true, "PLD Transfer of orig file(fw.bin) as xfer file(3-"},
         {"worker's thread", [](SimDevice&) { systemfaults::FailNextThread(11, 1); }, kAccepted, kFailed, 3,
          true, ""},
     };

@@ -86,6 +86,12 @@ Function* Real(Function*, const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+/// What an allocation has given, counted.
+void* Counted(void* block) {
+    if (block != nullptr) ++s_live;
+    return block;
+}
+
 }  // namespace
 
 failing::Scope::Scope(bool subject) : m_before(t_subject) {
@@ -97,8 +103,7 @@ failing::Scope::~Scope() {
 
 void failing::ForgetPlaces() {
     const std::lock_guard<std::mutex> lock(s_mutex);
-    for (Place& place : s_places)
-        place = Place();
+    std::fill(std::begin(s_places), std::end(s_places), Place());
 }
 
 void failing::Begin(Kind kind, Who who) {
@@ -141,29 +146,16 @@ bool failing::Take(Kind kind) {
 extern "C" {
 
 void* __real_malloc(size_t size);
-void* __real_calloc(size_t count, size_t size);
 void* __real_realloc(void* block, size_t size);
 void __real_free(void* block);
 
 void* __wrap_malloc(size_t size) {
-    if (FailsWith(failing::MEMORY, ENOMEM)) return nullptr;
-    void* const block = __real_malloc(size);
-    if (block != nullptr) ++s_live;
-    return block;
-}
-
-void* __wrap_calloc(size_t count, size_t size) {
-    if (FailsWith(failing::MEMORY, ENOMEM)) return nullptr;
-    void* const block = __real_calloc(count, size);
-    if (block != nullptr) ++s_live;
-    return block;
+    return FailsWith(failing::MEMORY, ENOMEM) ? nullptr : Counted(__real_malloc(size));
 }
 
 void* __wrap_realloc(void* block, size_t size) {
     if (FailsWith(failing::MEMORY, ENOMEM)) return nullptr;
-    void* const moved = __real_realloc(block, size);
-    if (block == nullptr && moved != nullptr) ++s_live;
-    return moved;
+    return block == nullptr ? Counted(__real_malloc(size)) : __real_realloc(block, size);
 }
 
 void __wrap_free(void* block) {
@@ -228,7 +220,6 @@ SWEEP_CALL(int, -1, rename, RENAME, EXDEV, (const char* from, const char* to) no
 SWEEP_CALL(int, -1, unlink, UNLINK, EACCES, (const char* path) noexcept, (path))
 SWEEP_CALL(int, -1, unlinkat, UNLINK, EACCES, (int fd, const char* path, int flags) noexcept,
            (fd, path, flags))
-SWEEP_CALL(int, -1, mkfifo, MKFIFO, ENOSPC, (const char* path, mode_t mode) noexcept, (path, mode))
 SWEEP_CALL(int, -1, mkfifoat, MKFIFO, ENOSPC, (int fd, const char* path, mode_t mode) noexcept,
            (fd, path, mode))
 
@@ -236,30 +227,19 @@ SWEEP_CALL(int, -1, mkfifoat, MKFIFO, ENOSPC, (int fd, const char* path, mode_t 
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)
 }
 
+// The forms for arrays use these.
 void* operator new(size_t size) {
     void* const block = __wrap_malloc(size == 0 ? 1 : size);
     if (block == nullptr) throw std::bad_alloc();
     return block;
 }
-void* operator new[](size_t size) {
-    return operator new(size);
-}
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
     return __wrap_malloc(size == 0 ? 1 : size);
-}
-void* operator new[](size_t size, const std::nothrow_t& nothrow) noexcept {
-    return operator new(size, nothrow);
 }
 void operator delete(void* block) noexcept {
     __wrap_free(block);
 }
-void operator delete[](void* block) noexcept {
-    __wrap_free(block);
-}
 void operator delete(void* block, size_t) noexcept {
-    __wrap_free(block);
-}
-void operator delete[](void* block, size_t) noexcept {
     __wrap_free(block);
 }
 
