@@ -201,7 +201,7 @@ TEST_F(ServiceEndurance, ManyRequestsLeaveNothingBehind) {
     const auto figures = [&] { return FiguresOf(m_service->Proc()); };
     Pause(50'000);  // the thread of its search is just ending
     const long threads = figures().threads;
-    EXPECT_TRUE(kSanitized || figures().privateMemory <= 3 * 1024) << "too much for a service that is idle";
+    EXPECT_TRUE(kSanitized || figures().privateMemory <= 3072) << "too much for a service that is idle";
     const auto ask = [&](int requests) {
         StartCallers(requests / kCallers);
         ExpectCallersEnd();

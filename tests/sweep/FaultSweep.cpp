@@ -274,8 +274,8 @@ Verdict RoundTrip(World& world) {
     Status record(0);
     bool patient = true;  // a monitor may say that the file is complete before its worker has moved it
     const auto ended = [&] {
-        world.Record();  // a request that was sent before this one begins before the next
-        record = world.Record();
+        World::Record();  // a request that was sent before this one begins before the next
+        record = World::Record();
         // Without a name it is not the transaction's record, but says that there is no memory for that.
         const auto status =
             record.GetXferFileName().empty() && !refused ? Status::TFER_STATUS_REQUESTED : record.GetStatus();
