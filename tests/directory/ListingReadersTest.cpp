@@ -5,7 +5,6 @@
 #include <climits>
 #include <clocale>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 
 #include "directory/KyBlankSeparatedListing.h"
@@ -200,8 +199,9 @@ TEST(BlankSeparatedListing, Forms) {
             EXPECT_EQ(ReadBlank(*in), row.entries);
             EXPECT_EQ(in->eof(), row.left.empty());
             in->clear();
-            const std::string left(std::istreambuf_iterator<char>(*in), {});
-            EXPECT_EQ(left, row.left);
+            std::ostringstream left;
+            left << in->rdbuf();
+            EXPECT_EQ(left.str(), row.left);
         }
     }
 }

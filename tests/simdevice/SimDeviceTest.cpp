@@ -25,8 +25,11 @@ std::string Describe(const KyValChgInfo& info) {
     unsigned int number = 0;
     std::memcpy(&number, info.value, info.pntId == SIZE ? 4 : 0);
     std::string text = info.pntId == SIZE ? std::to_string(number) : "";
-    for (std::size_t i = 0; i < info.valLength; ++i)
-        text += static_cast<const char*>(info.value)[2 * i];
+    for (std::size_t i = 0; i < info.valLength; ++i) {
+        unsigned short unit = 0;  // in the processor's byte order
+        std::memcpy(&unit, static_cast<const char*>(info.value) + 2 * i, sizeof unit);
+        text += static_cast<char>(unit);
+    }
     return text + " ";
 }
 
