@@ -1,6 +1,5 @@
 #include "messages/KyTferDevFileMsg.h"
 
-#include "platform/KyIpcMsgBuffer.h"
 #include "platform/KyIpcMsgUtil.h"
 
 KyTferDevFileMsg::KyTferDevFileMsg(int sizeHint) : KyTferMsg(sizeHint), m_xferFileSize(0) {}

@@ -1,8 +1,5 @@
 #include "messages/KyTferPutDevFile.h"
 
-#include "platform/KyIpcMsgBuffer.h"
-#include "platform/KyIpcMsgUtil.h"
-
 KyTferPutDevFile::KyTferPutDevFile(int sizeHint) : KyTferDevFileMsg(sizeHint) {
     SetMsgType(TFER_MSG_PUT_DEV_FILE);
 }

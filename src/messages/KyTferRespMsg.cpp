@@ -1,6 +1,5 @@
 #include "messages/KyTferRespMsg.h"
 
-#include "platform/KyIpcMsgBuffer.h"
 #include "platform/KyIpcMsgUtil.h"
 
 KyTferRespMsg::KyTferRespMsg(int sizeHint) : KyTferMsg(sizeHint), m_resultStatus(TFER_RESULT_NONE) {
