@@ -1,116 +1,127 @@
 #include "engine/KyEngineThreads.h"
 
+#include <sys/prctl.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <new>
+#include <utility>
+
+#include "engine/KyEngineTime.h"
+#include "engine/KyTferClientConstants.h"
+#include "platform/KyDlog.h"
+
+namespace ky_engine {
 
 namespace {
 
-// Calls of this thread that are inside an engine. A device may call Stop from within a call that the engine
-// has made to it; Stop then must not wait for the very call it runs in.
-thread_local int t_callsOfThisThread = 0;
-
-// A device decides how often a worker is started. More than two at a time mean that it does not keep to the
+// A device decides how often it says "READY". More than two workers at a time mean that it does not keep to the
 // protocol.
-constexpr int kMostWorkers = 8;
+constexpr int kMostRepeatedWorkers = 8;
+
+// A new transaction gets its worker even if earlier ones hang in their last point write.
+constexpr int kMostWorkers = 64;
 
 }  // namespace
 
 KyEngineThreads::Call::Call(KyEngineThreads& threads, Admission admission) : m_threads(threads) {
     KyRequestLock lock(threads.m_mutex);
     m_admitted = admission == ALWAYS || !threads.m_closed;
-    if (!m_admitted) return;
-    ++threads.m_calls;
-    ++t_callsOfThisThread;
+    if (m_admitted) ++threads.m_calls;
 }
 
 KyEngineThreads::Call::~Call() {
     if (!m_admitted) return;
     KyRequestLock lock(m_threads.m_mutex);
     --m_threads.m_calls;
-    --t_callsOfThisThread;
     pthread_cond_broadcast(&m_threads.m_changed);
 }
 
 KyEngineThreads::KyEngineThreads() {
-    pthread_cond_init(&m_changed, nullptr);
+    InitCondition(m_changed);
 }
 
 KyEngineThreads::~KyEngineThreads() {
     pthread_cond_destroy(&m_changed);
 }
 
-int KyEngineThreads::Start(Kind kind, void* (*entry)(void*), void* argument, unsigned long long transaction,
-                           pthread_t& handle) {
+int KyEngineThreads::Start(Kind kind, const char* name, pthread_t& handle, std::function<void()> body) {
+    const int error = Launch(kind, name, handle, std::move(body));
+    if (error != 0 && error != ESHUTDOWN) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "StartThread", "Could not start thread(%s) error(%d)", name,
+                        error);
+    }
+    return error;
+}
+
+int KyEngineThreads::Launch(Kind kind, const char* name, pthread_t& handle, std::function<void()> body) {
+    if (!body) return ENOMEM;
     KyRequestLock lock(m_mutex);
     if (m_closed) return ESHUTDOWN;
-    if (kind == WORKER && m_runningWorkers.load() >= kMostWorkers) return EAGAIN;
+    const int most = kind == WORKER ? kMostWorkers : kMostRepeatedWorkers;
+    if (kind != MONITOR && m_runningWorkers.load() >= most) return EAGAIN;
     JoinEnded();
-    // In the list before it exists, so that a thread once started cannot get lost for want of memory.
+    // In the list before it exists, so that a started thread cannot get lost when memory runs out.
     try {
-        m_threads.push_back(Thread{kind, pthread_t(), transaction, false});
+        m_threads.push_back(Thread{this, kind, name, std::move(body), pthread_t(), false});
     } catch (const std::bad_alloc&) {
         return ENOMEM;
     }
-    const int error = pthread_create(&m_threads.back().handle, nullptr, entry, argument);
+    const int error = pthread_create(&m_threads.back().handle, nullptr, Run, &m_threads.back());
     if (error != 0) {
         m_threads.pop_back();
         return error;
     }
-    if (kind == WORKER) m_runningWorkers.fetch_add(1);
+    if (kind != MONITOR) m_runningWorkers.fetch_add(1);
     handle = m_threads.back().handle;
     return 0;
 }
 
-KyEngineThreads::Thread* KyEngineThreads::FindThisThread() {
-    for (Thread& thread : m_threads) {
-        if (!thread.ended && pthread_equal(thread.handle, pthread_self()) != 0) return &thread;
-    }
+void* KyEngineThreads::Run(void* argument) {
+    auto* const thread = static_cast<Thread*>(argument);
+    // Cuts a name that is too long; pthread_setname_np() refuses it.
+    prctl(PR_SET_NAME, thread->name);
+    thread->body();
+    KyEngineThreads& owner = *thread->owner;
+    KyRequestLock lock(owner.m_mutex);
+    thread->ended = true;
+    if (thread->kind != MONITOR) owner.m_runningWorkers.fetch_sub(1);
+    pthread_cond_broadcast(&owner.m_changed);
     return nullptr;
 }
 
-unsigned long long KyEngineThreads::TransactionOfThisThread(unsigned long long otherwise) {
-    KyRequestLock lock(m_mutex);
-    const Thread* thread = FindThisThread();
-    return thread == nullptr ? otherwise : thread->transaction;
-}
-
-void KyEngineThreads::Leave() {
-    KyRequestLock lock(m_mutex);
-    Thread* thread = FindThisThread();
-    if (thread == nullptr) return;
-    thread->ended = true;
-    if (thread->kind == WORKER) m_runningWorkers.fetch_sub(1);
-    pthread_cond_broadcast(&m_changed);
-}
-
-bool KyEngineThreads::WorkerRunning(unsigned long long transaction) {
-    KyRequestLock lock(m_mutex);
-    return std::any_of(m_threads.begin(), m_threads.end(), [transaction](const Thread& thread) {
-        return thread.kind == WORKER && thread.transaction == transaction && !thread.ended;
-    });
-}
-
 void KyEngineThreads::Close() {
-    KyRequestLock lock(m_mutex);
-    m_closed = true;
-    while (m_calls > t_callsOfThisThread)
-        pthread_cond_wait(&m_changed, m_mutex.Native());
-}
-
-bool KyEngineThreads::OthersRunning() {
-    const Thread* own = FindThisThread();
-    for (const Thread& thread : m_threads) {
-        if (!thread.ended && &thread != own) return true;
+    {
+        KyRequestLock lock(m_mutex);
+        m_closed = true;
     }
-    return false;
+    Await(&KyEngineThreads::NoCalls);
 }
 
 void KyEngineThreads::JoinAll() {
+    Await(&KyEngineThreads::AllEnded);
     KyRequestLock lock(m_mutex);
-    while (OthersRunning())
-        pthread_cond_wait(&m_changed, m_mutex.Native());
     JoinEnded();
+}
+
+// A monitor needs a second to end. What takes longer is a call of the proxy.
+void KyEngineThreads::Await(Condition condition) {
+    constexpr unsigned int kPatienceMs = 1500;
+    {
+        KyRequestLock lock(m_mutex);
+        int error = 0;
+        while (error == 0 && !(this->*condition)())
+            error = WaitFor(m_changed, m_mutex, kPatienceMs);
+        if ((this->*condition)()) return;
+    }
+    __dlog_printfex(KY_DLOG_WARNING, kSource, "Stop", "Waiting for a call of the device proxy to return");
+    KyRequestLock lock(m_mutex);
+    while (!(this->*condition)())
+        pthread_cond_wait(&m_changed, m_mutex.Native());
+}
+
+bool KyEngineThreads::AllEnded() const {
+    return std::all_of(m_threads.begin(), m_threads.end(), [](const Thread& thread) { return thread.ended; });
 }
 
 void KyEngineThreads::JoinEnded() {
@@ -119,8 +130,10 @@ void KyEngineThreads::JoinEnded() {
             ++thread;
             continue;
         }
-        // It has left and takes no lock any more: this wait is for its last instructions only.
+        // It takes no lock any more: this waits for its last instructions only.
         pthread_join(thread->handle, nullptr);
         thread = m_threads.erase(thread);
     }
 }
+
+}  // namespace ky_engine

@@ -4,22 +4,31 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <functional>
 #include <list>
+#include <utility>
 
 #include "engine/KyRequestMutex.h"
+#include "engine/KyTransaction.h"
 
-/// The threads that an engine has started, and the calls of others that are inside of it: what has to end
-/// before the engine can.
+namespace ky_engine {
+
+/// The threads of an engine, and the calls of others that are inside of it: both have to end before the engine
+/// can.
 ///
-/// It is open when constructed and closed by Close, for ever. A thread is in the list from its start until it
-/// has been joined, which happens when the next one starts or in JoinAll; it announces its end with Leave.
-/// All operations may be called from any thread. Its mutex is taken last: nothing is called with it held.
+/// It is open when constructed and closed for ever by Close. A thread is in the list from its start until it
+/// has been joined, which the next start or JoinAll does. All operations may be called from any thread. The
+/// mutex is a leaf: nothing is called with it held.
 class KyEngineThreads {
 public:
-    enum Kind { MONITOR, WORKER };
+    enum Kind {
+        MONITOR,
+        WORKER,           ///< the first one of its transaction
+        REPEATED_WORKER,  ///< a further one, which the device has asked for
+    };
 
-    /// A call of a user into the engine that may reach the device. Close waits for it to end. It converts to
-    /// false, and the call must do nothing, once the engine has been closed.
+    /// A call of a user that may reach the device. Close waits for it. It converts to false, and the call must
+    /// do nothing, once the engine has been closed.
     class Call {
     public:
         enum Admission { UNLESS_CLOSED, ALWAYS };
@@ -40,44 +49,51 @@ public:
     KyEngineThreads(const KyEngineThreads&) = delete;
     KyEngineThreads& operator=(const KyEngineThreads&) = delete;
 
-    /// Joins the threads that have ended and starts one with default attributes.
+    /// Starts a thread that names itself, calls `work` with its own copy of `job`, and marks its own end. The
+    /// work must not throw.
     ///
-    /// @param handle  gets the new thread's handle; untouched on failure
-    /// @return 0, or an error number: ESHUTDOWN after Close, EAGAIN if too many workers run already,
-    ///         otherwise pthread_create's
-    int Start(Kind kind, void* (*entry)(void*), void* argument, unsigned long long transaction,
-              pthread_t& handle);
+    /// @param name    cut to 15 characters by the kernel; must be a literal
+    /// @param handle  gets the thread's handle; untouched on failure
+    /// @return 0, or an error number, which is logged: ESHUTDOWN after Close, EAGAIN if too many workers run
+    ///         (8 for a repeated one, 64 for the first of its transaction), otherwise pthread_create's
+    template <typename Work>
+    int Start(Kind kind, const char* name, pthread_t& handle, const Transaction& job, Work work) {
+        std::function<void()> body;
+        try {
+            body = [job, work] { work(job); };
+        } catch (...) {
+            // Without a body there is no memory for it.
+        }
+        return Start(kind, name, handle, std::move(body));
+    }
 
-    /// The transaction that the calling thread was started for, or `otherwise` if it is none of these
-    /// threads.
-    unsigned long long TransactionOfThisThread(unsigned long long otherwise);
-
-    /// The last thing that one of these threads does: it touches neither this object nor the engine
-    /// afterwards. Does nothing in another thread.
-    void Leave();
-
-    /// True while a worker has been started and has not called Leave.
+    /// True while a worker has been started and its body has not ended.
     bool WorkerRunning() const { return m_runningWorkers.load() > 0; }
 
-    /// The same for a worker that was started for this transaction.
-    bool WorkerRunning(unsigned long long transaction);
-
-    /// Admits no further threads and calls, and waits until the calls of other threads have ended.
+    /// Admits no further threads and calls, and waits until the calls under way have ended.
     void Close();
 
-    /// Waits until all threads have ended, the calling one excepted, and joins them.
+    /// Waits until all threads have ended, and joins them.
     void JoinAll();
 
 private:
     struct Thread {
+        KyEngineThreads* owner;
         Kind kind;
+        const char* name;
+        std::function<void()> body;
         pthread_t handle;
-        unsigned long long transaction;
         bool ended;
     };
 
-    Thread* FindThisThread() KY_REQUIRES(m_mutex);
-    bool OthersRunning() KY_REQUIRES(m_mutex);
+    static void* Run(void* thread);
+    int Start(Kind kind, const char* name, pthread_t& handle, std::function<void()> body);
+    int Launch(Kind kind, const char* name, pthread_t& handle, std::function<void()> body);
+    using Condition = bool (KyEngineThreads::*)() const;
+
+    void Await(Condition condition);
+    bool NoCalls() const KY_REQUIRES(m_mutex) { return m_calls == 0; }
+    bool AllEnded() const KY_REQUIRES(m_mutex);
     void JoinEnded() KY_REQUIRES(m_mutex);
 
     KyRequestMutex m_mutex;
@@ -87,5 +103,7 @@ private:
     int m_calls KY_GUARDED_BY(m_mutex) = 0;
     bool m_closed KY_GUARDED_BY(m_mutex) = false;
 };
+
+}  // namespace ky_engine
 
 #endif

@@ -2,6 +2,8 @@
 
 #include <sched.h>
 
+namespace ky_engine {
+
 namespace {
 
 // A poll holds the mutex for some microseconds; a thread that sleeps in the kernel is back after fifty or
@@ -44,3 +46,5 @@ void KyRequestMutex::LockBehindOthers() {
 void KyRequestMutex::Unlock() {
     pthread_mutex_unlock(&m_mutex);
 }
+
+}  // namespace ky_engine

@@ -7,6 +7,8 @@
 
 #include "engine/KyThreadAnnotations.h"
 
+namespace ky_engine {
+
 /// The engine's mutex: a plain, non-recursive one, with a gate in front of it for threads that take it again
 /// and again.
 ///
@@ -67,5 +69,7 @@ public:
 private:
     KyRequestMutex& m_mutex;
 };
+
+}  // namespace ky_engine
 
 #endif

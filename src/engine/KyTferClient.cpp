@@ -1,266 +1,307 @@
-// Lifecycle: construction, binding to a device, negotiation of the transport, stopping.
 #include "engine/KyTferClient.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <sys/prctl.h>
 
-#include <cerrno>
-#include <cstring>
 #include <mutex>
 
+#include "engine/KyDevicePoints.h"
+#include "engine/KyDirectoryFetch.h"
+#include "engine/KyEngineThreads.h"
+#include "engine/KyEngineTime.h"
+#include "engine/KyFileFetch.h"
+#include "engine/KyFilePush.h"
+#include "engine/KyFlagFiles.h"
+#include "engine/KyModuleSearch.h"
+#include "engine/KyNegotiation.h"
+#include "engine/KyRefusal.h"
 #include "engine/KyTferClientConstants.h"
+#include "engine/KyTferClientMembers.h"
+#include "engine/KyTransactionRecord.h"
+#include "engine/KyTransferMonitor.h"
+#include "engine/KyValueChanges.h"
 #include "platform/KyDlog.h"
 #include "platform/tal_fileutils.h"
 
 using namespace ky_engine;
+using Call = KyEngineThreads::Call;
 
-std::string KyTferClient::s_sorLandingDir;
-std::string KyTferClient::s_downloadDir;
+/// The parts of the engine. Each is given those before it that it needs.
+struct KyTferClient::Engine {
+    KyTferClientMembers members;
+    KyEngineThreads threads;
+    KyDevicePoints points{members.m_pldProxy, members.m_deviceId, members.m_maiMmIdx};
+    KyTransactionRecord record{members};
+    KyTransferMonitor monitor{record, members.m_transactionActive};
+    KyFileFetch fetch{points, record, threads, monitor, members};
+    KyFilePush push{points, record, threads, members};
+    KyDirectoryFetch directory{points, record, threads, monitor, fetch, members};
+    KyValueChanges changes{points, record, fetch, directory, members};
+    KyModuleSearch search{points, members.m_maiMmIdx, members.m_stopRequested};
+    KyNegotiation negotiation{points, members};
 
-namespace {
+    // Held while a request is accepted and sent to the device, so that nothing comes in between. Taken before all
+    // other locks.
+    std::mutex conversation;
 
-constexpr char kDmpSupportedFile[] = "/var/tmp/dmp/dmp_supported";
-constexpr char kUsbForceFsFile[] = "/var/tmp/dmp/usb_force_fs";
+    void MakeDirectories() const;
 
-constexpr unsigned int kClientVersion = 1;
-constexpr unsigned int kClientMaxFileSize = 307200;
-constexpr unsigned int kFastestFullSpeed = 2;
-
-// Guards the directories, which belong to the class: one engine's Init may meet another engine's fetch.
-std::mutex g_directoriesMutex;
-
-// The flag files lie where others may write: a symbolic link there is not followed, and a FIFO does not make
-// us wait for its reader.
-void CreateFlagFile(const char* path, const char* function) {
-    const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0666);
-    if (fd >= 0) {
-        close(fd);
-        return;
+    // What all requests have in common: they are refused without a device and after Stop, Stop waits for them,
+    // and they keep what may be thrown from their caller. `request` fills the result that is given to it.
+    template <typename Request>
+    KyTferStatusMsg Admit(const char* function, Request request) {
+        KyTferStatusMsg result(512);
+        const Call call(threads);
+        if (!call || !members.m_initialized || members.m_pldProxy == nullptr) {
+            Refuse(result, function, kNotInitialized);
+            return result;
+        }
+        try {
+            request(result);
+        } catch (...) {
+            Refuse(result, function, kOutOfMemory);
+        }
+        return result;
     }
-    const int error = errno;
-    __dlog_printfex(KY_DLOG_ERROR, kSource, function, "Error creating '%s' (%d: %s)", path, error,
-                    strerror(error));
-}
+};
 
-void RemoveFlagFile(const char* path, const char* function) {
-    if (unlink(path) == 0) return;
-    const int error = errno;
-    struct stat info = {};
-    if (stat(path, &info) != 0) return;
-    __dlog_printfex(KY_DLOG_ERROR, kSource, function, "Error deleting '%s' (%d: %s)", path, error,
-                    strerror(error));
-}
-
-}  // namespace
-
-KyTferClient::KyTferClient() : m_status(512) {
-    m_status.SetStatus(KyTferStatusMsg::TFER_STATUS_NONE);
-}
+KyTferClient::KyTferClient() : m_engine(std::make_unique<Engine>()) {}
 
 KyTferClient::~KyTferClient() {
     KyTferClient::Stop();
-    FreeListings();
 }
 
+// --- Life of the engine
+
 int KyTferClient::Init(unsigned short deviceId, KyPldProxy* proxy) {
-    KyEngineThreads::Call call(m_threads, KyEngineThreads::Call::ALWAYS);
-    m_deviceId = deviceId;
-    m_pldProxy = proxy;
+    KyTferClientMembers& members = m_engine->members;
+    const Call call(m_engine->threads, Call::ALWAYS);
+    members.m_deviceId = deviceId;
+    members.m_pldProxy = proxy;
     __dlog_printfex(KY_DLOG_TRACE, kSource, "Init", "Enter");
-    m_physicalSlot = 1;
+    members.m_physicalSlot = 1;
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "Init", "Monitoring card is in physical slot #%d",
-                    m_physicalSlot);
+                    members.m_physicalSlot);
     int status = kNoMemory;
     try {
-        FindModule();
+        m_engine->search.Run();
         __dlog_printfex(KY_DLOG_NOTICE, kSource, "Init",
-                        "MAI multi-module index (1-based) that we will use: %d", m_maiMmIdx.load());
-        SetDirectories();
-        if (m_requestMutex.CreationError() != 0) {
+                        "MAI multi-module index (1-based) that we will use: %d", members.m_maiMmIdx.load());
+        m_engine->MakeDirectories();
+        const int error = members.m_requestMutex.CreationError();
+        if (error != 0) {
             __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "error initializing request mutex. error=%d",
-                            m_requestMutex.CreationError());
+                            error);
         }
-        status = Negotiate();
+        status = m_engine->negotiation.Run(m_engine->record.XferFileSize());
     } catch (...) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "%s", kOutOfMemory);
     }
-    m_initialized = true;
+    members.m_initialized = true;
     return status;
 }
 
-void KyTferClient::SetDirectories() {
-    const std::string id = std::to_string(m_deviceId.load());
+void KyTferClient::Engine::MakeDirectories() const {
+    const std::string id = std::to_string(members.m_deviceId.load());
     const std::string landing = std::string(kPldServerDir) + "/" + id + "/";
     const std::string download = landing + "tferFiles" + "/";
-    {
-        std::lock_guard<std::mutex> lock(g_directoriesMutex);
-        s_sorLandingDir = landing;
-        s_downloadDir = download;
-    }
+    KyTferClientMembers::SetDirectories(landing, download);
     tal_fileutils::MakeDirPath(download, 0777, true);
     tal_fileutils::MakeDirPath(landing + id + "/", 0777, true);
 }
 
-int KyTferClient::Negotiate() {
-    unsigned int minVersion = 0;
-    const int status = ReadPoint(minVersion, PNT_SERVER_MIN_VERSION);
-    if (status != 0) return ProbeUsb(status);
-    m_serverMinVersion = minVersion;
-    return NegotiateSorrel485();
+void KyTferClient::Stop() {
+    KyTferClientMembers& members = m_engine->members;
+    members.m_transactionActive = false;
+    members.m_stopRequested = true;
+    m_engine->threads.Close();
+    // A request that was on its way when the flag was cleared may have set it again. None is any more.
+    members.m_transactionActive = false;
+    m_engine->record.WakeMonitors();
+    m_engine->threads.JoinAll();
 }
 
-// A step that fails is logged and the sequence goes on; only the last write's status is the result.
-int KyTferClient::NegotiateSorrel485() {
-    SetDmpSupported(false);
-    int status = ReadPoint(m_serverMaxVersion, PNT_SERVER_MAX_VERSION);
-    if (status != 0) {
-        __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "Could not get server max version. status(%d)",
-                        status);
-    }
-    status = ReadPoint(m_serverMaxFileSize, PNT_SERVER_MAX_FILE_SIZE);
-    if (status != 0) {
-        __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "Could not get server max file size. status(%d)",
-                        status);
-    }
-    status = WritePoint(kClientVersion, PNT_CLIENT_MIN_VERSION);
-    if (status != 0) {
-        __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "Could not set client min version. status(%d)",
-                        status);
-    }
-    status = WritePoint(kClientVersion, PNT_CLIENT_MAX_VERSION);
-    if (status != 0) {
-        __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "Could not set client max version. status(%d)",
-                        status);
-    }
-    status = WritePoint(kClientMaxFileSize, PNT_CLIENT_MAX_FILE_SIZE);
-    if (status != 0) {
-        __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "Could not set client max file size. status(%d)",
-                        status);
-    }
-    status = WritePoint(XferFileSize(), PNT_XFER_FILE_SIZE);
-    if (status != 0) {
-        __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "Could not set client max file size. status(%d)",
-                        status);
-    }
-    TraceLimits();
-    SendString(kRequestNone, PNT_CLIENT_FILE_REQ);
-    __dlog_printfex(KY_DLOG_NOTICE, kSource, "Init", "download dir is(%s)",
-                    GetHmiDownloadDirectory().c_str());
-    return status;
+void KyTferClient::SetPollPause(unsigned int milliseconds) {
+    m_engine->monitor.SetPause(milliseconds);
 }
 
-unsigned int KyTferClient::XferFileSize() {
-    KyRequestLock lock(m_requestMutex);
-    return m_xferFileSize;
+// --- Requests and status
+
+KyTferStatusMsg KyTferClient::GetFileFromDevRequest(const std::string& fileName, int fileSize) {
+    static constexpr char kFunction[] = "GetFileFromDevRequest";
+    return m_engine->Admit(kFunction, [&](KyTferStatusMsg& result) {
+        const std::lock_guard<std::mutex> turn(m_engine->conversation);
+        if (!m_engine->fetch.Request(fileName, static_cast<unsigned int>(fileSize), result))
+            Refuse(result, kFunction, kInProgress);
+    });
 }
 
-void KyTferClient::TraceLimits() const {
-    __dlog_printfex(KY_DLOG_TRACE, kSource, "Init", "Server Min Supported Version(%d)",
-                    static_cast<int>(m_serverMinVersion.load()));
-    __dlog_printfex(KY_DLOG_TRACE, kSource, "Init", "Server Max Supported Version(%d)",
-                    static_cast<int>(m_serverMaxVersion.load()));
-    __dlog_printfex(KY_DLOG_TRACE, kSource, "Init", "Server Max Supported File Size(%d)",
-                    static_cast<int>(m_serverMaxFileSize.load()));
-    __dlog_printfex(KY_DLOG_TRACE, kSource, "Init", "Client Min Supported Version(%d)",
-                    static_cast<int>(kClientVersion));
-    __dlog_printfex(KY_DLOG_TRACE, kSource, "Init", "Client Max Supported Version(%d)",
-                    static_cast<int>(kClientVersion));
-    __dlog_printfex(KY_DLOG_TRACE, kSource, "Init", "Client Max Supported File Size(%d)",
-                    static_cast<int>(kClientMaxFileSize));
+KyTferStatusMsg KyTferClient::PutFileToDevRequest(const std::string& directory, const std::string& fileName) {
+    return m_engine->Admit("PutFileToDevRequest", [&](KyTferStatusMsg& result) {
+        m_engine->push.Request(directory, fileName, result);
+    });
 }
 
-int KyTferClient::ProbeUsb(int minVersionStatus) {
-    __dlog_printfex(KY_DLOG_NOTICE, kSource, "Init",
-                    "Could not get server min version (status=%d). Sorrel 485 transport not supported.",
-                    minVersionStatus);
-    unsigned int dmpSupported = 0;
-    int status = ReadPoint(dmpSupported, PNT_DMP_SUPPORTED);
-    if (status != 0) {
-        __dlog_printfex(KY_DLOG_NOTICE, kSource, "Init",
-                        "Could not get server DMP support flag (status=%d). USB transport not supported.",
-                        status);
-        SetDmpSupported(false);
-        return status;
-    }
-    if (dmpSupported != 1) {
-        __dlog_printfex(KY_DLOG_NOTICE, kSource, "Init", "Server explicitly indicates DMP is NOT supported.");
-        SetDmpSupported(false);
-        return 0;
-    }
-    unsigned int maxUsbSpeed = 0;
-    status = ReadPoint(maxUsbSpeed, PNT_MAX_USB_SPEED);
-    if (status != 0) {
-        __dlog_printfex(KY_DLOG_NOTICE, kSource, "Init",
-                        "Could not get server Max USB Speed (status=%d). USB transport not supported.",
-                        status);
-        SetDmpSupported(false);
-        return status;
-    }
-    SetDmpSupported(true);
-    PublishUsbSpeed(maxUsbSpeed);
-    return 0;
+KyTferStatusMsg KyTferClient::GetDirectoryFromDevRequest() {
+    static constexpr char kFunction[] = "GetDirectoryFromDevRequest";
+    return m_engine->Admit(kFunction, [&](KyTferStatusMsg& result) {
+        const std::lock_guard<std::mutex> turn(m_engine->conversation);
+        if (!m_engine->directory.Request(result)) Refuse(result, kFunction, kInProgress);
+    });
 }
 
-void KyTferClient::PublishUsbSpeed(unsigned int maxUsbSpeed) {
-    if (maxUsbSpeed <= kFastestFullSpeed) {
-        __dlog_printfex(KY_DLOG_NOTICE, kSource, "Init",
-                        "Server indicates DMP is supported at Full Speed (12 Mbit/s) or lower.");
-        CreateFlagFile(kUsbForceFsFile, "Init");
-    } else {
-        __dlog_printfex(KY_DLOG_NOTICE, kSource, "Init",
-                        "Server indicates DMP is supported at High Speed (480 Mbit/s) or greater.");
-        RemoveFlagFile(kUsbForceFsFile, "Init");
+KyTferStatusMsg KyTferClient::GetStatus(const std::string& /*transactionId*/) {
+    try {
+        return m_engine->record.Copy();
+    } catch (...) {
+        KyTferStatusMsg result(512);
+        Fail(result, kOutOfMemory);
+        return result;
+    }
+}
+
+void KyTferClient::CancelTransaction(const std::string& transactionId) {
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, "CancelTransaction", "Cancel transaction (%s)",
+                    transactionId.c_str());
+}
+
+// The record is ended first, at once. The device is told in turn with requests, and only if none has begun since.
+KyTferStatusMsg KyTferClient::AbandonTransaction(const std::string& reason) {
+    static constexpr char kFunction[] = "AbandonTransaction";
+    return m_engine->Admit(kFunction, [&](KyTferStatusMsg& result) {
+        const std::string text = reason.empty() ? kCancelled : kCancelled + (": " + reason);
+        const auto abandoned = m_engine->record.Abandon(text, result);
+        if (!abandoned.any) return;
+        __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "%s", text.c_str());
+        m_engine->points.AbortTransfer();
+        if (!abandoned.unanswered) return;
+        const std::lock_guard<std::mutex> turn(m_engine->conversation);
+        if (m_engine->record.IsCurrent(abandoned.number))
+            m_engine->points.Send(kRequestNone, PNT_CLIENT_FILE_REQ);
+    });
+}
+
+void KyTferClient::CreateDirectoryFromFile(const std::string& path) {
+    try {
+        m_engine->directory.CreateDirectoryFromFile(path);
+    } catch (...) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "CreateDirectoryFromFile", "%s", kOutOfMemory);
+    }
+}
+
+bool KyTferClient::WorkerRunning() const {
+    return m_engine->threads.WorkerRunning();
+}
+
+// --- The device
+
+void KyTferClient::DataChange(const KyValChgInfo& info) {
+    try {
+        m_engine->changes.Take(info);
+    } catch (...) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "DataChange", "%s", kOutOfMemory);
     }
 }
 
 void KyTferClient::SetDmpSupported(bool supported) {
-    if (supported) {
-        CreateFlagFile(kDmpSupportedFile, "SetDmpSupported");
-    } else {
-        RemoveFlagFile(kDmpSupportedFile, "SetDmpSupported");
-    }
+    ky_engine::SetDmpSupported(supported);
 }
+
+int KyTferClient::MaiStringSend(const std::string& value, unsigned short pointId) {
+    const Call call(m_engine->threads);
+    return call ? m_engine->points.Send(value, pointId) : kStopped;
+}
+
+int KyTferClient::MaiStringGet(std::string& value, unsigned short pointId) {
+    const Call call(m_engine->threads);
+    return call ? m_engine->points.ReadText(value, pointId, m_engine->members.m_maiMmIdx) : kStopped;
+}
+
+bool KyTferClient::AcquireMaiMmIdx() {
+    const Call call(m_engine->threads);
+    return call && m_engine->search.Run();
+}
+
+bool KyTferClient::SleepUnlessStopped(unsigned int seconds, std::atomic<bool>& stop) {
+    return ky_engine::SleepUnlessStopped(seconds, stop);
+}
+
+// --- What Init has found
 
 bool KyTferClient::IsTferProtocolSupported() const {
-    return m_serverMinVersion != 0 && m_serverMaxVersion != 0;
-}
-
-std::string KyTferClient::LandingDirectory() {
-    std::lock_guard<std::mutex> lock(g_directoriesMutex);
-    return s_sorLandingDir;
-}
-
-std::string KyTferClient::DownloadDirectory() {
-    std::lock_guard<std::mutex> lock(g_directoriesMutex);
-    return s_downloadDir;
+    return m_engine->members.m_serverMinVersion != 0 && m_engine->members.m_serverMaxVersion != 0;
 }
 
 std::string KyTferClient::GetHmiDownloadDirectory() {
     std::string directory;
     try {
-        directory = DownloadDirectory();
+        directory = KyTferClientMembers::DownloadDirectory();
     } catch (...) {
         return directory;
     }
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "GetHmiDownloadDirectory", "%p - %s",
-                    static_cast<void*>(&s_downloadDir), directory.c_str());
+                    KyTferClientMembers::DownloadDirectoryAddress(), directory.c_str());
     return directory;
 }
 
 std::string KyTferClient::GetCardReceiveFileDirectory() {
     try {
-        return LandingDirectory();
+        return KyTferClientMembers::LandingDirectory();
     } catch (...) {
         return std::string();
     }
 }
 
-void KyTferClient::Stop() {
-    m_transactionActive = false;
-    m_stopRequested = true;
-    m_threads.Close();
-    // A request that was on its way when the flag was cleared may have set it again; none is any more.
-    m_transactionActive = false;
-    m_threads.JoinAll();
+// --- Bodies and entries of the engine's threads
+
+namespace {
+
+void* RunAs(const char* name, void* engine, void (KyTferClient::*body)()) {
+    if (engine == nullptr) return nullptr;
+    prctl(PR_SET_NAME, name);
+    (static_cast<KyTferClient*>(engine)->*body)();
+    return nullptr;
+}
+
+}  // namespace
+
+void KyTferClient::GetFileFromDevice() {
+    const Call call(m_engine->threads);
+    if (call) m_engine->fetch.GetFileFromDevice();
+}
+
+void KyTferClient::MonitorGetFileRequest() {
+    m_engine->monitor.WatchCurrent(Transaction::FETCH);
+}
+
+void KyTferClient::PutFileToDevice() {
+    const Call call(m_engine->threads);
+    if (call) m_engine->push.PutFileToDevice();
+}
+
+void KyTferClient::MonitorPutFileRequest() {
+    m_engine->monitor.HoldForPush();
+}
+
+void KyTferClient::MonitorGetDirRequest() {
+    m_engine->monitor.WatchCurrent(Transaction::LISTING);
+}
+
+void* KyTferClient::GetFileFromDevThreadStart(void* engine) {
+    return RunAs("t-getFileWorker", engine, &KyTferClient::GetFileFromDevice);
+}
+
+void* KyTferClient::MonitorGetFileThreadStart(void* engine) {
+    return RunAs("t-getFileMonitor", engine, &KyTferClient::MonitorGetFileRequest);
+}
+
+void* KyTferClient::PutFileToDevThreadStart(void* engine) {
+    return RunAs("t-putDevFileWorker", engine, &KyTferClient::PutFileToDevice);
+}
+
+void* KyTferClient::MonitorPutFileThreadStart(void* engine) {
+    return RunAs("t-putFileMonitor", engine, &KyTferClient::MonitorPutFileRequest);
+}
+
+void* KyTferClient::MonitorGetDirThreadStart(void* engine) {
+    return RunAs("t-getDirMonitor", engine, &KyTferClient::MonitorGetDirRequest);
 }

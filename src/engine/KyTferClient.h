@@ -1,30 +1,21 @@
 #ifndef ENGINE_KYTFERCLIENT_H
 #define ENGINE_KYTFERCLIENT_H
 
-#include <pthread.h>
-
 #include <atomic>
-#include <map>
+#include <memory>
 #include <string>
-#include <string_view>
 
-#include "engine/KyEngineThreads.h"
-#include "engine/KyRequestMutex.h"
-#include "engine/KyThreadAnnotations.h"
 #include "messages/KyTferExport.h"
 #include "messages/KyTferStatusMsg.h"
 #include "platform/KyPldProxy.h"
-#include "platform/KyTimerMgr.h"
 #include "platform/KyValChgInfo.h"
 
-class KyTferDirectory;
-
-/// The transfer engine: moves files between the card and one managed device, one transaction at a time, and
-/// keeps the state of that transaction as a status record.
+/// The transfer engine: moves files between the card and one managed device, and keeps the state of the
+/// transaction as a status record.
 ///
-/// States. Constructed, an engine does nothing. Init binds it to a device; from then on it takes requests and
-/// point changes. Stop ends its threads for good; after it only destruction is left, and a request is
-/// refused. The destructor stops an engine that was not stopped.
+/// States. A new engine does nothing. Init binds it to a device. From then on it takes requests and point
+/// changes; a request before Init has ended is refused. Stop ends its threads for good: after it requests are
+/// refused, and only destruction is left. The destructor stops an engine that was not stopped.
 ///
 /// A fetch. GetFileFromDevRequest records the transaction, starts a monitor and writes the file's name to the
 /// device's request point. When the device answers "READY", which reaches the engine through DataChange, a
@@ -32,23 +23,24 @@ class KyTferDirectory;
 /// and answers the device. The monitor meanwhile reports the size of the arriving file in the record, and
 /// ends the transaction when 180 seconds have passed. A fetch that its worker has completed stays complete.
 ///
-/// Threads. Requests, GetStatus, CancelTransaction and Stop may be called from any thread, requests one at a
-/// time. DataChange is called for one change after the other. Init is called once, before all others but
-/// Stop.
+/// Threads. All operations may be called from any thread, with these exceptions: Init is called once, before
+/// all others but Stop; DataChange is called for one change after the other; CreateDirectoryFromFile is called
+/// from one thread at a time. Requests that come at the same time take turns.
 ///
-/// Blocking. Init takes eight seconds at least, see there. Requests block for their point writes, as long as
-/// the proxy takes for them; GetStatus for some microseconds; Stop until the engine's threads have ended,
-/// which takes a second after a fetch in progress and, since the engine cannot interrupt the proxy, as long
-/// as a proxy call that is under way.
+/// Blocking. Init takes eight seconds at least. Requests block for their point writes, as long as the proxy
+/// takes for them. GetStatus blocks for some microseconds. Stop blocks until the engine's threads have ended:
+/// a second after a fetch in progress, and as long as a proxy call that is under way.
 ///
-/// Locks. `m_requestMutex` guards the status record and the name and size of the file in transfer. It is held
-/// for a few assignments or one `stat`, and never around a call of the proxy, a log line or the start of a
-/// thread. The lock of the thread list is taken inside of none.
+/// Locks. The status record has a lock of its own, which is held for a few assignments or one look at a file,
+/// and never around a call of the proxy, a log line or the start of a thread. Requests of fetches and listings,
+/// and abandoning, take turns with a second lock, which is held for their point writes.
 ///
-/// No operation throws. A proxy that throws is taken for one that failed.
+/// Memory. No operation throws; a transaction that cannot go on because memory runs out ends as failed. Only
+/// the constructor may throw std::bad_alloc. A proxy that throws is taken for one that failed.
 class KYTFER_EXPORT KyTferClient {
 public:
-    /// An engine without a device. Touches neither device nor file system.
+    /// An engine without a device. Touches neither device nor file system. Throws std::bad_alloc if memory runs
+    /// out.
     KyTferClient();
 
     /// Stops the engine if Stop was not called. Neither the device nor the flag files are touched.
@@ -56,6 +48,8 @@ public:
 
     KyTferClient(const KyTferClient&) = delete;
     KyTferClient& operator=(const KyTferClient&) = delete;
+
+    /// @{ @name Life of the engine
 
     /// Binds the engine to a device: finds the card's module index there, creates the card's directories and
     /// agrees with the device on a transport.
@@ -73,25 +67,102 @@ public:
 
     /// Ends the engine: its threads have ended when it returns, and so have the calls of other threads that
     /// may reach the proxy. The engine makes no further call to the proxy, unless Init is called after it.
-    /// Calling it again, or before Init, does no harm.
+    /// Calling it again, or before Init, does no harm. A wait of more than a second is logged: a call of the
+    /// proxy does not return.
     ///
-    /// A proxy may call Stop from within a call made to it; that one call is then not waited for.
+    /// Must not be called from within a call of the proxy: it would wait for that call for ever.
     void Stop();
+
+    /// Sets the pause between two polls of a monitor. Without a pause a monitor polls back to back, and keeps a
+    /// processor busy as long as its transaction takes. The pause ends at once when the worker has ended, the
+    /// transaction is abandoned or the engine stops, so it delays only what the monitor sees by itself: the
+    /// growth of the file, and the time limit.
+    ///
+    /// @param milliseconds  0, the default, for none
+    void SetPollPause(unsigned int milliseconds);
+
+    /// @}
+    /// @{ @name Requests and status
+
+    /// Asks the device for one of its files.
+    ///
+    /// @param fileName  the file's name on the device
+    /// @param fileSize  its size in bytes, taken as an unsigned number; a file that arrives with another size
+    ///                  has failed
+    /// @return a copy of the record, in progress, when the request is accepted; otherwise a separate record
+    ///         with TFER_STATUS_FAIL and the reason: a transaction is in progress, or there is no device
+    KyTferStatusMsg GetFileFromDevRequest(const std::string& fileName, int fileSize);
+
+    /// Hands a file of the card to the device. The file is consumed, whatever comes of it: it is moved into
+    /// the staging directory "/var/local/tal/pldserver", where it stays after the transfer, or removed if the
+    /// request fails. It must lie on that directory's file system.
+    ///
+    /// Blocks for at least a second, which the device needs between the file's size and its name. A push does
+    /// not ask whether another transaction is in progress, and no monitor watches it. Beside a fetch or a listing
+    /// each does its own job to the end and writes rows of its own: the record is that of the last writer.
+    ///
+    /// @param directory  directory of the file, without a "/" at its end
+    /// @param fileName   the file's name in it
+    /// @return a copy of the record: in progress, or failed with the reason. Without a device it is a
+    ///         separate record with TFER_STATUS_FAIL, and the file is left alone.
+    KyTferStatusMsg PutFileToDevRequest(const std::string& directory, const std::string& fileName);
+
+    /// Asks the device for a listing of its files. The file that it names in answer is fetched like any
+    /// other, within 60 seconds; when the record is complete, CreateDirectoryFromFile can read it.
+    ///
+    /// @return a copy of the record, in progress, when the request is accepted; otherwise a separate record
+    ///         with TFER_STATUS_FAIL and the reason: a transaction is in progress, the device did not take
+    ///         the request, or there is no device
+    KyTferStatusMsg GetDirectoryFromDevRequest();
+
+    /// A copy of the status record, all of it taken at one instant. There is one record, whatever the identifier.
+    /// If memory runs out, the record is a failed one with that text.
+    KyTferStatusMsg GetStatus(const std::string& transactionId);
+
+    /// Notes a wish to cancel in the log. The transaction goes on: see AbandonTransaction.
+    void CancelTransaction(const std::string& transactionId);
+
+    /// Ends what is in progress as failed, with the text "File transfer cancelled". The next request is accepted
+    /// at once. With nothing in progress, nothing changes; that is also so when the file has just come and is
+    /// being moved.
+    ///
+    /// A device that has not answered the request yet is told "NONE"; the device of a push is told nothing. A
+    /// proxy that can end a file call (KyPldProxy::AbortTransfer) does. Otherwise the worker runs on in it; then
+    /// it removes what it has landed, and changes neither the record nor the device's points. The file of a push
+    /// stays staged.
+    ///
+    /// Blocks for the point write, and for that of a request under way.
+    ///
+    /// @param reason  added to the text, after ": "; may be empty
+    /// @return a copy of the record
+    KyTferStatusMsg AbandonTransaction(const std::string& reason);
+
+    /// Reads a fetched listing file into a listing that the engine keeps under `path`. A listing that it has
+    /// under the very same path stays, and the new one is dropped. The engine keeps 16 listings until it is
+    /// destroyed; after that the one goes that was asked for longest ago. A file that cannot be read gives an empty
+    /// listing; one that is damaged gives the entries before the damage.
+    ///
+    /// Blocks for the reading of the file.
+    void CreateDirectoryFromFile(const std::string& path);
+
+    /// True while a worker has been started and has not returned. A service that waits for false before the
+    /// next request, and delivers the point changes until then, keeps the end of one transaction out of the
+    /// next.
+    bool WorkerRunning() const;
+
+    /// @}
+    /// @{ @name The device
+
+    /// Takes a change of one of the device's points. Called for every change, in their order and one at a
+    /// time; points that do not matter are ignored. May start a thread; does not wait for it.
+    ///
+    /// Devices report the card's own writes too. Such an echo of a size or a name is told from what the device
+    /// says by itself for two seconds after the write.
+    void DataChange(const KyValChgInfo& info);
 
     /// Tells the rest of the card whether the device supports the USB transport: creates or removes the flag
     /// file "/var/tmp/dmp/dmp_supported". A failure is logged. The directory is not created.
     void SetDmpSupported(bool supported);
-
-    /// True if Init has agreed on the Sorrel 485 transport with the device.
-    bool IsTferProtocolSupported() const;
-
-    /// The card's directory for files fetched from the device, with a "/" at its end; empty before the first
-    /// Init. The last Init of the process decides.
-    static std::string GetHmiDownloadDirectory();
-
-    /// The directory into which the proxy delivers files of the device, with a "/" at its end; empty before
-    /// the first Init. The last Init of the process decides.
-    static std::string GetCardReceiveFileDirectory();
 
     /// Writes a string point of the device: the empty string first and then the value, so that the device
     /// sees a change even if it is the value that the point has. Blocks for both writes.
@@ -120,251 +191,54 @@ public:
     /// @return true after the whole time; false if `stop` was or became true
     static bool SleepUnlessStopped(unsigned int seconds, std::atomic<bool>& stop);
 
-    /// Takes a change of one of the device's points. Called for every change, in their order and one at a
-    /// time; points that do not matter are ignored. May start a thread; does not wait for it.
-    void DataChange(const KyValChgInfo& info);
+    /// @}
+    /// @{ @name What Init has found
 
-    /// A copy of the status record, all of it taken at one instant. The engine has one transaction at a time
-    /// and gives its record whatever the identifier. If memory runs out, the record is a failed one with that
-    /// text.
-    KyTferStatusMsg GetStatus(const std::string& transactionId);
+    /// True if Init has agreed on the Sorrel 485 transport with the device.
+    bool IsTferProtocolSupported() const;
 
-    /// Notes in the log that somebody wishes to cancel. The transaction goes on.
-    void CancelTransaction(const std::string& transactionId);
+    /// The card's directory for files fetched from the device, with a "/" at its end; empty before the first
+    /// Init. The last Init of the process decides.
+    static std::string GetHmiDownloadDirectory();
 
-    /// Asks the device for one of its files.
+    /// The directory into which the proxy delivers files of the device, with a "/" at its end; empty before
+    /// the first Init. The last Init of the process decides.
+    static std::string GetCardReceiveFileDirectory();
+
+    /// @}
+    /// @{ @name Bodies and entries of the engine's threads
     ///
-    /// @param fileName  the file's name on the device
-    /// @param fileSize  its size in bytes, taken as an unsigned number; a file that arrives with another size
-    ///                  has failed
-    /// @return a copy of the record, in progress, when the request is accepted; otherwise a separate record
-    ///         with TFER_STATUS_FAIL and the reason: a transaction is in progress, or there is no device
-    KyTferStatusMsg GetFileFromDevRequest(const std::string& fileName, int fileSize);
+    /// The engine runs the bodies itself, on threads of its own. Called by a user, a body works on the calling
+    /// thread for the transaction that is current. An entry names the calling thread and runs the body; its
+    /// argument is the KyTferClient, and it returns null.
 
-    /// Body of the worker: fetches the file that the record names. Runs on a thread of the engine.
+    /// Fetches the file of the current transaction.
     void GetFileFromDevice();
-
-    /// Entry of the worker's thread. @param engine the KyTferClient @return null
     static void* GetFileFromDevThreadStart(void* engine);
 
-    /// Body of the fetch monitor. Runs on a thread of the engine.
+    /// Watches the current fetch.
     void MonitorGetFileRequest();
-
-    /// Entry of the fetch monitor's thread. @param engine the KyTferClient @return null
     static void* MonitorGetFileThreadStart(void* engine);
 
-    /// Hands a file of the card to the device. The file is consumed, whatever comes of it: it is moved into
-    /// the staging directory "/var/local/tal/pldserver", where it stays after the transfer, or removed if the
-    /// request fails. It must lie on that directory's file system.
-    ///
-    /// Blocks for at least a second, which the device needs between the file's size and its name. A push does
-    /// not ask whether another transaction is in progress, shares its record, and is watched by no monitor.
-    ///
-    /// @param directory  directory of the file, without a "/" at its end
-    /// @param fileName   the file's name in it
-    /// @return a copy of the record: in progress, or failed with the reason. Without a device it is a
-    ///         separate record with TFER_STATUS_FAIL, and the file is left alone.
-    KyTferStatusMsg PutFileToDevRequest(const std::string& directory, const std::string& fileName);
-
-    /// Body of the push worker: pushes the file that the record names. Runs on a thread of the engine.
+    /// Hands the last push's file to the device.
     void PutFileToDevice();
-
-    /// Entry of the push worker's thread. @param engine the KyTferClient @return null
     static void* PutFileToDevThreadStart(void* engine);
 
-    /// Body of a push monitor, which knows nothing to look for: it holds the record in progress while a
-    /// transaction is active, up to 180 seconds, and fails it. No operation of the engine starts it.
+    /// Holds the record in progress while a transaction is active, up to 180 seconds, and fails it. The engine
+    /// never runs it: nobody watches a push.
     void MonitorPutFileRequest();
-
-    /// Entry of the push monitor's thread. @param engine the KyTferClient @return null
     static void* MonitorPutFileThreadStart(void* engine);
 
-    /// Asks the device for a listing of its files. The file that it names in answer is fetched like any
-    /// other, within 60 seconds; when the record is complete, CreateDirectoryFromFile can read it.
-    ///
-    /// @return a copy of the record, in progress, when the request is accepted; otherwise a separate record
-    ///         with TFER_STATUS_FAIL and the reason: a transaction is in progress, the device did not take
-    ///         the request, or there is no device
-    KyTferStatusMsg GetDirectoryFromDevRequest();
-
-    /// Body of the directory monitor. Runs on a thread of the engine.
+    /// Watches the current listing.
     void MonitorGetDirRequest();
-
-    /// Entry of the directory monitor's thread. @param engine the KyTferClient @return null
     static void* MonitorGetDirThreadStart(void* engine);
 
-    /// Reads a fetched listing file into a listing that the engine keeps under `path` for its whole life. A
-    /// listing that it has under the very same path already stays, and the new one is dropped. A file that
-    /// cannot be read gives an empty listing; one that is damaged gives the entries before the damage.
-    ///
-    /// Not to be called at the same time from two threads. Blocks for the reading of the file.
-    void CreateDirectoryFromFile(const std::string& path);
-
-    /// True while a worker has been started and has not returned. A service that waits for false before the
-    /// next request, and delivers the point changes until then, keeps the end of one transaction out of the
-    /// next.
-    bool WorkerRunning() const;
+    /// @}
 
 private:
-    struct FetchJob;
-    struct MonitorFlow;
-    struct PollResult;
+    struct Engine;
 
-    // Lifecycle and negotiation.
-    int Negotiate();
-    int NegotiateSorrel485();
-    int ProbeUsb(int minVersionStatus);
-    void PublishUsbSpeed(unsigned int maxUsbSpeed);
-    void SetDirectories();
-    static std::string LandingDirectory();
-    static std::string DownloadDirectory();
-    unsigned int XferFileSize();
-    void TraceLimits() const;
-
-    // Points.
-    int ReadPoint(unsigned int& value, unsigned short pointId);
-    int ReadPoint(std::atomic<unsigned int>& member, unsigned short pointId);
-    int WritePoint(unsigned int value, unsigned short pointId);
-    int SendString(const std::string& value, unsigned short pointId);
-    bool FindModule();
-    int WriteString(const char* value, unsigned short pointId);
-    void FetchThroughProxy(const std::string& name);
-    bool PushThroughProxy(const std::string& directory, const std::string& origName,
-                          const std::string& xferName);
-    int ReadString(std::string& value, unsigned short pointId, unsigned short mmIdx);
-    bool GetModuleCount(unsigned int& count);
-    bool SearchModules(unsigned int count, const std::string& mac);
-    bool ConfirmModule(unsigned short mmIdx, const std::string& mac);
-
-    // Value changes.
-    void FileNameChanged(const KyValChgInfo& info);
-    void FileSizeChanged(const KyValChgInfo& info);
-    void DmpSupportedChanged(const KyValChgInfo& info);
-    void FileRequestChanged(const KyValChgInfo& info);
-    void ActOnAnswer(const std::string& answer);
-    void DirectoryAnswered(const std::string& answer, unsigned long long transaction);
-
-    // Transactions.
-    template <typename Request>
-    KyTferStatusMsg Admit(const char* function, Request request);
-    static void Fail(KyTferStatusMsg& result, const char* reason);
-    static void Refuse(KyTferStatusMsg& result, const char* function, const char* reason);
-    unsigned long long BeginTransaction() KY_REQUIRES(m_requestMutex);
-    bool IsCurrent(unsigned long long transaction) const KY_REQUIRES(m_requestMutex);
-    // What puts texts into the record: all of them, or it throws std::bad_alloc and leaves the record as
-    // it was.
-    void Keep(KyTferStatusMsg& next) KY_REQUIRES(m_requestMutex);
-    void Accept(KyTferStatusMsg& next, KyTferStatusMsg& result) KY_REQUIRES(m_requestMutex);
-    void Record(KyTferStatusMsg::TferStatus status, std::string_view text) KY_REQUIRES(m_requestMutex);
-    void SetRequestType(KyTferStatusMsg::TferRequestType type) KY_REQUIRES(m_requestMutex);
-    unsigned long long TransactionOfThisThread();
-    void RunGuarded(void (KyTferClient::*body)());
-    void EndForWantOfMemory(bool isFetchWorker);
-    void RecordNoMemory(unsigned long long transaction) KY_REQUIRES(m_requestMutex);
-    void NoteUnwatched(unsigned long long transaction);
-    void StartFetchWorker(unsigned long long transaction, pthread_t& handle);
-    void EndUnwatched();
-    static void* RunThread(void* engine, const char* name, void (KyTferClient::*body)());
-
-    // Fetch.
-    void RequestFetch(const std::string& fileName, unsigned int fileSize, KyTferStatusMsg& result);
-    unsigned long long AcceptFetch(const std::string& fileName, unsigned int fileSize,
-                                   KyTferStatusMsg& result);
-    void FetchFile();
-    bool BeginFetch(FetchJob& job);
-    void EndFetch(const FetchJob& job);
-    void FetchedNothing(const FetchJob& job);
-    void FetchedWhole(const FetchJob& job);
-    void FetchedOtherSize(const FetchJob& job, unsigned long long size);
-    void RecordFailedFetch(const FetchJob& job, const std::string& text);
-    void RecordCompletedFetch(const FetchJob& job, const std::string& downloadDir, const std::string& text);
-    PollResult PollFetch(unsigned long long transaction) KY_REQUIRES(m_requestMutex);
-    void EndFetchByTime(unsigned long long transaction, bool afterTimeOut) KY_REQUIRES(m_requestMutex);
-
-    // Push.
-    void RequestPush(const std::string& directory, const std::string& fileName, KyTferStatusMsg& result);
-    void PushFile();
-    void HoldRecordForPush();
-    bool Stage(const std::string& sourcePath, const std::string& stagedPath, KyTferStatusMsg& result);
-    bool MeasureStaged(const std::string& stagedPath, unsigned int& size, KyTferStatusMsg& result);
-    void RecordFailedStaging(const std::string& text, KyTferStatusMsg& result);
-    unsigned long long AnnouncePush(const std::string& fileName, const std::string& stagedPath,
-                                    unsigned int size, KyTferStatusMsg& result);
-    unsigned long long RecordPush(const std::string& fileName, const std::string& xferName, bool accepted,
-                                  KyTferStatusMsg& result);
-    void RecordPushEnd(unsigned long long transaction, KyTferStatusMsg::TferStatus status, const char* text);
-    std::string NextTransferName();
-
-    // Directory.
-    bool IsInProgress();
-    void RequestDirectory(KyTferStatusMsg& result);
-    void RefuseDirectory(int status, KyTferStatusMsg& result);
-    unsigned long long RecordDirectoryRequest(KyTferStatusMsg& result);
-    PollResult PollDirectory(unsigned long long transaction) KY_REQUIRES(m_requestMutex);
-    void TimeOutDirectory() KY_REQUIRES(m_requestMutex);
-    void EndDirectoryByTime(unsigned long long transaction, bool afterTimeOut) KY_REQUIRES(m_requestMutex);
-    void FreeListings();
-
-    // Monitors.
-    void WatchFetch();
-    void WatchDirectory();
-    static long long WallClockSeconds();
-    static void LogStart(int level, const char* function, long long start, long long end);
-    static unsigned int CountOf(unsigned long long size);
-    static bool GetFileSize(const std::string& path, unsigned long long& size);
-    // True if a file of that name would not lie in the directory that the name is appended to. Such a file is
-    // taken for absent: a device that chooses names must not lead to the card's own files.
-    static bool LeavesDirectory(const std::string& name);
-    void Watch(const MonitorFlow& flow);
-    PollResult PollOnce(const MonitorFlow& flow, unsigned long long transaction, long long end);
-    static void LogPoll(const MonitorFlow& flow, const PollResult& result, unsigned int& sizeLogged);
-    void Describe(PollResult& result) const KY_REQUIRES(m_requestMutex);
-    void MeasureArrivingFile(PollResult& result) KY_REQUIRES(m_requestMutex);
-    PollResult RecordProgress(PollResult result, unsigned long long transaction, std::string_view arrivedText,
-                              const char* farewell) KY_REQUIRES(m_requestMutex);
-
-    static std::string s_sorLandingDir;
-    static std::string s_downloadDir;
-    static std::atomic<int> m_genPutFileName;  // number of the next pushed file's transfer name
-
-    std::atomic<bool> m_transactionActive{true};
-    std::atomic<bool> m_stopRequested{false};
-    std::atomic<bool> m_initialized{false};
-    std::atomic<unsigned short> m_deviceId{0};
-    std::atomic<unsigned int> m_serverMinVersion{0};
-    std::atomic<unsigned int> m_serverMaxVersion{0};
-    std::atomic<unsigned int> m_serverMaxFileSize{0};
-    std::string m_xferFileName KY_GUARDED_BY(m_requestMutex);
-    unsigned int m_xferFileSize KY_GUARDED_BY(m_requestMutex) = 0;
-    std::map<std::string, KyTferDirectory*> m_directoryMap;  // owned, by the path of the listing file
-    std::string m_currentRequest;                            // used by DataChange alone
-    std::atomic<unsigned short> m_maiMmIdx{0};
-    int m_physicalSlot = -1;
-    KyTimerMgr m_timerMgr;
-    unsigned short m_timerId = KyTimerMgr::INVALID_TIMER_ID;
-    std::atomic<KyPldProxy*> m_pldProxy{nullptr};  // not owned
-    KyTferStatusMsg m_status KY_GUARDED_BY(m_requestMutex);
-
-    // The last thread started of each kind; m_threads keeps those that have to be waited for.
-    pthread_t m_getDirMonitorThread{};
-    pthread_t m_getFileMonitorThread{};
-    pthread_t m_putFileMonitorThread{};
-    pthread_t m_dirFileFetchThread{};
-    pthread_t m_fileFetchThread{};
-    pthread_t m_putFileThread{};
-    KyRequestMutex m_requestMutex;
-
-    // The number of the transaction in the record, one higher with every accepted fetch or directory request.
-    // A thread whose transaction has another number is late: it changes neither record nor flag.
-    unsigned long long m_transaction KY_GUARDED_BY(m_requestMutex) = 1;
-    // The last transactions that their own workers completed and failed; 0 for none.
-    unsigned long long m_completedByWorker KY_GUARDED_BY(m_requestMutex) = 0;
-    unsigned long long m_failedByWorker KY_GUARDED_BY(m_requestMutex) = 0;
-    // The last transaction whose monitor could not be started; 0 for none.
-    unsigned long long m_unwatched KY_GUARDED_BY(m_requestMutex) = 0;
-    // The record's request type, for reading it without the mutex.
-    std::atomic<KyTferStatusMsg::TferRequestType> m_requestType{KyTferStatusMsg::TFER_REQ_NONE};
-    KyEngineThreads m_threads;
+    const std::unique_ptr<Engine> m_engine;
 };
 
 #endif

@@ -50,6 +50,10 @@ constexpr char kInProgress[] = "Transaction already in progress";
 constexpr char kTransferInProgress[] = "File transfer inprogress";
 constexpr char kTransferComplete[] = "File Transfer Complete";
 constexpr char kTimedOut[] = "File transfer Failed - timeout";
+constexpr char kListingRequested[] = "Directory listing has been requested";
+constexpr char kPushInProgress[] = "In Progress";
+constexpr char kRequestFailed[] = "Request failed";
+constexpr char kCancelled[] = "File transfer cancelled";
 constexpr char kNothingToReport[] = "In Progress - No progress to report";
 
 }  // namespace ky_engine

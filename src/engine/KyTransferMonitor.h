@@ -1,51 +1,46 @@
 #ifndef ENGINE_KYTRANSFERMONITOR_H
 #define ENGINE_KYTRANSFERMONITOR_H
 
-#include <string>
+#include <atomic>
 
-#include "engine/KyTferClient.h"
+#include "engine/KyTransactionRecord.h"
 
-/// What one poll has found. Polls run with the engine's mutex held and only collect; what they found is
-/// logged after it has been released.
-struct KyTferClient::PollResult {
-    enum End {
-        GO_ON,      ///< the transaction is under way
-        LEAVE,      ///< nothing is left to do for the monitor
-        TIMED_OUT,  ///< the time limit has passed
-    };
+namespace ky_engine {
 
-    End end = GO_ON;
-    const char* farewell = nullptr;  ///< logged before the monitor leaves; null for nothing
-    std::string path;                ///< where the file arrives
-    bool sighted = false;            ///< it is there
-    unsigned int bytesRequested = 0;
-    unsigned int bytesTransfered = 0;
+/// Watches a file arrive, and ends its transaction when it has come or the time is up. A monitor runs on a thread
+/// of its own, from the request on.
+///
+/// Polls follow each other without a pause while the active flag is set, unless a pause is set. A pause ends at
+/// once when the worker ends, the transaction is abandoned or the engine stops. Once the flag has been cleared by
+/// another, the monitor gives its worker a second and ends.
+class KyTransferMonitor {
+public:
+    /// @param active  the engine's flag; belongs to the engine
+    KyTransferMonitor(KyTransactionRecord& record, const std::atomic<bool>& active)
+        : m_record(record), m_active(active) {}
 
-    /// The result of a poll that ends the monitor.
-    PollResult& Leave(const char* farewellText) {
-        end = LEAVE;
-        farewell = farewellText;
-        return *this;
-    }
+    /// @param milliseconds  between two polls; 0, the default, for none
+    void SetPause(unsigned int milliseconds) { m_pauseMs = milliseconds; }
+
+    /// The body of a monitor. @param request  Transaction::request
+    void Watch(Transaction::Kind kind, unsigned long long request);
+
+    /// The same for the current transaction.
+    void WatchCurrent(Transaction::Kind kind) { Watch(kind, m_record.CurrentRequest()); }
+
+    /// The body of the monitor of a push, which knows nothing to look for: it holds the record in progress while
+    /// the active flag is set, for 180 seconds at most, and fails it.
+    void HoldForPush();
+
+private:
+    void Run(const MonitorRules& rules, unsigned long long request);
+    void Hold();
+
+    KyTransactionRecord& m_record;
+    const std::atomic<bool>& m_active;
+    std::atomic<unsigned int> m_pauseMs{0};
 };
 
-/// What distinguishes the monitors from each other. The operations are called with the engine's mutex held.
-struct KyTferClient::MonitorFlow {
-    const char* function;    ///< named in log lines
-    long long limitSeconds;  ///< how long a transaction may take
-    bool logsProgress;       ///< each new size of the arriving file is logged
-
-    /// Looks at the arriving file and writes what it finds into the record.
-    PollResult (KyTferClient::*poll)(unsigned long long transaction);
-
-    /// What is recorded at once when a poll finds the limit passed; null for nothing.
-    void (KyTferClient::*timeOut)();
-
-    /// What is recorded when the monitor ends otherwise than by a poll. The mutex has been released since the
-    /// step above.
-    void (KyTferClient::*finish)(unsigned long long transaction, bool afterTimeOut);
-
-    const char* farewell;  ///< logged after finish
-};
+}  // namespace ky_engine
 
 #endif

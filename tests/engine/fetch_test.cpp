@@ -143,13 +143,20 @@ TEST_F(Fetch, LimitIsReachedWithAndWithoutTheTimeOutStep) {
     }
 }
 
-/// It once stayed in progress for ever, and no other could begin.
-TEST_F(Fetch, OneWithoutAMonitorThatTheDeviceDoesNotHearOfEnds) {
+/// It once stayed in progress for ever, and every later request was refused.
+TEST_F(Fetch, OneWithoutAMonitorEndsInTime) {
     Start();
+    device->SetFault(SimOperation::FETCH, Fault([](SimFault& f) { f.answer = SimAnswer::SILENT; }));
     systemfaults::FailNextThread(11);
-    device->FailPoint(SimAccess::WRITE, 8602, 7);
     engine->GetFileFromDevRequest("f", 1000);
-    EXPECT_EQ(Outcome(Record()), "failed: Out of memory");
+    EXPECT_EQ(log->Count(3, "Could not start thread(t-getFileMonitor) error(11)"), 1);
+    SteppedTime::Advance(180s);
+    EXPECT_EQ(Outcome(engine->GetFileFromDevRequest("f", 1000)), kInProgress);
+    SteppedTime::Advance(1s);
+    EXPECT_EQ(Outcome(Record()), kTimedOut);
+    device->ClearFaults();
+    engine->GetFileFromDevRequest("f", 1000);
+    EXPECT_TRUE(WaitForOutcome(Fetched("f")));
 }
 
 TEST_F(Fetch, MonitorEndsFirstAndTheWorkersTextIsTheLast) {
@@ -183,25 +190,41 @@ TEST_F(Fetch, DeviceThatSaysReadyAgainChangesNoCompletedRecordAndGetsFewThreads)
     EXPECT_EQ(Outcome(Record()), Fetched("f"));
 }
 
-TEST_F(Fetch, LateWorkerMovesItsFileAndLeavesTheNextTransactionAlone) {
-    Start();
-    LogGates gates({"startTime(", kAsking});
-    engine->GetFileFromDevRequest("f", 1000);
-    ASSERT_NE(gates.Arrival("startTime("), "");
-    ASSERT_NE(gates.Arrival(kAsking), "");
-    SteppedTime::Advance(181s);
-    gates.Open("startTime(");
-    ASSERT_TRUE(WaitForOutcome(kTimedOut));
-    device->SetListener(nullptr);
-    device->ClearCalls();
-    engine->CancelTransaction("only logged");
-    engine->GetFileFromDevRequest("new", 55);
-    gates.Leave();
-    EXPECT_EQ(WrittenAfterRequest(4), (Strings{"get f", "8602=", "8602=SUCCESS", "8604=0"}));
-    EXPECT_EQ(ReadFile(std::string(kDownload) + "f"), bytes);
-    EXPECT_TRUE(WaitForOutcome(kNothingYet));
-    EXPECT_EQ(Record().GetXferFullFilePath(), std::string(kLanding) + "new");
-    EXPECT_TRUE(WaitForThreads(1)) << "its monitor goes on";
+/// A worker whose transaction has timed out: alone it completes it after all; followed by another one, or
+/// abandoned, it drops its file and touches nothing.
+TEST_F(Fetch, LateWorker) {
+    for (const char* const next : {"", "new", "f", "abandoned"}) {
+        SCOPED_TRACE(next);
+        const std::string name = next;
+        Start();
+        LogGates gates({"startTime(", "request file(f)"});
+        engine->GetFileFromDevRequest("f", 1000);
+        ASSERT_NE(gates.Arrival("startTime("), "");
+        ASSERT_NE(gates.Arrival("request file(f)"), "");
+        device->SetListener(nullptr);
+        device->ClearCalls();
+        if (name == "abandoned") {
+            EXPECT_EQ(Outcome(engine->AbandonTransaction("why")), "failed: File transfer cancelled: why");
+        } else {
+            SteppedTime::Advance(181s);
+            gates.Open("startTime(");
+            ASSERT_TRUE(WaitForOutcome(kTimedOut));
+        }
+        if (name == "new" || name == "f") engine->GetFileFromDevRequest(name, 55);
+        const Strings before = Written();
+        gates.Leave();
+        ASSERT_TRUE(WaitForWorker());
+        Strings after = Written();
+        after.erase(after.begin(), after.begin() + static_cast<long>(before.size()));
+        EXPECT_EQ(after,
+                  name.empty() ? (Strings{"get f", "8602=", "8602=SUCCESS", "8604=0"}) : Strings{"get f"});
+        EXPECT_EQ(fs::exists(std::string(kDownload) + "f"), name.empty());
+        EXPECT_EQ(fs::exists(std::string(kLanding) + "f"), name == "f")
+            << "the next one's file is not removed";
+        EXPECT_TRUE(!name.empty() || Outcome(Record()) == Fetched("f"));
+        EXPECT_TRUE(name != "new" || WaitForOutcome(kNothingYet)) << "its monitor goes on";
+        TearDown();
+    }
 }
 
 /// A monitor that has outlived its transaction, in one of the two places where it can, meets the next one.

@@ -1,11 +1,12 @@
-// Value changes: what the engine makes of the changes of the device's points.
+#include "engine/KyValueChanges.h"
+
 #include <cstring>
 
-#include "engine/KyTferClient.h"
+#include "engine/KyFlagFiles.h"
 #include "engine/KyTferClientConstants.h"
 #include "platform/KyDlog.h"
 
-using namespace ky_engine;
+namespace ky_engine {
 
 namespace {
 
@@ -44,27 +45,22 @@ bool TakeNumber(const KyValChgInfo& info, Number& number) {
 
 }  // namespace
 
-void KyTferClient::DataChange(const KyValChgInfo& info) {
-    try {
-        switch (info.pntId) {
-            case PNT_XFER_FILE_NAME:
-                return FileNameChanged(info);
-            case PNT_XFER_FILE_SIZE:
-                return FileSizeChanged(info);
-            case PNT_DMP_SUPPORTED:
-                return DmpSupportedChanged(info);
-            case PNT_CLIENT_FILE_REQ:
-                return FileRequestChanged(info);
-            default:
-                return;
-        }
-    } catch (...) {
-        __dlog_printfex(KY_DLOG_ERROR, kSource, "DataChange", "%s", kOutOfMemory);
-        EndUnwatched();
+void KyValueChanges::Take(const KyValChgInfo& info) {
+    switch (info.pntId) {
+        case PNT_XFER_FILE_NAME:
+            return FileNameChanged(info);
+        case PNT_XFER_FILE_SIZE:
+            return FileSizeChanged(info);
+        case PNT_DMP_SUPPORTED:
+            return DmpSupportedChanged(info);
+        case PNT_CLIENT_FILE_REQ:
+            return FileRequestChanged(info);
+        default:
+            return;
     }
 }
 
-void KyTferClient::FileNameChanged(const KyValChgInfo& info) {
+void KyValueChanges::FileNameChanged(const KyValChgInfo& info) const {
     // The log shows the raw bytes of a value that is too long to convert.
     std::string text;
     if (info.value != nullptr) text.assign(static_cast<const char*>(info.value), info.valLength);
@@ -73,19 +69,17 @@ void KyTferClient::FileNameChanged(const KyValChgInfo& info) {
                     static_cast<long>(info.pntId), text.c_str());
 }
 
-void KyTferClient::FileSizeChanged(const KyValChgInfo& info) {
+void KyValueChanges::FileSizeChanged(const KyValChgInfo& info) {
     unsigned int size = 0;
     if (!TakeNumber(info, size)) return;
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "val_tfer_filesize change pnt(%ld) changed(%d)",
                     static_cast<long>(PNT_XFER_FILE_SIZE), static_cast<int>(size));
-    KyRequestLock lock(m_requestMutex);
-    m_xferFileSize = size;
-    m_status.SetBytesRequested(size);
+    m_record.SizeChanged(size, m_points.TakeEcho(PNT_XFER_FILE_SIZE, std::to_string(size)));
 }
 
-void KyTferClient::DmpSupportedChanged(const KyValChgInfo& info) {
+void KyValueChanges::DmpSupportedChanged(const KyValChgInfo& info) const {
     unsigned short value = 0;
-    if (info.mmIdx != m_maiMmIdx || !TakeNumber(info, value)) return;
+    if (info.mmIdx != m_members.m_maiMmIdx || !TakeNumber(info, value)) return;
     const bool supported = value != 0;
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange",
                     "st_mai_tfer_hmiDmpSupported pnt(%lu) mmIdx(%u) value changed(%s)",
@@ -94,9 +88,10 @@ void KyTferClient::DmpSupportedChanged(const KyValChgInfo& info) {
     SetDmpSupported(supported);
 }
 
-void KyTferClient::FileRequestChanged(const KyValChgInfo& info) {
+void KyValueChanges::FileRequestChanged(const KyValChgInfo& info) {
     std::string answer;
     ConvertString(info.value, info.valLength, answer);
+    const bool echo = !answer.empty() && m_points.TakeEcho(PNT_CLIENT_FILE_REQ, answer);
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Client file req point(%ld) len(%d) newVal(%s)",
                     static_cast<long>(info.pntId), static_cast<int>(answer.size()), answer.c_str());
     if (BeginsWith(answer, "DIR") && answer != kRequestDirectory) {
@@ -106,35 +101,30 @@ void KyTferClient::FileRequestChanged(const KyValChgInfo& info) {
     }
     if (answer == kRequestReady) {
         __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Got ready indicator reqType(%d)",
-                        static_cast<int>(m_requestType.load()));
+                        static_cast<int>(m_record.RequestType()));
     }
-    if (answer == m_currentRequest) {
+    std::string& current = m_members.m_currentRequest;
+    if (answer == current) {
         __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Current request(%s) prev request(%s) ignore",
-                        answer.c_str(), m_currentRequest.c_str());
+                        answer.c_str(), current.c_str());
         return;
     }
-    m_currentRequest = answer;
+    current = answer;
     // The card's own outcomes and the cleared point need no action, but they do end a row of repeats.
     if (answer.empty() || answer == kRequestSuccess || answer == kRequestError) return;
-    ActOnAnswer(answer);
+    ActOnAnswer(answer, echo);
 }
 
-void KyTferClient::ActOnAnswer(const std::string& answer) {
-    KyTferStatusMsg::TferRequestType type = KyTferStatusMsg::TFER_REQ_NONE;
-    unsigned long long transaction = 0;
-    {
-        KyRequestLock lock(m_requestMutex);
-        type = m_status.GetReqType();
-        transaction = m_transaction;
-    }
+void KyValueChanges::ActOnAnswer(const std::string& answer, bool echo) {
+    const bool listingsAnswer = !echo && answer != kRequestDirectory && answer != kRequestReady;
+    if (listingsAnswer && m_record.KeepEarlyAnswer(answer)) return;
+    const KyTferStatusMsg::TferRequestType type = m_record.RequestType();
     switch (type) {
         case KyTferStatusMsg::TFER_REQ_DIRECTORY:
-            DirectoryAnswered(answer, transaction);
+            m_directory.Answered(answer, echo);
             break;
         case KyTferStatusMsg::TFER_REQ_GET_FILE:
-            if (answer != kRequestReady) break;
-            __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "kick off file fetch thread");
-            StartFetchWorker(transaction, m_fileFetchThread);
+            if (answer == kRequestReady) m_fetch.Ready();
             break;
         default:
             __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Current req type is %d",
@@ -143,26 +133,4 @@ void KyTferClient::ActOnAnswer(const std::string& answer) {
     }
 }
 
-void KyTferClient::DirectoryAnswered(const std::string& answer, unsigned long long transaction) {
-    if (answer == kRequestDirectory) return;
-    if (answer == kRequestNone) {
-        KyRequestLock lock(m_requestMutex);
-        if (IsCurrent(transaction)) m_transactionActive = false;
-        return;
-    }
-    __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Fetch the directory file(%s)", answer.c_str());
-    {
-        KyRequestLock lock(m_requestMutex);
-        // The request that asked for this name may have ended, and the next one begun, since it was looked
-        // up.
-        if (!IsCurrent(transaction)) return;
-        m_xferFileName = answer;
-        KyTferStatusMsg next(m_status);
-        next.SetXferFileName(answer);
-        Keep(next);
-        m_status.SetBytesRequested(m_xferFileSize);
-    }
-    __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Kick off thread to fetch the directory file(%s)",
-                    answer.c_str());
-    StartFetchWorker(transaction, m_dirFileFetchThread);
-}
+}  // namespace ky_engine

@@ -1,0 +1,92 @@
+#include "engine/KyDirectoryFetch.h"
+
+#include <algorithm>
+#include <fstream>
+
+#include "directory/KyBlankSeparatedListing.h"
+#include "engine/KyRefusal.h"
+#include "engine/KyTferClientConstants.h"
+#include "platform/KyDlog.h"
+
+namespace ky_engine {
+
+namespace {
+
+constexpr char kFunction[] = "GetDirectoryFromDevRequest";
+constexpr std::size_t kMostListings = 16;
+
+}  // namespace
+
+// The device is asked before the record tells of it, so that a device that cannot be asked leaves no trace.
+bool KyDirectoryFetch::Request(KyTferStatusMsg& result) {
+    if (!m_record.ReserveListing()) return false;
+    const int status = m_points.Send(kRequestDirectory, PNT_CLIENT_FILE_REQ);
+    if (status != 0) {
+        Refuse(status, result);
+        return true;
+    }
+    try {
+        Accept(result);
+    } catch (...) {
+        m_record.RefuseListing(false);
+        throw;
+    }
+    return true;
+}
+
+void KyDirectoryFetch::Refuse(int status, KyTferStatusMsg& result) {
+    m_record.RefuseListing(true);
+    const std::string text = "Failed to send directory request to server. Status=" + std::to_string(status);
+    ky_engine::Refuse(result, kFunction, text.c_str());
+    result.SetReqType(KyTferStatusMsg::TFER_REQ_DIRECTORY);
+}
+
+void KyDirectoryFetch::Accept(KyTferStatusMsg& result) {
+    const Transaction job = m_record.AcceptListing(result);
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "%s", kListingRequested);
+    const int error = m_threads.Start(
+        KyEngineThreads::MONITOR, "t-getDirMonitor", m_members.m_getDirMonitorThread, job,
+        [this](const Transaction& watched) { m_monitor.Watch(watched.kind, watched.request); });
+    if (error != 0) {
+        m_record.Unwatch(job.request);
+        __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction,
+                        "Error creating directory monitor thread.  error=%d", error);
+    }
+    const std::string early = m_record.TakeEarlyAnswer();
+    if (!early.empty()) Answered(early, false);
+}
+
+void KyDirectoryFetch::Answered(const std::string& answer, bool echo) {
+    if (answer == kRequestDirectory || echo) return;
+    if (answer == kRequestNone) {
+        m_record.NoListing();
+        return;
+    }
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Fetch the directory file(%s)", answer.c_str());
+    bool repeated = false;
+    const auto job = m_record.NameListing(answer, repeated);
+    if (!job) return;
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Kick off thread to fetch the directory file(%s)",
+                    answer.c_str());
+    m_fetch.StartWorker(*job, repeated, m_members.m_dirFileFetchThread);
+}
+
+// A listing that is there already stays, and has been asked for once more.
+void KyDirectoryFetch::CreateDirectoryFromFile(const std::string& path) {
+    auto listing = std::make_unique<KyTferDirectory>();
+    std::ifstream file;
+    unsigned long long size = 0;
+    if (GetFileSize(path, size)) file.open(path);
+    ky_directory::ReadBlankSeparatedListing(file, *listing);
+
+    auto& listings = m_members.m_directoryMap;
+    const auto place = listings.try_emplace(path, KyTferClientMembers::Listing{std::move(listing), 0}).first;
+    place->second.lastRead = ++m_readings;
+    if (listings.size() <= kMostListings) return;
+    const auto older = [](const auto& one, const auto& other) {
+        return one.second.lastRead < other.second.lastRead;
+    };
+    listings.erase(std::min_element(listings.begin(), listings.end(), older));
+}
+
+}  // namespace ky_engine

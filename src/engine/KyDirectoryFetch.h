@@ -1,0 +1,49 @@
+#ifndef ENGINE_KYDIRECTORYFETCH_H
+#define ENGINE_KYDIRECTORYFETCH_H
+
+#include <string>
+
+#include "engine/KyFileFetch.h"
+
+namespace ky_engine {
+
+/// Fetching the listing: the request, the device's answers, and reading the file into memory. The worker is that
+/// of KyFileFetch.
+class KyDirectoryFetch {
+public:
+    /// @param members  for the handles of its threads and for the listings
+    KyDirectoryFetch(KyDevicePoints& points, KyTransactionRecord& record, KyEngineThreads& threads,
+                     KyTransferMonitor& monitor, KyFileFetch& fetch, KyTferClientMembers& members)
+        : m_points(points),
+          m_record(record),
+          m_threads(threads),
+          m_monitor(monitor),
+          m_fetch(fetch),
+          m_members(members) {}
+
+    /// @return false if a transaction is in progress
+    bool Request(KyTferStatusMsg& result);
+
+    /// The device has answered a listing request.
+    /// @param echo  the value is one that the card has written itself
+    void Answered(const std::string& answer, bool echo);
+
+    /// Reads a listing file, and keeps the listing. At most 16 are kept.
+    void CreateDirectoryFromFile(const std::string& path);
+
+private:
+    void Refuse(int status, KyTferStatusMsg& result);
+    void Accept(KyTferStatusMsg& result);
+
+    KyDevicePoints& m_points;
+    KyTransactionRecord& m_record;
+    KyEngineThreads& m_threads;
+    KyTransferMonitor& m_monitor;
+    KyFileFetch& m_fetch;
+    KyTferClientMembers& m_members;
+    unsigned long long m_readings = 0;  // of listing files
+};
+
+}  // namespace ky_engine
+
+#endif

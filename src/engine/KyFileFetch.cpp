@@ -1,0 +1,125 @@
+#include "engine/KyFileFetch.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "engine/KyTferClientConstants.h"
+#include "platform/KyDlog.h"
+
+namespace ky_engine {
+
+namespace {
+
+constexpr char kFunction[] = "GetFileFromDevice";
+
+}  // namespace
+
+bool KyFileFetch::Request(const std::string& fileName, unsigned int fileSize, KyTferStatusMsg& result) {
+    const auto job = m_record.AcceptFetch(fileName, fileSize, result);
+    if (!job) return false;
+    const int error = m_threads.Start(
+        KyEngineThreads::MONITOR, "t-getFileMonitor", m_members.m_getFileMonitorThread, *job,
+        [this](const Transaction& watched) { m_monitor.Watch(watched.kind, watched.request); });
+    if (error != 0) m_record.Unwatch(job->request);
+    m_points.Send(fileName, PNT_CLIENT_FILE_REQ);
+    return true;
+}
+
+void KyFileFetch::Ready() {
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "kick off file fetch thread");
+    bool repeated = false;
+    const auto job = m_record.Ready(repeated);
+    if (job) StartWorker(*job, repeated, m_members.m_fileFetchThread);
+}
+
+void KyFileFetch::StartWorker(const Transaction& job, bool repeated, pthread_t& handle) {
+    const auto kind = repeated ? KyEngineThreads::REPEATED_WORKER : KyEngineThreads::WORKER;
+    m_threads.Start(kind, "t-getFileWorker", handle, job,
+                    [this](const Transaction& own) { GetFileFromDevice(own); });
+}
+
+void KyFileFetch::GetFileFromDevice() {
+    try {
+        GetFileFromDevice(m_record.Current());
+    } catch (...) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "%s", kOutOfMemory);
+    }
+}
+
+void KyFileFetch::GetFileFromDevice(const Transaction& job) {
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "Enter");
+    try {
+        if (m_record.Begin(job)) Fetch(job);
+    } catch (...) {
+        m_record.EndWorkerWithoutMemory(job);
+    }
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "Exit");
+}
+
+void KyFileFetch::Fetch(Transaction job) {
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "request file(%s) from pldproxy", job.name.c_str());
+    if (!job.leavesDirectory) m_points.FetchFile(job.name);
+    if (!End(job)) return;
+    const int status = m_points.Write(0, PNT_XFER_FILE_SIZE);
+    if (status != 0) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction,
+                        "Could not set xfer file size back to zero. status(%d)", status);
+    }
+}
+
+// Returns false if nobody waits for the file any more: then the device is told nothing.
+bool KyFileFetch::End(Transaction& job) {
+    unsigned long long size = 0;
+    const bool present = !job.leavesDirectory && GetFileSize(job.path, size);
+    switch (m_record.Claim(job, present, size)) {
+        case Arrival::MISSING:
+            FetchedNothing(job);
+            return true;
+        case Arrival::OTHER_SIZE:
+            FetchedOtherSize(job, size);
+            return true;
+        case Arrival::WHOLE:
+            FetchedWhole(job);
+            return true;
+        default:
+            __dlog_printfex(KY_DLOG_WARNING, kSource, kFunction,
+                            "Another transaction has begun. Dropped file(%s)", job.path.c_str());
+            return false;
+    }
+}
+
+void KyFileFetch::FetchedNothing(const Transaction& job) {
+    const std::string text =
+        "Failed to get file(" + job.name + ") from device. and " + "place it here(" + job.path + ")";
+    m_record.Fail(job, text);
+    __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "%s", text.c_str());
+}
+
+void KyFileFetch::FetchedWhole(const Transaction& job) {
+    const std::string text =
+        "Retrieved file(" + job.name + ") successfully. and placed it " + "in (" + job.path + ")";
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "%s", text.c_str());
+    const std::string finalPath = job.downloadDirectory + job.name;
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "rename %s --> %s", job.path.c_str(),
+                    finalPath.c_str());
+    if (rename(job.path.c_str(), finalPath.c_str()) != 0) {
+        const int error = errno;
+        __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction,
+                        "Failed to move file(%s) --> file(%s) errno(%d) - %s", job.path.c_str(),
+                        finalPath.c_str(), error, strerror(error));
+    }
+    if (job.worker == Transaction::CLAIMED) m_record.Complete(job, text);
+    m_points.Send(kRequestSuccess, PNT_CLIENT_FILE_REQ);
+}
+
+void KyFileFetch::FetchedOtherSize(const Transaction& job, unsigned long long size) {
+    const std::string text = "Failed to get file(" + job.name + ") from device. " + "Expecting(" +
+                             std::to_string(job.expectedSize) + ") bytes only received(" +
+                             std::to_string(size) + ") bytes.";
+    m_record.Fail(job, text);
+    m_points.Send(kRequestError, PNT_CLIENT_FILE_REQ);
+    __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "%s", text.c_str());
+}
+
+}  // namespace ky_engine

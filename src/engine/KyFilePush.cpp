@@ -1,0 +1,134 @@
+#include "engine/KyFilePush.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "engine/KyEngineTime.h"
+#include "engine/KyTferClientConstants.h"
+#include "platform/KyDlog.h"
+
+namespace ky_engine {
+
+namespace {
+
+constexpr char kRequestFunction[] = "PutFileToDevRequest";
+constexpr char kWorkerFunction[] = "PutFileToDevice";
+constexpr unsigned int kPauseBeforeNameSeconds = 1;
+
+}  // namespace
+
+void KyFilePush::Request(const std::string& directory, const std::string& fileName, KyTferStatusMsg& result) {
+    const std::string stagedPath = std::string(kPldServerDir) + "/" + fileName;
+    if (!Stage(directory + "/" + fileName, stagedPath, result)) return;
+    Transaction job;
+    try {
+        unsigned int size = 0;
+        if (!MeasureStaged(stagedPath, size, result)) return;
+        job = Announce(fileName, stagedPath, size, result);
+    } catch (...) {
+        unlink(stagedPath.c_str());  // out of memory; the file is consumed as in every other case
+        throw;
+    }
+    if (result.GetStatus() != KyTferStatusMsg::TFER_STATUS_INPROGRESS) return;
+    const int error =
+        m_threads.Start(KyEngineThreads::WORKER, "t-putDevFileWorker", m_members.m_putFileThread, job,
+                        [this](const Transaction& own) { PutFileToDevice(own); });
+    // The caller is told what was agreed with the device. The record must not stay in progress for ever.
+    if (error != 0) m_record.EndPush(job, false);
+}
+
+// The file is the engine's from here on: one that cannot be moved is removed where it is.
+bool KyFilePush::Stage(const std::string& sourcePath, const std::string& stagedPath,
+                       KyTferStatusMsg& result) {
+    if (rename(sourcePath.c_str(), stagedPath.c_str()) == 0) {
+        __dlog_printfex(KY_DLOG_NOTICE, kSource, kRequestFunction,
+                        "stage file to transfer - move(%s) --> (%s) was successful", sourcePath.c_str(),
+                        stagedPath.c_str());
+        return true;
+    }
+    __dlog_printfex(KY_DLOG_ERROR, kSource, kRequestFunction, "Could not rename (%s) --> (%s)",
+                    sourcePath.c_str(), stagedPath.c_str());
+    unlink(sourcePath.c_str());
+    m_record.FailStaging("Failed to move file(" + sourcePath + ") to (" + stagedPath + ")", result);
+    return false;
+}
+
+bool KyFilePush::MeasureStaged(const std::string& stagedPath, unsigned int& size, KyTferStatusMsg& result) {
+    unsigned long long bytes = 0;
+    if (GetFileSize(stagedPath, bytes)) {
+        size = CountOf(bytes);
+        return true;
+    }
+    const std::string text = "Failed to get size for file(" + stagedPath + ")";
+    m_record.FailStaging(text, result);
+    __dlog_printfex(KY_DLOG_ERROR, kSource, kRequestFunction, "%s", text.c_str());
+    unlink(stagedPath.c_str());
+    return false;
+}
+
+// Tells the device the size and, a second later, the name. The name is written even if the size was not taken.
+Transaction KyFilePush::Announce(const std::string& fileName, const std::string& stagedPath,
+                                 unsigned int size, KyTferStatusMsg& result) {
+    m_record.BeginPush(size);
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kRequestFunction, "Write file size to server(%d)",
+                    static_cast<int>(size));
+    const int sizeStatus = m_points.Write(size, PNT_XFER_FILE_SIZE);
+    const std::atomic<bool> never{false};
+    SleepUnlessStopped(kPauseBeforeNameSeconds, never);
+    Transaction push;
+    push.kind = Transaction::PUSH;
+    push.originalName = fileName;
+    push.expectedSize = size;
+    push.Place(NextTransferName(), std::string(kPldServerDir) + "/");
+    const int nameStatus = m_points.Send(push.name, PNT_XFER_FILE_NAME);
+
+    const bool announced = sizeStatus == 0 && nameStatus == 0;
+    if (!announced) {
+        __dlog_printfex(
+            KY_DLOG_ERROR, kSource, kRequestFunction,
+            "Could not write either the transfer file name or the transfer file size to managed device "
+            "s1(%d) s2(%d)",
+            sizeStatus, nameStatus);
+        // Before the record tells of the failure: its reader then finds the file gone.
+        unlink(stagedPath.c_str());
+    }
+    return m_record.AcceptPush(std::move(push), announced, result);
+}
+
+std::string KyFilePush::NextTransferName() {
+    char name[32];
+    snprintf(name, sizeof name, "%u-%05d", static_cast<unsigned int>(m_members.m_deviceId.load()),
+             KyTferClientMembers::m_genPutFileName.fetch_add(1));
+    return name;
+}
+
+void KyFilePush::PutFileToDevice() {
+    try {
+        PutFileToDevice(m_record.LastPush());
+    } catch (...) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, kWorkerFunction, "%s", kOutOfMemory);
+    }
+}
+
+void KyFilePush::PutFileToDevice(const Transaction& job) {
+    const char* const original = job.originalName.c_str();
+    const char* const name = job.name.c_str();
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kWorkerFunction,
+                    "PLD Transfer Start orig file(%s) xfer file(%s)", original, name);
+    const bool pushed = m_points.PushFile(job.directory, job.originalName, job.name);
+    if (pushed) {
+        __dlog_printfex(KY_DLOG_NOTICE, kSource, kWorkerFunction,
+                        "PLD Transfer of orig file(%s) as xfer file(%s) complete", original, name);
+    } else {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, kWorkerFunction,
+                        "PLD Transfer of orig file(%s) as xfer file(%s) failed", original, name);
+    }
+    try {
+        m_record.EndPush(job, pushed);
+    } catch (...) {
+        m_record.EndWorkerWithoutMemory(job);
+    }
+}
+
+}  // namespace ky_engine

@@ -1,0 +1,42 @@
+#ifndef ENGINE_KYFILEPUSH_H
+#define ENGINE_KYFILEPUSH_H
+
+#include <string>
+
+#include "engine/KyDevicePoints.h"
+#include "engine/KyEngineThreads.h"
+#include "engine/KyTransactionRecord.h"
+
+namespace ky_engine {
+
+/// Pushing a file: the request, which stages the file and announces it, and the worker that hands it over.
+class KyFilePush {
+public:
+    /// @param members  for the device's identifier and the handle of its thread
+    KyFilePush(KyDevicePoints& points, KyTransactionRecord& record, KyEngineThreads& threads,
+               KyTferClientMembers& members)
+        : m_points(points), m_record(record), m_threads(threads), m_members(members) {}
+
+    /// Blocks for a second and two point writes.
+    void Request(const std::string& directory, const std::string& fileName, KyTferStatusMsg& result);
+
+    /// Does the worker's job for the last push, on the calling thread.
+    void PutFileToDevice();
+
+private:
+    void PutFileToDevice(const Transaction& job);
+    bool Stage(const std::string& sourcePath, const std::string& stagedPath, KyTferStatusMsg& result);
+    bool MeasureStaged(const std::string& stagedPath, unsigned int& size, KyTferStatusMsg& result);
+    Transaction Announce(const std::string& fileName, const std::string& stagedPath, unsigned int size,
+                         KyTferStatusMsg& result);
+    std::string NextTransferName();
+
+    KyDevicePoints& m_points;
+    KyTransactionRecord& m_record;
+    KyEngineThreads& m_threads;
+    KyTferClientMembers& m_members;
+};
+
+}  // namespace ky_engine
+
+#endif

@@ -1,0 +1,117 @@
+#include "engine/KyNegotiation.h"
+
+#include "engine/KyFlagFiles.h"
+#include "engine/KyTferClient.h"
+#include "engine/KyTferClientConstants.h"
+#include "platform/KyDlog.h"
+
+namespace ky_engine {
+
+namespace {
+
+constexpr char kFunction[] = "Init";
+constexpr unsigned int kClientVersion = 1;
+constexpr unsigned int kClientMaxFileSize = 307200;
+constexpr unsigned int kFastestFullSpeed = 2;
+
+void LogUnsupported(const char* what, int status, const char* transport) {
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction,
+                    "Could not get server %s (status=%d). %s transport not supported.", what, status,
+                    transport);
+}
+
+}  // namespace
+
+int KyNegotiation::Run(unsigned int xferFileSize) {
+    unsigned int minVersion = 0;
+    const int status = m_points.Read(minVersion, PNT_SERVER_MIN_VERSION);
+    if (status == 0) {
+        m_members.m_serverMinVersion = minVersion;
+        return NegotiateSorrel485(xferFileSize);
+    }
+    LogUnsupported("min version", status, "Sorrel 485");
+    return ProbeUsb();
+}
+
+int KyNegotiation::NegotiateSorrel485(unsigned int xferFileSize) {
+    const struct {
+        std::atomic<unsigned int>* read;  // null for a write
+        unsigned int written;
+        unsigned short pointId;
+        const char* what;
+    } steps[] = {
+        {&m_members.m_serverMaxVersion, 0, PNT_SERVER_MAX_VERSION, "get server max version"},
+        {&m_members.m_serverMaxFileSize, 0, PNT_SERVER_MAX_FILE_SIZE, "get server max file size"},
+        {nullptr, kClientVersion, PNT_CLIENT_MIN_VERSION, "set client min version"},
+        {nullptr, kClientVersion, PNT_CLIENT_MAX_VERSION, "set client max version"},
+        {nullptr, kClientMaxFileSize, PNT_CLIENT_MAX_FILE_SIZE, "set client max file size"},
+        {nullptr, xferFileSize, PNT_XFER_FILE_SIZE, "set client max file size"},
+    };
+    SetDmpSupported(false);
+    int status = 0;
+    for (const auto& step : steps) {
+        unsigned int value = 0;
+        status = step.read != nullptr ? m_points.Read(value, step.pointId)
+                                      : m_points.Write(step.written, step.pointId);
+        if (status != 0) {
+            __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "Could not %s. status(%d)", step.what, status);
+        } else if (step.read != nullptr) {
+            *step.read = value;
+        }
+    }
+    TraceLimits();
+    m_points.Send(kRequestNone, PNT_CLIENT_FILE_REQ);
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "download dir is(%s)",
+                    KyTferClient::GetHmiDownloadDirectory().c_str());
+    return status;
+}
+
+void KyNegotiation::TraceLimits() const {
+    const struct {
+        const char* what;
+        unsigned int value;
+    } limits[] = {
+        {"Server Min Supported Version", m_members.m_serverMinVersion},
+        {"Server Max Supported Version", m_members.m_serverMaxVersion},
+        {"Server Max Supported File Size", m_members.m_serverMaxFileSize},
+        {"Client Min Supported Version", kClientVersion},
+        {"Client Max Supported Version", kClientVersion},
+        {"Client Max Supported File Size", kClientMaxFileSize},
+    };
+    for (const auto& limit : limits) {
+        __dlog_printfex(KY_DLOG_TRACE, kSource, kFunction, "%s(%d)", limit.what,
+                        static_cast<int>(limit.value));
+    }
+}
+
+int KyNegotiation::ProbeUsb() {
+    unsigned int supported = 0;
+    unsigned int speed = 0;
+    const struct {
+        unsigned int& value;
+        unsigned short pointId;
+        const char* what;
+    } reads[] = {{supported, PNT_DMP_SUPPORTED, "DMP support flag"},
+                 {speed, PNT_MAX_USB_SPEED, "Max USB Speed"}};
+    for (const auto& read : reads) {
+        const int status = m_points.Read(read.value, read.pointId);
+        if (status != 0) {
+            LogUnsupported(read.what, status, "USB");
+            SetDmpSupported(false);
+            return status;
+        }
+        if (supported == 1) continue;
+        __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction,
+                        "Server explicitly indicates DMP is NOT supported.");
+        SetDmpSupported(false);
+        return 0;
+    }
+    SetDmpSupported(true);
+    const bool fullSpeed = speed <= kFastestFullSpeed;
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "Server indicates DMP is supported at %s.",
+                    fullSpeed ? "Full Speed (12 Mbit/s) or lower" : "High Speed (480 Mbit/s) or greater");
+    SetForceFullSpeed(fullSpeed);
+    return 0;
+}
+
+}  // namespace ky_engine

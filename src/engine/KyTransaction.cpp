@@ -1,0 +1,28 @@
+#include "engine/KyTransaction.h"
+
+#include <sys/stat.h>
+
+#include <climits>
+
+namespace ky_engine {
+
+// A device chooses names: one with a part ".." must not lead to the card's own files.
+void Transaction::Place(const std::string& fileName, const std::string& inDirectory) {
+    name = fileName;
+    directory = inDirectory;
+    path = inDirectory + fileName;
+    leavesDirectory = ("/" + fileName + "/").find("/../") != std::string::npos;
+}
+
+unsigned int CountOf(unsigned long long size) {
+    return size < UINT_MAX ? static_cast<unsigned int>(size) : UINT_MAX;
+}
+
+bool GetFileSize(const std::string& path, unsigned long long& size) {
+    struct stat info = {};
+    if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
+    size = static_cast<unsigned long long>(info.st_size);
+    return true;
+}
+
+}  // namespace ky_engine

@@ -1,0 +1,236 @@
+#ifndef ENGINE_KYTRANSACTIONRECORD_H
+#define ENGINE_KYTRANSACTIONRECORD_H
+
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "engine/KyTferClientMembers.h"
+#include "engine/KyTransaction.h"
+#include "messages/KyTferStatusMsg.h"
+
+namespace ky_engine {
+
+/// What distinguishes the two monitors. Null texts are not logged or recorded.
+struct MonitorRules {
+    const char* function;           ///< named in log lines
+    Transaction::Kind kind;         ///< FETCH or LISTING
+    long long limitSeconds;         ///< how long a transaction may take
+    const char* arrivedText;        ///< recorded when the whole file has landed
+    const char* arrivedFarewell;    ///< logged then
+    const char* completedFarewell;  ///< logged if the worker has completed the transaction
+    const char* noneFarewell;       ///< logged if there is no transaction
+    const char* timeOutText;        ///< recorded at once when a poll finds the limit passed
+    const char* finalText;          ///< recorded at the end otherwise
+    const char* finalFarewell;      ///< logged then
+};
+
+/// The limits and texts of a fetch or of a listing.
+const MonitorRules& RulesOf(Transaction::Kind kind);
+
+/// What one poll of a monitor has found.
+struct Poll {
+    enum End { GO_ON, LEAVE, TIMED_OUT };
+
+    End end = GO_ON;
+    const char* farewell = nullptr;  ///< to be logged by a monitor that leaves
+    unsigned int size = 0;           ///< of the arriving file, in bytes
+    unsigned int expectedSize = 0;
+    bool newSize = false;           ///< the size is to be logged
+    std::string path;               ///< of the arriving file, if its size or the time-out is to be logged
+    unsigned long long change = 0;  ///< for KyTransactionRecord::Wait
+};
+
+/// What a worker has to do with the file that it has fetched.
+enum class Arrival {
+    MISSING,     ///< there is none
+    OTHER_SIZE,  ///< it is not the one that was expected
+    WHOLE,       ///< move it
+    REPLACED,    ///< it has been removed: another transaction is current
+};
+
+/// The owner of the status record, and the rules of who may write it: every write is an operation here, which
+/// takes the request mutex, checks whose write it is, and changes status, text, names and counts together or
+/// not at all.
+///
+/// One fetch or listing is current. A push runs beside it and has a number of its own. A transaction is open
+/// from its acceptance until a row has ended it. Rows are whole: a writer whose row is not the one in the record
+/// puts in its own names and counts as well, so that the last writer's row is what callers read.
+///
+///     writer    row                              when, and what is refused
+///     --------  -------------------------------  -------------------------------------------------------------
+///     request   fetch or listing IN PROGRESS     no record is in progress and none is open; replaces all before
+///     request   push IN PROGRESS or FAIL         always; replaces none
+///     device    name and size of the listing     the listing is current; replaces the worker of an earlier name;
+///                                                opens a listing that has ended
+///     device    bytes requested                  a size changes; also the size that the worker expects, unless
+///                                                the worker has ended or it is the echo of an own write
+///     worker    IN PROGRESS                      not replaced, not completed; opens a fetch that timed out
+///     worker    FAIL                             not replaced, not completed; ends it if no monitor does
+///     worker    COMPLETE                         it has claimed the file (Claim), after which none other ends it
+///     push      COMPLETE or FAIL                 no fetch or listing has been accepted since
+///     monitor   IN PROGRESS, COMPLETE            it watches the current request, which is open and not claimed
+///     monitor   FAIL by time                     the same, and no worker has claimed the file
+///     anybody   FAIL by time                     the deadline of one without a monitor has passed
+///     anybody   FAIL, cancelled                  one is in progress; replaces all
+///     worker,   FAIL, out of memory              not replaced; needs no memory
+///     monitor
+///
+/// Replaced transactions write no row and no flag. A worker that has been replaced tells the device nothing
+/// either, unless a monitor had reported its file complete.
+///
+/// All operations may be called from any thread. None blocks but for the mutex, one `stat` or `unlink`, and Wait.
+/// Those that take or give texts may throw std::bad_alloc, and have then changed nothing. The request mutex is a
+/// leaf.
+class KyTransactionRecord {
+public:
+    explicit KyTransactionRecord(KyTferClientMembers& members);
+    ~KyTransactionRecord();
+    KyTransactionRecord(const KyTransactionRecord&) = delete;
+    KyTransactionRecord& operator=(const KyTransactionRecord&) = delete;
+
+    /// A copy of the record. Ends a transaction without a monitor whose deadline has passed.
+    KyTferStatusMsg Copy();
+
+    /// The record's request type, without the mutex.
+    KyTferStatusMsg::TferRequestType RequestType() const { return m_requestType; }
+
+    unsigned int XferFileSize();
+
+    // Requests. `result` becomes a copy of the record that has been accepted.
+
+    /// @return the transaction; none, with nothing changed, if one is in progress
+    std::optional<Transaction> AcceptFetch(const std::string& name, unsigned int size,
+                                           KyTferStatusMsg& result);
+
+    /// Keeps other fetches and listings out until AcceptListing or RefuseListing.
+    /// @return false if one is in progress
+    bool ReserveListing();
+    Transaction AcceptListing(KyTferStatusMsg& result);
+    /// @param forgetKind  sets the record's request type to none
+    void RefuseListing(bool forgetKind);
+
+    /// Keeps an answer that comes before the record has been set up, for TakeEarlyAnswer.
+    /// @return false if no listing is reserved
+    bool KeepEarlyAnswer(const std::string& answer);
+    std::string TakeEarlyAnswer();
+
+    /// The file to push could not be staged.
+    void FailStaging(const std::string& text, KyTferStatusMsg& result);
+    /// A push has begun writing its size to the device.
+    void BeginPush(unsigned int size);
+    /// @param announced  the device has taken size and name; otherwise the row is a failed one
+    Transaction AcceptPush(Transaction push, bool announced, KyTferStatusMsg& result);
+
+    /// No monitor thread could be started for this request.
+    void Unwatch(unsigned long long request);
+
+    /// Ends whatever is in progress, with `text`, and replaces it by none. If a worker is moving its file, waits
+    /// for the last row: that transaction is complete, and nothing is in progress.
+    struct Abandoned {
+        bool any = false;               ///< something was in progress
+        bool unanswered = false;        ///< the device has not answered it yet
+        unsigned long long number = 0;  ///< for IsCurrent
+    };
+    Abandoned Abandon(const std::string& text, KyTferStatusMsg& record);
+
+    /// False once another fetch or listing has been accepted, named or abandoned.
+    bool IsCurrent(unsigned long long number);
+
+    // The device.
+
+    // "READY", and the name of a listing's file. Both give the worker's job; none if the current transaction is
+    // of another kind. `repeated` tells whether the device has answered before.
+
+    std::optional<Transaction> Ready(bool& repeated);
+    std::optional<Transaction> NameListing(const std::string& name, bool& repeated);
+    /// "NONE": the device has no listing.
+    void NoListing();
+    void SizeChanged(unsigned int size, bool echo);
+
+    // Workers.
+
+    /// @return false if the transaction has been replaced
+    bool Begin(const Transaction& job);
+    /// Decides what becomes of the file that was fetched. Sets the job's expected size, and its `worker` to
+    /// CLAIMED if it is to write the last row.
+    Arrival Claim(Transaction& job, bool present, unsigned long long size);
+    void Fail(const Transaction& job, const std::string& text);
+    void Complete(const Transaction& job, const std::string& text);
+    void EndPush(const Transaction& push, bool pushed);
+
+    // Monitors.
+
+    /// @param sizeLogged  the size that the monitor has logged last
+    Poll PollFile(const MonitorRules& rules, unsigned long long request, long long end,
+                  unsigned int sizeLogged);
+    /// The monitor's last row.
+    void EndByTime(const MonitorRules& rules, unsigned long long request, bool afterTimeOut);
+    /// Waits until something has happened since the poll that gave `change`, or the time is over.
+    void Wait(unsigned long long change, unsigned int milliseconds);
+    /// Ends all waits, for Stop.
+    void WakeMonitors();
+
+    // For bodies that run on a thread of the user's: they work for what is current.
+
+    Transaction Current();
+    unsigned long long CurrentRequest();
+    Transaction LastPush();
+    /// Holds the record in progress, or fails it. @return false if another transaction has begun since `last`
+    bool HoldForPush(unsigned long long last, bool inProgress);
+    unsigned long long LastNumber();
+
+    // A thread cannot go on because memory has run out.
+
+    void EndWorkerWithoutMemory(const Transaction& job);
+    void EndMonitorWithoutMemory(unsigned long long request);
+
+private:
+    struct Reported {
+        unsigned long long number = 0;
+        unsigned int size = 0;
+    };
+
+    bool IsOpen() const KY_REQUIRES(m_members.m_requestMutex);
+    bool InProgress() const KY_REQUIRES(m_members.m_requestMutex);
+    bool Watches(unsigned long long request) const KY_REQUIRES(m_members.m_requestMutex);
+    const Reported* FindReported(unsigned long long number) const KY_REQUIRES(m_members.m_requestMutex);
+    void EndOverdue() KY_REQUIRES(m_members.m_requestMutex);
+    Transaction Accept(Transaction& next, KyTferStatusMsg& row, KyTferStatusMsg& result)
+        KY_REQUIRES(m_members.m_requestMutex);
+    static void Show(const Transaction& transaction, KyTferStatusMsg& row);
+    void Commit(KyTferStatusMsg& row, unsigned long long number) KY_REQUIRES(m_members.m_requestMutex);
+    void Write(const Transaction& transaction, KyTferStatusMsg::TferStatus status, std::string_view text)
+        KY_REQUIRES(m_members.m_requestMutex);
+    void WriteInProgress() KY_REQUIRES(m_members.m_requestMutex);
+    void Reopen() KY_REQUIRES(m_members.m_requestMutex);
+    void EndCurrent() KY_REQUIRES(m_members.m_requestMutex);
+    void AwaitClaim() KY_REQUIRES(m_members.m_requestMutex);
+    void Wake() KY_REQUIRES(m_members.m_requestMutex);
+    void FailWithoutMemory(const Transaction& job) KY_REQUIRES(m_members.m_requestMutex);
+    bool Measure(Poll& poll, unsigned int sizeLogged) KY_REQUIRES(m_members.m_requestMutex);
+
+    KyTferClientMembers& m_members;
+    pthread_cond_t m_changed;
+    std::atomic<KyTferStatusMsg::TferRequestType> m_requestType{KyTferStatusMsg::TFER_REQ_NONE};
+
+    unsigned long long m_lastNumber KY_GUARDED_BY(m_members.m_requestMutex) = 0;
+    Transaction m_current KY_GUARDED_BY(m_members.m_requestMutex);  // the fetch or listing
+    Transaction m_lastPush KY_GUARDED_BY(m_members.m_requestMutex);
+    // Whose names are in the record.
+    unsigned long long m_shown KY_GUARDED_BY(m_members.m_requestMutex) = 0;
+    bool m_listingReserved KY_GUARDED_BY(m_members.m_requestMutex) = false;
+    std::string m_earlyAnswer KY_GUARDED_BY(m_members.m_requestMutex);
+    // The last transactions that monitors have reported complete: their workers may still have to move the file.
+    std::array<Reported, 8> m_reported KY_GUARDED_BY(m_members.m_requestMutex);
+    std::size_t m_nextReported KY_GUARDED_BY(m_members.m_requestMutex) = 0;
+    unsigned long long m_changes KY_GUARDED_BY(m_members.m_requestMutex) = 0;
+};
+
+}  // namespace ky_engine
+
+#endif
