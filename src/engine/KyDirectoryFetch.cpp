@@ -4,7 +4,6 @@
 #include <fstream>
 
 #include "directory/KyBlankSeparatedListing.h"
-#include "engine/KyRefusal.h"
 #include "engine/KyTferClientConstants.h"
 #include "platform/KyDlog.h"
 
@@ -18,12 +17,12 @@ constexpr std::size_t kMostListings = 16;
 }  // namespace
 
 // The device is asked before the record tells of it, so that a device that cannot be asked leaves no trace.
-bool KyDirectoryFetch::Request(KyTferStatusMsg& result) {
-    if (!m_record.ReserveListing()) return false;
+int KyDirectoryFetch::Request(KyTferStatusMsg& result) {
+    if (!m_record.ReserveListing()) return kBusy;
     const int status = m_points.Send(kRequestDirectory, PNT_CLIENT_FILE_REQ);
     if (status != 0) {
-        Refuse(status, result);
-        return true;
+        m_record.RefuseListing(true);
+        return status;
     }
     try {
         Accept(result);
@@ -31,14 +30,7 @@ bool KyDirectoryFetch::Request(KyTferStatusMsg& result) {
         m_record.RefuseListing(false);
         throw;
     }
-    return true;
-}
-
-void KyDirectoryFetch::Refuse(int status, KyTferStatusMsg& result) {
-    m_record.RefuseListing(true);
-    const std::string text = "Failed to send directory request to server. Status=" + std::to_string(status);
-    ky_engine::Refuse(result, kFunction, text.c_str());
-    result.SetReqType(KyTferStatusMsg::TFER_REQ_DIRECTORY);
+    return 0;
 }
 
 void KyDirectoryFetch::Accept(KyTferStatusMsg& result) {

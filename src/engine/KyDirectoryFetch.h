@@ -21,8 +21,8 @@ public:
           m_fetch(fetch),
           m_members(members) {}
 
-    /// @return false if a transaction is in progress
-    bool Request(KyTferStatusMsg& result);
+    /// @return 0; kBusy, or the status of the point write that failed
+    int Request(KyTferStatusMsg& result);
 
     /// The device has answered a listing request.
     /// @param echo  the value is one that the card has written itself
@@ -32,7 +32,6 @@ public:
     void CreateDirectoryFromFile(const std::string& path);
 
 private:
-    void Refuse(int status, KyTferStatusMsg& result);
     void Accept(KyTferStatusMsg& result);
 
     KyDevicePoints& m_points;

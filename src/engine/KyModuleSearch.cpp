@@ -1,6 +1,7 @@
 #include "engine/KyModuleSearch.h"
 
 #include <algorithm>
+#include <string>
 
 #include "engine/KyEngineTime.h"
 #include "engine/KyTferClientConstants.h"
@@ -16,39 +17,13 @@ constexpr unsigned int kLastModule = 0xFFFF;
 constexpr int kMatchesNeeded = 4;
 constexpr unsigned int kPauseSeconds = 2;
 
-}  // namespace
-
-bool KyModuleSearch::Run() {
-    try {
-        return Search();
-    } catch (...) {
-        __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "%s", kOutOfMemory);
-        return false;
-    }
-}
-
-bool KyModuleSearch::Search() {
-    const std::string mac = tal_netutils::KyNetUtils::GetMAC();
-    unsigned int count = 0;
-    if (!GetModuleCount(count)) return false;
-    // A card that does not know its own address would find itself in the first module without a text.
-    if (mac.empty()) return false;
-    bool found = false;
-    while (!found) {
-        if (m_stop) return false;
-        found = SearchModules(count, mac);
-        SleepUnlessStopped(kPauseSeconds, m_stop);
-    }
-    return true;
-}
-
-bool KyModuleSearch::GetModuleCount(unsigned int& count) const {
+bool GetModuleCount(const KyDevicePoints& points, unsigned int& count) {
     unsigned int reportId = 0;
-    if (m_points.GetReport(reportId, PNT_MON_AGENT_INFO) != 0) {
+    if (points.GetReport(reportId, PNT_MON_AGENT_INFO) != 0) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "MonAgentInfo report is not in the device FDM.");
         return false;
     }
-    if (m_points.GetModuleCount(count, reportId) != 0) {
+    if (points.GetModuleCount(count, reportId) != 0) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "Failed to get max module count, report ID: %lu",
                         static_cast<unsigned long>(reportId));
         return false;
@@ -56,27 +31,48 @@ bool KyModuleSearch::GetModuleCount(unsigned int& count) const {
     return true;
 }
 
-// One pass. The candidate is wider than an index while it counts: a device may claim as many modules as an index
-// can number, or more, and the pass must end then too.
-bool KyModuleSearch::SearchModules(unsigned int count, const std::string& mac) {
-    const unsigned int last = std::min(count, kLastModule);
-    for (unsigned int candidate = 1; candidate <= last && (candidate == 1 || !m_stop); ++candidate) {
-        if (ConfirmModule(static_cast<unsigned short>(candidate), mac)) {
-            m_mmIdx = static_cast<unsigned short>(candidate);
-            return true;
-        }
-    }
-    return false;
-}
-
-bool KyModuleSearch::ConfirmModule(unsigned short mmIdx, const std::string& mac) const {
+bool ConfirmModule(const KyDevicePoints& points, unsigned short mmIdx, const std::string& mac,
+                   const std::atomic<bool>& stop) {
     for (int matches = 1;; ++matches) {
         std::string agent;
-        if (m_points.ReadText(agent, PNT_MON_AGENT_INFO, mmIdx) != 0 || agent != mac) return false;
+        if (points.ReadText(agent, PNT_MON_AGENT_INFO, mmIdx) != 0 || agent != mac) return false;
         if (matches == kMatchesNeeded) return true;
         // Reads that follow each other without the pause prove nothing.
-        if (!SleepUnlessStopped(kPauseSeconds, m_stop)) return false;
+        if (!SleepUnlessStopped(kPauseSeconds, stop)) return false;
     }
+}
+
+// One pass. The candidate is wider than an index: a device may claim as many modules as an index can number, or
+// more, and the pass must end then too. @return the index, 0 if there is none
+unsigned short SearchModules(const KyDevicePoints& points, unsigned int count, const std::string& mac,
+                             const std::atomic<bool>& stop) {
+    const unsigned int last = std::min(count, kLastModule);
+    for (unsigned int candidate = 1; candidate <= last && (candidate == 1 || !stop); ++candidate) {
+        const auto mmIdx = static_cast<unsigned short>(candidate);
+        if (ConfirmModule(points, mmIdx, mac, stop)) return mmIdx;
+    }
+    return 0;
+}
+
+}  // namespace
+
+bool FindModule(const KyDevicePoints& points, std::atomic<unsigned short>& mmIdx,
+                const std::atomic<bool>& stop) try {
+    const std::string mac = tal_netutils::KyNetUtils::GetMAC();
+    unsigned int count = 0;
+    // A card that does not know its own address would find itself in the first module without a text.
+    if (!GetModuleCount(points, count) || mac.empty()) return false;
+    unsigned short found = 0;
+    while (found == 0) {
+        if (stop) return false;
+        found = SearchModules(points, count, mac, stop);
+        if (found != 0) mmIdx = found;
+        SleepUnlessStopped(kPauseSeconds, stop);
+    }
+    return true;
+} catch (...) {
+    __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "%s", kOutOfMemory);
+    return false;
 }
 
 }  // namespace ky_engine

@@ -10,10 +10,8 @@
 #include "engine/KyEngineTime.h"
 #include "engine/KyFileFetch.h"
 #include "engine/KyFilePush.h"
-#include "engine/KyFlagFiles.h"
 #include "engine/KyModuleSearch.h"
 #include "engine/KyNegotiation.h"
-#include "engine/KyRefusal.h"
 #include "engine/KyTferClientConstants.h"
 #include "engine/KyTferClientMembers.h"
 #include "engine/KyTransactionRecord.h"
@@ -24,6 +22,27 @@
 
 using namespace ky_engine;
 using Call = KyEngineThreads::Call;
+
+namespace {
+
+// Makes `result` a failed record of its own. Without memory for the reason, its text says so.
+void Fail(KyTferStatusMsg& result, const char* reason) {
+    KyTferStatusMsg failed(512);
+    failed.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
+    try {
+        failed.SetStatusMsg(std::string(reason));
+    } catch (...) {
+        failed.SetStatusMsg(std::string(kOutOfMemory));  // short enough to be stored in place
+    }
+    result.Swap(failed);
+}
+
+void Refuse(KyTferStatusMsg& result, const char* function, const char* reason) {
+    __dlog_printfex(KY_DLOG_ERROR, kSource, function, "%s", reason);
+    Fail(result, reason);
+}
+
+}  // namespace
 
 /// The parts of the engine. Each is given those before it that it needs.
 struct KyTferClient::Engine {
@@ -36,8 +55,6 @@ struct KyTferClient::Engine {
     KyFilePush push{points, record, threads, members};
     KyDirectoryFetch directory{points, record, threads, monitor, fetch, members};
     KyValueChanges changes{points, record, fetch, directory, members};
-    KyModuleSearch search{points, members.m_maiMmIdx, members.m_stopRequested};
-    KyNegotiation negotiation{points, members};
 
     // Held while a request is accepted and sent to the device, so that nothing comes in between. Taken before all
     // other locks.
@@ -83,7 +100,7 @@ int KyTferClient::Init(unsigned short deviceId, KyPldProxy* proxy) {
                     members.m_physicalSlot);
     int status = kNoMemory;
     try {
-        m_engine->search.Run();
+        FindModule(m_engine->points, members.m_maiMmIdx, members.m_stopRequested);
         __dlog_printfex(KY_DLOG_NOTICE, kSource, "Init",
                         "MAI multi-module index (1-based) that we will use: %d", members.m_maiMmIdx.load());
         m_engine->MakeDirectories();
@@ -92,7 +109,7 @@ int KyTferClient::Init(unsigned short deviceId, KyPldProxy* proxy) {
             __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "error initializing request mutex. error=%d",
                             error);
         }
-        status = m_engine->negotiation.Run(m_engine->record.XferFileSize());
+        status = Negotiate(m_engine->points, members, m_engine->record.XferFileSize());
     } catch (...) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "%s", kOutOfMemory);
     }
@@ -145,7 +162,11 @@ KyTferStatusMsg KyTferClient::GetDirectoryFromDevRequest() {
     static constexpr char kFunction[] = "GetDirectoryFromDevRequest";
     return m_engine->Admit(kFunction, [&](KyTferStatusMsg& result) {
         const std::lock_guard<std::mutex> turn(m_engine->conversation);
-        if (!m_engine->directory.Request(result)) Refuse(result, kFunction, kInProgress);
+        const int status = m_engine->directory.Request(result);
+        if (status == 0) return;
+        const std::string notSent = "Failed to send directory request to server. Status=";
+        Refuse(result, kFunction, status == kBusy ? kInProgress : (notSent + std::to_string(status)).c_str());
+        if (status != kBusy) result.SetReqType(KyTferStatusMsg::TFER_REQ_DIRECTORY);
     });
 }
 
@@ -217,8 +238,9 @@ int KyTferClient::MaiStringGet(std::string& value, unsigned short pointId) {
 }
 
 bool KyTferClient::AcquireMaiMmIdx() {
+    KyTferClientMembers& members = m_engine->members;
     const Call call(m_engine->threads);
-    return call && m_engine->search.Run();
+    return call && FindModule(m_engine->points, members.m_maiMmIdx, members.m_stopRequested);
 }
 
 bool KyTferClient::SleepUnlessStopped(unsigned int seconds, std::atomic<bool>& stop) {

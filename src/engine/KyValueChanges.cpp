@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "engine/KyFlagFiles.h"
+#include "engine/KyNegotiation.h"
 #include "engine/KyTferClientConstants.h"
 #include "platform/KyDlog.h"
 
