@@ -78,7 +78,10 @@ void KyDirectoryFetch::CreateDirectoryFromFile(const std::string& path) {
     const auto older = [](const auto& one, const auto& other) {
         return one.second.lastRead < other.second.lastRead;
     };
-    listings.erase(std::min_element(listings.begin(), listings.end(), older));
+    const auto oldest = std::min_element(listings.begin(), listings.end(), older);
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, "CreateDirectoryFromFile", "Dropped listing(%s)",
+                    oldest->first.c_str());
+    listings.erase(oldest);
 }
 
 }  // namespace ky_engine

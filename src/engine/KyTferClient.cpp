@@ -45,7 +45,7 @@ void Refuse(KyTferStatusMsg& result, const char* function, const char* reason) {
 }  // namespace
 
 /// The parts of the engine. Each is given those before it that it needs.
-struct KyTferClient::Engine {
+struct ky_engine::Engine {
     KyTferClientMembers members;
     KyEngineThreads threads;
     KyDevicePoints points{members.m_pldProxy, members.m_deviceId, members.m_maiMmIdx};
@@ -117,7 +117,7 @@ int KyTferClient::Init(unsigned short deviceId, KyPldProxy* proxy) {
     return status;
 }
 
-void KyTferClient::Engine::MakeDirectories() const {
+void Engine::MakeDirectories() const {
     const std::string id = std::to_string(members.m_deviceId.load());
     const std::string landing = std::string(kPldServerDir) + "/" + id + "/";
     const std::string download = landing + "tferFiles" + "/";
@@ -188,17 +188,22 @@ void KyTferClient::CancelTransaction(const std::string& transactionId) {
 // The record is ended first, at once. The device is told in turn with requests, and only if none has begun since.
 KyTferStatusMsg KyTferClient::AbandonTransaction(const std::string& reason) {
     static constexpr char kFunction[] = "AbandonTransaction";
-    return m_engine->Admit(kFunction, [&](KyTferStatusMsg& result) {
+    const Call call(m_engine->threads);
+    KyTferStatusMsg result(512);
+    try {
         const std::string text = reason.empty() ? kCancelled : kCancelled + (": " + reason);
         const auto abandoned = m_engine->record.Abandon(text, result);
-        if (!abandoned.any) return;
+        if (!abandoned.any || !call) return result;
         __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "%s", text.c_str());
         m_engine->points.AbortTransfer();
-        if (!abandoned.unanswered) return;
+        if (!abandoned.unanswered) return result;
         const std::lock_guard<std::mutex> turn(m_engine->conversation);
         if (m_engine->record.IsCurrent(abandoned.number))
             m_engine->points.Send(kRequestNone, PNT_CLIENT_FILE_REQ);
-    });
+    } catch (...) {
+        Refuse(result, kFunction, kOutOfMemory);
+    }
+    return result;
 }
 
 void KyTferClient::CreateDirectoryFromFile(const std::string& path) {

@@ -10,6 +10,10 @@
 #include "platform/KyPldProxy.h"
 #include "platform/KyValChgInfo.h"
 
+namespace ky_engine {
+struct Engine;
+}
+
 /// The transfer engine: moves files between the card and one managed device, and keeps the state of the
 /// transaction as a status record.
 ///
@@ -236,9 +240,7 @@ public:
     /// @}
 
 private:
-    struct Engine;
-
-    const std::unique_ptr<Engine> m_engine;
+    const std::unique_ptr<ky_engine::Engine> m_engine;
 };
 
 #endif
