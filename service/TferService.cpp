@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <new>
 
 #include "host/KyHostIpc.h"
 #include "messages/KyTferGetDevFile.h"
@@ -279,8 +278,6 @@ void TferService::Send(const KyTferMsg& request, KyTferMsg& reply) {
     if (fifo != kControlFifo) {
         KyIpcMsgBuffer buffer(512);
         reply.Serialize(&buffer);
-        // The caller had better wait in vain than take half an answer for the whole one.
-        if (!reply.IsWhole()) throw std::bad_alloc();
         KyIpcFifoSession session("tfersvc", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
         // An empty FIFO takes a short answer at once: a full one belongs to a caller that does not read.
         session.SetWriteBound(buffer.GetLength() < kShortAnswer ? 0 : kAnswerBoundMs);

@@ -26,15 +26,17 @@ void Trace(const char* checkPoint) {
     __dlog_printfex(KY_DLOG_TRACE, SOURCE, "DoRequest", "%s", checkPoint);
 }
 
-/// What `make` returns, or null if memory runs out meanwhile.
+/// Returns what `make` returns, or null, with an error in the log, if it throws.
 template <typename Make>
 auto OrNull(const char* function, Make make) -> decltype(make()) {
     try {
         return make();
     } catch (const std::exception& failure) {
         __dlog_printfex(KY_DLOG_ERROR, SOURCE, function, "Request given up: %s", failure.what());
-        return nullptr;
+    } catch (...) {
+        __dlog_printfex(KY_DLOG_ERROR, SOURCE, function, "Request given up: unknown exception");
     }
+    return nullptr;
 }
 
 /// The reply if it is a response; anything else is deleted.
@@ -107,7 +109,6 @@ bool TferSvcMsgClient::Send(KyTferMsg& request, const std::string& replyFifo) {
     KyIpcMsgBuffer buffer(1024);
     request.SetRespFifo(replyFifo);
     request.Serialize(&buffer);
-    if (!request.IsWhole()) throw std::bad_alloc();
     Trace("CP#1.2");
     const int status =
         m_session->WriteCtrl(reinterpret_cast<const char*>(buffer.GetBuf()), buffer.GetLength());
@@ -154,7 +155,7 @@ KyTferMsg* TferSvcMsgClient::GetStatus() {
 void TferSvcMsgClient::CancelTransaction(const std::string& transId) {
     delete OrNull("CancelTransaction", [&]() -> KyTferMsg* {
         std::unique_ptr<KyTferMsg> request(KyTferMsgFactory::CreateMsg(KyTferMsg::TFER_MSG_CANCEL_TRANS));
-        if (!request) return nullptr;
+        if (!request) throw std::bad_alloc();
         request->SetTransId(transId);
         return DoRequest(request.release());
     });

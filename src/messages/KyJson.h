@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-/// Owners for what jansson hands out. Internal to the library.
+/// Ownership of jansson's values, and jansson's failures as exceptions. Internal to the library.
 namespace ky_json {
 
 struct Release {
@@ -18,12 +18,12 @@ struct Release {
 /// Holds one reference to a JSON value.
 using Ref = std::unique_ptr<json_t, Release>;
 
-// What follows throws std::bad_alloc where jansson has run out of memory, so that no document is handed out
-// with parts missing.
+// The functions below throw std::bad_alloc if memory runs out, so that no document is returned with parts
+// missing.
 
-/// The document as text. A null document is one for which there was no memory.
+/// Returns the document as text. Throws for a null document: jansson returns null if memory runs out.
 ///
-/// jansson's own json_dumps() goes on without a key for which its text could not grow.
+/// json_dumps() is not used: if its text cannot grow for a key, it drops the key and goes on.
 inline std::string Dump(const Ref& document, size_t flags) {
     struct Sink {
         std::string text;
@@ -42,16 +42,16 @@ inline std::string Dump(const Ref& document, size_t flags) {
     return std::move(sink.text);
 }
 
-/// Sets a member of an object to a new value, of which it takes the reference.
+/// Sets a member of an object to a new value. Takes over the reference, also if it throws.
 inline void Set(const Ref& object, const char* key, json_t* value) {
     if (json_object_set_new(object.get(), key, value) != 0) throw std::bad_alloc();
 }
 
-/// Sets a member to a text. One that is not UTF-8 is left out.
+/// Sets a member to a text. A text that is not valid UTF-8 is left out.
 inline void SetText(const Ref& object, const char* key, const char* text) {
     json_t* value = json_string(text);
     if (value == nullptr) {
-        // For one reason or the other.
+        // Invalid UTF-8 or out of memory?
         const Ref any(json_string_nocheck(text));
         if (!any) throw std::bad_alloc();
         value = json_string(text);
@@ -60,12 +60,12 @@ inline void SetText(const Ref& object, const char* key, const char* text) {
     Set(object, key, value);
 }
 
-/// Adds a new value to an array, which takes the reference.
+/// Appends a new value to an array. Takes over the reference, also if it throws.
 inline void Append(const Ref& array, json_t* value) {
     if (json_array_append_new(array.get(), value) != 0) throw std::bad_alloc();
 }
 
-/// A text of ours that is empty only if memory has run out for it.
+/// Checks the result of an operation that returns an empty text only if memory has run out.
 inline const std::string& NotEmpty(const std::string& text) {
     if (text.empty()) throw std::bad_alloc();
     return text;

@@ -6,24 +6,14 @@ KyTferDevFileMsg::KyTferDevFileMsg(int sizeHint) : KyTferMsg(sizeHint), m_xferFi
 
 KyTferDevFileMsg::KyTferDevFileMsg(const std::string& origFileName, const std::string& xferFileName,
                                    int xferFileSize, int sizeHint)
-    : KyTferMsg(sizeHint), m_xferFileSize(xferFileSize) {
-    SetOrigFileName(origFileName);
-    SetXferFileName(xferFileName);
-}
+    : KyTferMsg(sizeHint),
+      m_origFileName(origFileName),
+      m_xferFileName(xferFileName),
+      m_xferFileSize(xferFileSize) {}
 
-KyTferDevFileMsg::KyTferDevFileMsg(const KyTferDevFileMsg& other)
-    : KyTferMsg(other), m_xferFileSize(other.m_xferFileSize) {
-    SetOrigFileName(other.m_origFileName);
-    SetXferFileName(other.m_xferFileName);
-}
+KyTferDevFileMsg::KyTferDevFileMsg(const KyTferDevFileMsg& other) = default;
 
-KyTferDevFileMsg& KyTferDevFileMsg::operator=(const KyTferDevFileMsg& other) {
-    KyTferMsg::operator=(other);
-    SetOrigFileName(other.m_origFileName);
-    SetXferFileName(other.m_xferFileName);
-    m_xferFileSize = other.m_xferFileSize;
-    return *this;
-}
+KyTferDevFileMsg& KyTferDevFileMsg::operator=(const KyTferDevFileMsg& other) = default;
 
 KyTferDevFileMsg::~KyTferDevFileMsg() = default;
 
@@ -36,7 +26,7 @@ void KyTferDevFileMsg::Serialize(KyIpcMsgBuffer* buffer) {
 
 void KyTferDevFileMsg::Deserialize(KyIpcMsgBuffer* buffer) {
     KyTferMsg::Deserialize(buffer);
-    Extract(buffer, m_xferFileName);
-    Extract(buffer, m_origFileName);
+    KyIpcMsgUtil::ExtractStringParam(buffer, m_xferFileName);
+    KyIpcMsgUtil::ExtractStringParam(buffer, m_origFileName);
     m_xferFileSize = KyIpcMsgUtil::ExtractInteger(buffer);
 }

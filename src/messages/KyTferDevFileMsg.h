@@ -32,17 +32,13 @@ public:
     /// @{
     /// The file's name as the requester knows it.
     const std::string& GetOrigFileName() const { return m_origFileName; }
-    void SetOrigFileName(const std::string& name) {
-        Try([&] { m_origFileName = name; });
-    }
+    void SetOrigFileName(const std::string& name) { m_origFileName = name; }
     /// @}
 
     /// @{
     /// The file's name on the way between card and device. On the wire it comes before the original name.
     const std::string& GetXferFileName() const { return m_xferFileName; }
-    void SetXferFileName(const std::string& name) {
-        Try([&] { m_xferFileName = name; });
-    }
+    void SetXferFileName(const std::string& name) { m_xferFileName = name; }
     /// @}
 
     /// @{

@@ -1,10 +1,21 @@
 #include "messages/KyTferMsg.h"
 
+#include <new>
 #include <utility>
 
 #include "platform/KyDlog.h"
 #include "platform/KyIpcMsgBuffer.h"
 #include "platform/KyIpcMsgUtil.h"
+
+namespace {
+
+/// Throws unless `buffer` holds more than `length` bytes. The platform's status does not count: a card's own
+/// platform may return something else.
+void RequireMoreThan(long long length, const KyIpcMsgBuffer& buffer) {
+    if (buffer.GetLength() <= length) throw std::bad_alloc();
+}
+
+}  // namespace
 
 KyTferMsg::KyTferMsg(int /*sizeHint*/) : m_msgType(TFER_MSG_NONE), m_sorServerId(0) {}
 
@@ -24,14 +35,12 @@ void KyTferMsg::Copy(const KyTferMsg* other) {
     if (other == nullptr) return;
     m_msgType = other->m_msgType;
     m_sorServerId = other->m_sorServerId;
-    m_whole = other->m_whole;
     SetCallerContext(other->m_callerContext);
     SetRespFifo(other->m_respFifo);
     SetTransId(other->m_transId);
 }
 
 void KyTferMsg::SwapWith(KyTferMsg& other) noexcept {
-    std::swap(m_whole, other.m_whole);
     std::swap(m_msgType, other.m_msgType);
     std::swap(m_sorServerId, other.m_sorServerId);
     m_transId.swap(other.m_transId);
@@ -39,22 +48,17 @@ void KyTferMsg::SwapWith(KyTferMsg& other) noexcept {
     m_respFifo.swap(other.m_respFifo);
 }
 
-// What the platform's operations return does not count: a field that was not there is empty, and one that
-// was put has made the buffer longer.
 void KyTferMsg::Put(KyIpcMsgBuffer* buffer, int value) {
-    const int before = buffer->GetLength();
+    const long long before = buffer->GetLength();
     KyIpcMsgUtil::PutInteger(buffer, value);
-    if (buffer->GetLength() == before) m_whole = false;
+    RequireMoreThan(before, *buffer);
 }
 
+// A text takes its bytes and at least one more, which tells where it ends.
 void KyTferMsg::Put(KyIpcMsgBuffer* buffer, const std::string& text) {
-    const int before = buffer->GetLength();
+    const long long before = buffer->GetLength();
     KyIpcMsgUtil::PutStringParam(buffer, text);
-    if (buffer->GetLength() == before) m_whole = false;
-}
-
-void KyTferMsg::Extract(KyIpcMsgBuffer* buffer, std::string& text) {
-    Try([&] { KyIpcMsgUtil::ExtractStringParam(buffer, text); });
+    RequireMoreThan(before + static_cast<long long>(text.size()), *buffer);
 }
 
 void KyTferMsg::Serialize(KyIpcMsgBuffer* buffer) {
@@ -66,13 +70,12 @@ void KyTferMsg::Serialize(KyIpcMsgBuffer* buffer) {
 }
 
 void KyTferMsg::Deserialize(KyIpcMsgBuffer* buffer) {
-    m_whole = true;
     m_msgType = static_cast<TferMsgType>(KyIpcMsgUtil::ExtractInteger(buffer));
     // A foreign writer may put more than 16 bits here; the low ones count.
     m_sorServerId = static_cast<unsigned short>(KyIpcMsgUtil::ExtractInteger(buffer) & 0xFFFF);
-    Extract(buffer, m_transId);
-    Extract(buffer, m_callerContext);
-    Extract(buffer, m_respFifo);
+    KyIpcMsgUtil::ExtractStringParam(buffer, m_transId);
+    KyIpcMsgUtil::ExtractStringParam(buffer, m_callerContext);
+    KyIpcMsgUtil::ExtractStringParam(buffer, m_respFifo);
 }
 
 int KyTferMsg::PeekMsgType(const unsigned char* bytes) {

@@ -17,8 +17,9 @@ class KyIpcMsgBuffer;
 /// message trusts its first field, the type; what the rest of a short or damaged buffer yields is 0 and the
 /// empty string.
 ///
-/// No operation throws. A message for which memory runs out while it is filled, copied, read or written
-/// says so with IsWhole; what it then holds, or has put into a buffer, is not for use.
+/// A message is an ordinary C++ value: constructors, setters, copies, assignments, Serialize() and
+/// Deserialize() throw std::bad_alloc if memory runs out. A message that was being changed is then valid, but
+/// holds a mix of old and new fields.
 class KYTFER_EXPORT KyTferMsg {
 public:
     /// What kind of message this is; the first field on the wire. A received message may hold any other
@@ -39,7 +40,8 @@ public:
 
     virtual ~KyTferMsg();
 
-    /// Appends the fields to `buffer`, which stays the caller's. What it cannot grow for is missing in it.
+    /// Appends the fields to `buffer`, which stays the caller's. Throws std::bad_alloc if the buffer cannot
+    /// grow; the buffer then holds a part of the message and must not be sent.
     virtual void Serialize(KyIpcMsgBuffer* buffer);
 
     /// Takes the fields from `buffer`, from its reading position on; the type read replaces this message's.
@@ -53,10 +55,6 @@ public:
     /// The type of the serialised message that starts at `bytes`, of which at least four must be readable (a
     /// KyIpcMsgBuffer's always are). Consumes nothing.
     static int PeekMsgType(const unsigned char* bytes);
-
-    /// False once memory has run out for the message: a text is missing. It is whole again when it is
-    /// next copied from a whole message or read from a buffer.
-    bool IsWhole() const { return m_whole; }
 
     /// @{
     /// What kind of message this is: each class sets its own, and Deserialize() what has come.
@@ -74,25 +72,19 @@ public:
     /// @{
     /// Identifier of the transaction; in a cancel request, of the one to cancel. Empty in a new message.
     const std::string& GetTransId() const { return m_transId; }
-    void SetTransId(const std::string& transId) {
-        Try([&] { m_transId = transId; });
-    }
+    void SetTransId(const std::string& transId) { m_transId = transId; }
     /// @}
 
     /// @{
     /// The caller's own context, carried through unchanged. Empty in a new message.
     const std::string& GetCallerContext() const { return m_callerContext; }
-    void SetCallerContext(const std::string& context) {
-        Try([&] { m_callerContext = context; });
-    }
+    void SetCallerContext(const std::string& context) { m_callerContext = context; }
     /// @}
 
     /// @{
     /// Name of the FIFO on which the sender waits for the reply. Empty in a new message.
     const std::string& GetRespFifo() const { return m_respFifo; }
-    void SetRespFifo(const std::string& fifo) {
-        Try([&] { m_respFifo = fifo; });
-    }
+    void SetRespFifo(const std::string& fifo) { m_respFifo = fifo; }
     /// @}
 
 protected:
@@ -103,28 +95,16 @@ protected:
     /// Takes over every base field of `other`, the type included.
     KyTferMsg(const KyTferMsg& other);
 
-    /// Does what may run out of memory; if it does, the message is not whole.
-    template <typename Work>
-    void Try(Work work) noexcept {
-        try {
-            work();
-        } catch (...) {
-            m_whole = false;
-        }
-    }
-
     /// Exchanges the base fields with `other`.
     void SwapWith(KyTferMsg& other) noexcept;
 
     /// @{
-    /// Writes or reads a field on the wire; without memory for it, the message is not whole.
-    void Put(KyIpcMsgBuffer* buffer, int value);
-    void Put(KyIpcMsgBuffer* buffer, const std::string& text);
-    void Extract(KyIpcMsgBuffer* buffer, std::string& text);
+    /// Appends a field to `buffer`; throws std::bad_alloc if the buffer has not grown by it.
+    static void Put(KyIpcMsgBuffer* buffer, int value);
+    static void Put(KyIpcMsgBuffer* buffer, const std::string& text);
     /// @}
 
 private:
-    bool m_whole = true;
     TferMsgType m_msgType;
     unsigned short m_sorServerId;
     std::string m_transId;

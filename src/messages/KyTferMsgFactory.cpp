@@ -13,7 +13,7 @@
 
 namespace {
 
-/// The constructors allocate nothing: all texts of a new message are empty.
+/// The constructors do not throw: all texts of a new message are empty and take no memory.
 template <typename Message>
 KyTferMsg* New() {
     return new (std::nothrow) Message(512);
@@ -41,9 +41,12 @@ KyTferMsg* KyTferMsgFactory::CreateMsg(KyTferMsg::TferMsgType type) {
 }
 
 KyTferMsg* KyTferMsgFactory::CreateMsgFromBuffer(KyIpcMsgBuffer* buffer) {
-    const int type = KyTferMsg::PeekMsgType(buffer->GetBuf());
-    std::unique_ptr<KyTferMsg> message(CreateMsg(static_cast<KyTferMsg::TferMsgType>(type)));
-    if (!message) return nullptr;
-    message->Deserialize(buffer);
-    return message->IsWhole() ? message.release() : nullptr;
+    try {
+        const int type = KyTferMsg::PeekMsgType(buffer->GetBuf());
+        std::unique_ptr<KyTferMsg> message(CreateMsg(static_cast<KyTferMsg::TferMsgType>(type)));
+        if (message) message->Deserialize(buffer);
+        return message.release();
+    } catch (...) {
+        return nullptr;
+    }
 }

@@ -8,7 +8,7 @@ class KyIpcMsgBuffer;
 /// Makes messages of the class that a message type stands for, empty or out of a received buffer. The caller
 /// owns what it is given and deletes it.
 ///
-/// May be called from any thread; a buffer is used by one thread at a time.
+/// May be called from any thread; a buffer is used by one thread at a time. No operation throws or blocks.
 class KYTFER_EXPORT KyTferMsgFactory {
 public:
     KyTferMsgFactory() = delete;

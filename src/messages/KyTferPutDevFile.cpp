@@ -1,18 +1,14 @@
 #include "messages/KyTferPutDevFile.h"
 
+#include "platform/KyIpcMsgUtil.h"
+
 KyTferPutDevFile::KyTferPutDevFile(int sizeHint) : KyTferDevFileMsg(sizeHint) {
     SetMsgType(TFER_MSG_PUT_DEV_FILE);
 }
 
-KyTferPutDevFile::KyTferPutDevFile(const KyTferPutDevFile& other) : KyTferDevFileMsg(other) {
-    SetSrcPath(other.m_srcPath);
-}
+KyTferPutDevFile::KyTferPutDevFile(const KyTferPutDevFile& other) = default;
 
-KyTferPutDevFile& KyTferPutDevFile::operator=(const KyTferPutDevFile& other) {
-    KyTferDevFileMsg::operator=(other);
-    SetSrcPath(other.m_srcPath);
-    return *this;
-}
+KyTferPutDevFile& KyTferPutDevFile::operator=(const KyTferPutDevFile& other) = default;
 
 KyTferPutDevFile::~KyTferPutDevFile() = default;
 
@@ -23,5 +19,5 @@ void KyTferPutDevFile::Serialize(KyIpcMsgBuffer* buffer) {
 
 void KyTferPutDevFile::Deserialize(KyIpcMsgBuffer* buffer) {
     KyTferDevFileMsg::Deserialize(buffer);
-    Extract(buffer, m_srcPath);
+    KyIpcMsgUtil::ExtractStringParam(buffer, m_srcPath);
 }

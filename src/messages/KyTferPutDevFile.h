@@ -27,9 +27,7 @@ public:
     /// @{
     /// Path on the card of the file to push.
     const std::string& GetSrcPath() const { return m_srcPath; }
-    void SetSrcPath(const std::string& path) {
-        Try([&] { m_srcPath = path; });
-    }
+    void SetSrcPath(const std::string& path) { m_srcPath = path; }
     /// @}
 
 private:

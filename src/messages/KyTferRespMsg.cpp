@@ -6,17 +6,9 @@ KyTferRespMsg::KyTferRespMsg(int sizeHint) : KyTferMsg(sizeHint), m_resultStatus
     SetMsgType(TFER_MSG_RESP);
 }
 
-KyTferRespMsg::KyTferRespMsg(const KyTferRespMsg& other)
-    : KyTferMsg(other), m_resultStatus(other.m_resultStatus) {
-    SetResultMsg(other.m_resultMsg);
-}
+KyTferRespMsg::KyTferRespMsg(const KyTferRespMsg& other) = default;
 
-KyTferRespMsg& KyTferRespMsg::operator=(const KyTferRespMsg& other) {
-    KyTferMsg::operator=(other);
-    m_resultStatus = other.m_resultStatus;
-    SetResultMsg(other.m_resultMsg);
-    return *this;
-}
+KyTferRespMsg& KyTferRespMsg::operator=(const KyTferRespMsg& other) = default;
 
 KyTferRespMsg::~KyTferRespMsg() = default;
 
@@ -29,5 +21,5 @@ void KyTferRespMsg::Serialize(KyIpcMsgBuffer* buffer) {
 void KyTferRespMsg::Deserialize(KyIpcMsgBuffer* buffer) {
     KyTferMsg::Deserialize(buffer);
     m_resultStatus = static_cast<TferMsgResult>(KyIpcMsgUtil::ExtractInteger(buffer));
-    Extract(buffer, m_resultMsg);
+    KyIpcMsgUtil::ExtractStringParam(buffer, m_resultMsg);
 }

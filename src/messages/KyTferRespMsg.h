@@ -38,9 +38,7 @@ public:
     /// @{
     /// Text that explains the outcome.
     const std::string& GetResultMsg() const { return m_resultMsg; }
-    void SetResultMsg(const std::string& text) {
-        Try([&] { m_resultMsg = text; });
-    }
+    void SetResultMsg(const std::string& text) { m_resultMsg = text; }
     /// @}
 
 private:

@@ -36,7 +36,7 @@ void KyTferStatusMsg::Copy(const KyTferStatusMsg* other) {
     m_bytesTransfered = other->m_bytesTransfered;
     SetOrigFileName(other->m_origFileName);
     SetXferFileName(other->m_xferFileName);
-    Try([&] { m_filePath = other->m_filePath; });
+    m_filePath = other->m_filePath;
     m_reqType = other->m_reqType;
 }
 
@@ -53,18 +53,12 @@ void KyTferStatusMsg::Swap(KyTferStatusMsg& other) noexcept {
 }
 
 void KyTferStatusMsg::SetFilePath(const std::string& path) {
-    Try([&] {
-        m_filePath = path;
-        if (m_filePath.empty() || m_filePath.back() != '/') m_filePath += '/';
-    });
+    m_filePath = path;
+    if (m_filePath.empty() || m_filePath.back() != '/') m_filePath += '/';
 }
 
 std::string KyTferStatusMsg::GetXferFullFilePath() const {
-    try {
-        return m_filePath + m_xferFileName;
-    } catch (...) {
-        return std::string();
-    }
+    return m_filePath + m_xferFileName;
 }
 
 unsigned int KyTferStatusMsg::GetPercentComplete() const {
@@ -83,7 +77,7 @@ unsigned int KyTferStatusMsg::GetPercentComplete() const {
     }
 }
 
-std::string KyTferStatusMsg::GetStatusText(TferStatus status) try {
+std::string KyTferStatusMsg::GetStatusText(TferStatus status) {
     switch (status) {
         case TFER_STATUS_NONE:
             return "TFER_STATUS_NONE";
@@ -98,8 +92,6 @@ std::string KyTferStatusMsg::GetStatusText(TferStatus status) try {
         default:
             return "TFER_STATUS_UNKNOWN";
     }
-} catch (...) {
-    return std::string();
 }
 
 std::string KyTferStatusMsg::GetJsonStatus() const {
@@ -107,7 +99,7 @@ std::string KyTferStatusMsg::GetJsonStatus() const {
         ky_json::Ref status(json_object());
         ky_json::SetText(status, "tfername", m_xferFileName.c_str());
         ky_json::Set(status, "status", json_integer(static_cast<unsigned int>(m_status)));
-        ky_json::SetText(status, "statusStr", ky_json::NotEmpty(GetStatusText(m_status)).c_str());
+        ky_json::SetText(status, "statusStr", GetStatusText(m_status).c_str());
         ky_json::SetText(status, "statusMsg", m_statusMsg.c_str());
         ky_json::Set(status, "progress", json_integer(GetPercentComplete()));
 
@@ -143,8 +135,8 @@ void KyTferStatusMsg::Deserialize(KyIpcMsgBuffer* buffer) {
     m_status = static_cast<TferStatus>(KyIpcMsgUtil::ExtractInteger(buffer));
     m_bytesRequested = static_cast<unsigned int>(KyIpcMsgUtil::ExtractInteger(buffer));
     m_bytesTransfered = static_cast<unsigned int>(KyIpcMsgUtil::ExtractInteger(buffer));
-    Extract(buffer, m_origFileName);
-    Extract(buffer, m_xferFileName);
-    Extract(buffer, m_filePath);
-    Extract(buffer, m_statusMsg);
+    KyIpcMsgUtil::ExtractStringParam(buffer, m_origFileName);
+    KyIpcMsgUtil::ExtractStringParam(buffer, m_xferFileName);
+    KyIpcMsgUtil::ExtractStringParam(buffer, m_filePath);
+    KyIpcMsgUtil::ExtractStringParam(buffer, m_statusMsg);
 }

@@ -53,7 +53,7 @@ public:
     /// Copies every field of `other`, those of the message base included. Null copies nothing.
     virtual void Copy(const KyTferStatusMsg* other);
 
-    /// Exchanges every field with `other`.
+    /// Exchanges every field with `other`, without allocating.
     void Swap(KyTferStatusMsg& other) noexcept;
 
     /// @{
@@ -83,28 +83,22 @@ public:
     /// @{
     /// Text that explains the status, for a person.
     const std::string& GetStatusMsg() const { return m_statusMsg; }
-    void SetStatusMsg(const std::string& text) {
-        Try([&] { m_statusMsg = text; });
-    }
+    void SetStatusMsg(const std::string& text) { m_statusMsg = text; }
 
-    /// The same, with nothing that could fail.
+    /// The same without allocating: takes over the text's memory and leaves the old status text in `text`.
     void SetStatusMsg(std::string&& text) noexcept { m_statusMsg.swap(text); }
     /// @}
 
     /// @{
     /// The file's name as the requester knows it.
     const std::string& GetOrigFileName() const { return m_origFileName; }
-    void SetOrigFileName(const std::string& name) {
-        Try([&] { m_origFileName = name; });
-    }
+    void SetOrigFileName(const std::string& name) { m_origFileName = name; }
     /// @}
 
     /// @{
     /// The file's name on the way between card and device.
     const std::string& GetXferFileName() const { return m_xferFileName; }
-    void SetXferFileName(const std::string& name) {
-        Try([&] { m_xferFileName = name; });
-    }
+    void SetXferFileName(const std::string& name) { m_xferFileName = name; }
     /// @}
 
     /// Directory of the file on the card; ends with "/" once it has been set.
@@ -113,7 +107,8 @@ public:
     /// Stores the path, with a "/" added unless it ends with one; the empty path becomes "/".
     void SetFilePath(const std::string& path);
 
-    /// The file path followed directly by the transfer file name. The empty string if memory has run out.
+    /// The file path followed directly by the transfer file name. Throws std::bad_alloc if memory has run
+    /// out.
     std::string GetXferFullFilePath() const;
 
     /// How far the transaction is, 0 to 100: 100 for one that has ended, well or not, and for one in progress
@@ -121,12 +116,12 @@ public:
     /// in single precision, as the card's displays have always shown it, and cut off: 29 of 100 bytes are 28.
     unsigned int GetPercentComplete() const;
 
-    /// The name of a status, "TFER_STATUS_UNKNOWN" for a number that is none. The empty string if memory has
-    /// run out.
+    /// The name of a status, "TFER_STATUS_UNKNOWN" for a number that is none. Throws std::bad_alloc if memory
+    /// has run out.
     static std::string GetStatusText(TferStatus status);
 
     /// The record as a JSON document of several lines with sorted keys and no final line end. A text that is
-    /// not valid UTF-8 is missing from it. The empty string if memory has run out.
+    /// not valid UTF-8 is missing from it. Never throws; the empty string if memory has run out.
     std::string GetJsonStatus() const;
 
 private:

@@ -21,6 +21,13 @@
 
 #include "directory/KyTferDirectory.h"
 #include "engine/KyTferClient.h"
+#include "messages/KyTferCancelTransMsg.h"
+#include "messages/KyTferGetDevDirMsg.h"
+#include "messages/KyTferGetDevFile.h"
+#include "messages/KyTferMsgFactory.h"
+#include "messages/KyTferPutDevFile.h"
+#include "messages/KyTferRespMsg.h"
+#include "platform/KyIpcMsgBuffer.h"
 #include "simdevice/SimDevice.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
@@ -287,6 +294,57 @@ bool Push(World& world) {
     return complete;
 }
 
+void Fill(KyTferMsg& message) {
+    message.SetTransId(kName);
+    message.SetCallerContext(kName);
+    message.SetRespFifo(kName);
+    if (auto* const file = dynamic_cast<KyTferDevFileMsg*>(&message)) {
+        file->SetOrigFileName(kName);
+        file->SetXferFileName(kName);
+    }
+    if (auto* const push = dynamic_cast<KyTferPutDevFile*>(&message)) push->SetSrcPath(kName);
+    if (auto* const reply = dynamic_cast<KyTferRespMsg*>(&message)) reply->SetResultMsg(kName);
+    if (auto* const status = dynamic_cast<Status*>(&message)) {
+        status->SetOrigFileName(kName);
+        status->SetXferFileName(kName);
+        status->SetFilePath(kName);
+        status->SetStatusMsg(kName);
+    }
+}
+
+std::string BytesOf(KyTferMsg& message) {
+    KyIpcMsgBuffer buffer(0);
+    message.Serialize(&buffer);
+    return {reinterpret_cast<char*>(buffer.GetBuf()), static_cast<size_t>(buffer.GetLength())};
+}
+
+/// Fills, copies, assigns and sends a message. If nothing throws, the message must be complete.
+template <typename Message>
+void CopyAndSend() try {
+    Message made(0), assigned(0);
+    Fill(made);
+    assigned = made;
+    Message copy(assigned);
+    KyIpcMsgBuffer buffer(0);
+    copy.Serialize(&buffer);
+    std::unique_ptr<KyTferMsg> read;
+    EXPECT_NO_THROW(read.reset(KyTferMsgFactory::CreateMsgFromBuffer(&buffer)));
+    const Scope unharmed(false);
+    Message full(0);
+    Fill(full);
+    EXPECT_TRUE(read ? BytesOf(*read) == BytesOf(full) : s_failed.load());
+} catch (const std::bad_alloc&) {
+    EXPECT_TRUE(s_failed);
+}
+
+bool Values(World&) {
+    for (void (*const row)() :
+         {CopyAndSend<KyTferGetDevFile>, CopyAndSend<KyTferPutDevFile>, CopyAndSend<KyTferGetDevDirMsg>,
+          CopyAndSend<KyTferRespMsg>, CopyAndSend<Status>, CopyAndSend<KyTferCancelTransMsg>})
+        Subject(row);
+    return true;
+}
+
 /// One run, and the next transaction without faults. @return whether a call has failed
 bool RunOnce(bool (*act)(World& world), Kind kind) {
     World world;
@@ -327,7 +385,7 @@ TEST_P(FaultSweep, AllKinds) {
 
 INSTANTIATE_TEST_SUITE_P(Operations, FaultSweep,
                          testing::Values(Operation{"Fetch", Fetch}, Operation{"Push", Push},
-                                         Operation{"Directory", Directory}),
+                                         Operation{"Directory", Directory}, Operation{"Values", Values}),
                          [](const auto& operation) { return operation.param.first; });
 
 }  // namespace
