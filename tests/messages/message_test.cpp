@@ -1,11 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <functional>
 #include <memory>
 #include <numeric>
 #include <tuple>
 #include <vector>
 
 #include "messages/KyTferMsgFactory.h"
+#include "messages/KyTferPutDevFile.h"
+#include "messages/KyTferRespMsg.h"
 #include "messages/KyTferStatusMsg.h"
 #include "platform/KyIpcMsgBuffer.h"
 
@@ -36,24 +40,33 @@ Message FromWire(const std::string& wire) {
     return Message(KyTferMsgFactory::CreateMsgFromBuffer(&buffer));
 }
 
+const std::string kLong(300, 'x');  // its length takes two bytes
+const std::vector<std::string> kBase = {Int(0xFEDC), Text("trans\xFF\x80"), Text("con\0text"s), Text("fifo")};
+
 void FillBase(KyTferMsg& message) {
-    message.SetSorServerId(65535);
-    message.SetTransId("trans");
+    message.SetSorServerId(0xFEDC);
+    message.SetTransId("trans\xFF\x80");
     message.SetCallerContext("con\0text"s);
     message.SetRespFifo("fifo");
 }
 
-KyTferStatusMsg FullStatus() {
-    KyTferStatusMsg message(512);
-    message.SetStatus(Status::TFER_STATUS_INPROGRESS);
-    message.SetReqType(Status::TFER_REQ_GET_FILE);
-    message.SetBytesRequested(4000);
-    message.SetBytesTransfered(3000);
-    message.SetOrigFileName("orig");
-    message.SetXferFileName("xfer");
-    message.SetFilePath("/a/b");
-    message.SetStatusMsg("text");
-    return message;
+void FillFile(KyTferMsg& message) {
+    auto& file = dynamic_cast<KyTferDevFileMsg&>(message);
+    file.SetOrigFileName("orig");
+    file.SetXferFileName(kLong);
+    file.SetXferFileSize(INT_MIN + 0x01020304);
+}
+
+void FillStatus(KyTferMsg& message) {
+    auto& status = dynamic_cast<Status&>(message);
+    status.SetStatus(Status::TFER_STATUS_INPROGRESS);
+    status.SetReqType(Status::TFER_REQ_GET_FILE);
+    status.SetBytesRequested(UINT_MAX);
+    status.SetBytesTransfered(0x89ABCDEF);
+    status.SetOrigFileName("orig");
+    status.SetXferFileName("\"\xC3\xA9\"");
+    status.SetFilePath("/a/b");
+    status.SetStatusMsg("text");
 }
 
 /// What becomes of a message of which only `length` bytes arrive: the fields behind are 0 or empty, which
@@ -67,22 +80,39 @@ std::string Expected(const std::vector<std::string>& fields, size_t length) {
     return wire;
 }
 
-TEST(Messages, EveryClassAndEveryTruncation) {
-    // The fields behind those of every message.
-    const std::vector<std::string> rows[] = {
-        {Text("xfer"), Text("orig"), Int(-2U)},
-        {Text("xfer"), Text("orig"), Int(-2U), Text("/source")},
-        {},
-        {Int(-1U), Text("result")},
-        {Int(3), Int(4000), Int(3000), Text("orig"), Text("xfer"), Text("/a/b/"), Text("text")},
-        {},
+TEST(Messages, BytesOfEveryClassAndEveryTruncation) {
+    const struct {
+        std::function<void(KyTferMsg&)> fill;
+        std::vector<std::string> fields;  // behind those of every message
+    } rows[] = {
+        {FillFile, {Text(kLong), Text("orig"), Int(0x81020304)}},
+        {[](KyTferMsg& message) {
+             FillFile(message);
+             dynamic_cast<KyTferPutDevFile&>(message).SetSrcPath("/source");
+         },
+         {Text(kLong), Text("orig"), Int(0x81020304), Text("/source")}},
+        {[](KyTferMsg&) {}, {}},
+        {[](KyTferMsg& message) {
+             auto& reply = dynamic_cast<KyTferRespMsg&>(message);
+             reply.SetResultStatus(static_cast<KyTferRespMsg::TferMsgResult>(-2));
+             reply.SetResultMsg("result");
+         },
+         {Int(-2U), Text("result")}},
+        {FillStatus,
+         {Int(3), Int(UINT_MAX), Int(0x89ABCDEF), Text("orig"), Text("\"\xC3\xA9\""), Text("/a/b/"),
+          Text("text")}},
+        {[](KyTferMsg&) {}, {}},
     };
     for (unsigned int type = 1; type <= std::size(rows); ++type) {
-        const std::vector<std::string>& own = rows[type - 1];
-        std::vector<std::string> fields = {Int(type), Int(65535), Text("trans"), Text("con\0text"s),
-                                           Text("fifo")};
+        const auto& [fill, own] = rows[type - 1];
+        std::vector<std::string> fields = {Int(type)};
+        fields.insert(fields.end(), kBase.begin(), kBase.end());
         fields.insert(fields.end(), own.begin(), own.end());
         const std::string wire = std::accumulate(fields.begin(), fields.end(), ""s);
+        const Message made(KyTferMsgFactory::CreateMsg(static_cast<KyTferMsg::TferMsgType>(type)));
+        FillBase(*made);
+        fill(*made);
+        EXPECT_EQ(BytesOf(*made), wire) << type;
         for (size_t length = 1; length <= wire.size(); ++length) {
             const Message read = FromWire(wire.substr(0, length));
             ASSERT_NE(read, nullptr) << type << " " << length;
@@ -93,10 +123,27 @@ TEST(Messages, EveryClassAndEveryTruncation) {
         EXPECT_EQ(FromWire(type), nullptr) << testing::PrintToString(type);
 }
 
+TEST(StatusMessage, Document) {
+    Status message(512);
+    FillStatus(message);
+    EXPECT_EQ(message.GetJsonStatus(), R"({
+  "context": "none",
+  "fileTferStatus": [
+    {
+      "progress": 53,
+      "status": 3,
+      "statusMsg": "text",
+      "statusStr": "TFER_STATUS_INPROGRESS",
+      "tfername": "\"é\""
+    }
+  ]
+})");
+}
+
 TEST(StatusMessage, ForeignWriterMayPutAnyNumber) {
     const Message message = FromWire(Int(5) + Int(0x12345) + Int(0) + Int(0) + Int(0) + Int(-7U) + Int(-1U) +
                                      Int(0x80000000U) + Text("o") + Text("caf\xE9") + Text("no/slash"));
-    auto& status = dynamic_cast<KyTferStatusMsg&>(*message);
+    auto& status = dynamic_cast<Status&>(*message);
     EXPECT_EQ(status.GetSorServerId(), 0x2345);
     EXPECT_EQ(status.GetBytesRequested(), 0xFFFFFFFFU);
     EXPECT_EQ(status.GetXferFullFilePath(), "no/slashcaf\xE9");
@@ -108,14 +155,18 @@ TEST(StatusMessage, ForeignWriterMayPutAnyNumber) {
 }
 
 TEST(StatusMessage, AssignmentThroughTheBaseCopiesTheBaseAlone) {
-    KyTferStatusMsg from = FullStatus(), to(512), baseAlone(512);
+    Status from(512), to(512), baseAlone(512);
     FillBase(from);
     FillBase(baseAlone);
+    FillStatus(from);
     static_cast<KyTferMsg&>(to) = static_cast<const KyTferMsg&>(from);
     EXPECT_EQ(BytesOf(to), BytesOf(baseAlone));
     to = from;
-    EXPECT_EQ(BytesOf(to), BytesOf(from));
-    EXPECT_EQ(KyTferStatusMsg(to).GetReqType(), Status::TFER_REQ_GET_FILE);
+    Status copy(to), swapped(512);
+    static_assert(noexcept(copy.Swap(swapped))&& noexcept(copy.SetStatusMsg(std::string())));
+    swapped.Swap(copy);
+    EXPECT_EQ(BytesOf(swapped), BytesOf(from));
+    EXPECT_EQ(swapped.GetReqType(), Status::TFER_REQ_GET_FILE);
 }
 
 TEST(StatusMessage, Percentage) {
@@ -131,7 +182,7 @@ TEST(StatusMessage, Percentage) {
         {Status::TFER_STATUS_INPROGRESS, 0, 0xFFFFFFFFU, 0},
     };
     for (const auto& [status, transfered, requested, percent] : rows) {
-        KyTferStatusMsg message(512);
+        Status message(512);
         message.SetStatus(static_cast<Status::TferStatus>(status));
         message.SetBytesTransfered(transfered);
         message.SetBytesRequested(requested);
