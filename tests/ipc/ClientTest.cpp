@@ -20,10 +20,10 @@ constexpr char CONTROL[] = "tfersvc-CtrlFifo";
 std::string Describe(const KyTferMsg& request) {
     const auto* const file = dynamic_cast<const KyTferDevFileMsg*>(&request);
     const auto* const push = dynamic_cast<const KyTferPutDevFile*>(&request);
-    const std::string names = file ? file->GetXferFileName() + "|" + file->GetOrigFileName() : "";
-    return std::to_string(request.GetMsgType()) + "|" + request.GetTransId() + "|" + names +
-           (file ? "|" + std::to_string(file->GetXferFileSize()) : "") +
-           (push ? "|" + push->GetSrcPath() : "");
+    std::string text = std::to_string(request.GetMsgType()) + "|" + request.GetTransId() + "|";
+    if (file) text += file->GetXferFileName() + "|" + file->GetOrigFileName();
+    if (file) text += "|" + std::to_string(file->GetXferFileSize());
+    return push ? text + "|" + push->GetSrcPath() : text;
 }
 
 std::string FrameOf(KyTferMsg& message) {
@@ -41,6 +41,7 @@ protected:
         const Message request(KyTferMsgFactory::CreateMsgFromBuffer(&buffer));
         EXPECT_EQ(Describe(*request), description);
         EXPECT_EQ(Path(request->GetRespFifo()), m_reply);
+        EXPECT_EQ(fs::status(m_reply).permissions(), fs::perms(0777)) << "the service may be any user";
         WriteRaw(m_reply, reply);
     }
 
@@ -55,7 +56,6 @@ TEST_F(ClientTest, RequestsAndReplies) {
     const Ask directory = [&] { return m_client.GetDevDirectory(); };
     const Ask push = [&] { return m_client.PutDevFile("/source"); };
     const Ask fetch = [&] { return m_client.GetDevFile("name", "other", 4294967295U); };
-    const Ask cancel = [&] { return m_client.CancelTransaction("the transaction"), nullptr; };
     KyTferRespMsg response(512);
     KyTferStatusMsg record(512);
     record.SetStatusMsg(std::string(5000, 's'));
@@ -72,7 +72,7 @@ TEST_F(ClientTest, RequestsAndReplies) {
         {"directory", directory, "3||", right, true, ""},
         {"push", push, "2||||0|/source", right, true, ""},
         {"fetch", fetch, "1||name||-1", right, true, ""},
-        {"cancel", cancel, "6|the transaction|", right, false, ""},
+        {"cancel", [&] { return m_client.CancelTransaction("id"), nullptr; }, "6|id|", right, false, ""},
         {"directory, wrong class", directory, "3||", large, false, ""},
         {"push, wrong class", push, "2||||0|/source", large, false, ""},
         {"fetch, wrong class", fetch, "1||name||-1", large, false, ""},

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <filesystem>
 #include <functional>
 
 #include "host/KyFd.h"
@@ -12,6 +13,8 @@
 #include "host/KyIpcFrame.h"
 #include "platform/KyIpcFifoSession.h"
 #include "support/TempDir.h"
+
+namespace fs = std::filesystem;
 
 extern "C" int __real_poll(pollfd* files, nfds_t count, int milliseconds);
 

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <filesystem>
 #include <utility>
 #include <vector>
 
@@ -11,8 +10,6 @@ extern "C" int __wrap_poll(pollfd* files, nfds_t count, int milliseconds) {
 }
 
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr char NAME[] = "test-Fifo";
 
