@@ -38,6 +38,7 @@ public:
     int GetPointReportId(unsigned int& reportId, unsigned short device, unsigned short pointId) override {
         return m_device.GetPointReportId(reportId, device, pointId);
     }
+    void AbortTransfer(unsigned short device) override { m_device.AbortTransfer(device); }
 
 protected:
     bool DoGetDevFile(unsigned short device, const std::string& option,

@@ -6,8 +6,8 @@
 /// The card's way to the managed device: its numbered points and its file path.
 ///
 /// A card brings its own proxy by deriving from this class. Every operation may be called from several
-/// threads at once, and blocks until the device has answered or the proxy's own time limit has passed: the
-/// transfer engine sets no limit of its own around a call.
+/// threads at once. All but AbortTransfer block until the device has answered or the proxy's own time limit
+/// has passed: the transfer engine sets no limit of its own around a call.
 ///
 /// A point is addressed by device, point identifier and multi-module index (counted from 1; 0 when the
 /// card's index is not known). `idx`, `uom`, `norm` and `option` are further addressing of the platform's;
@@ -76,6 +76,20 @@ protected:
     /// Does the work of PutDevFile.
     virtual bool DoPutDevFile(unsigned short device, const std::string& directory,
                               const std::string& fileName, const std::string& xferFileName) = 0;
+
+public:
+    /// Ends the calls of GetDevFile and PutDevFile that are under way on the device: they return false soon,
+    /// and what has been delivered of a file stays where it is. Later calls are not affected. The engine
+    /// calls it when a transfer is abandoned.
+    ///
+    /// Optional: a proxy that does not implement it lets the calls run to their end. Declared last, so that
+    /// the other operations keep their places in the table of virtual functions.
+    ///
+    /// It may be called from any thread, several times, and when nothing is under way, which is no failure.
+    /// It must not block: it asks the calls to end and does not wait for them.
+    ///
+    /// @param device  identifier of the managed device
+    virtual void AbortTransfer(unsigned short device) { static_cast<void>(device); }
 };
 
 #endif
