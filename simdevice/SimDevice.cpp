@@ -31,7 +31,7 @@ SimDevice::SimDevice(const SimDeviceConfig& config)
       m_changes(config.manualDelivery),
       m_points(config, m_changes),
       m_files(config.directory),
-      m_line(config.lineRate, m_abort),
+      m_line(config.lineRate),
       m_late(m_abort, m_changes) {}
 
 // Both threads may be inside this object's operations; they end while it is still whole.
@@ -147,24 +147,31 @@ int SimDevice::GetPointReportId(unsigned int& reportId, unsigned short device, u
     });
 }
 
+void SimDevice::AbortTransfer(unsigned short device) {
+    if (device == m_config.deviceId) m_abort.EndCalls();
+}
+
 bool SimDevice::DoGetDevFile(unsigned short device, const std::string&, const std::string& fileName) {
+    const SimAbort::Call call(m_abort);
     return SIM_OK == Recorded({SimCallKind::GET_FILE, 0, fileName, 0, device, 0}, [&](SimCall&) {
                const SimFault fault =
                    m_faults.Of(m_files.IsListing(fileName) ? SimOperation::DIRECTORY : SimOperation::FETCH);
-               const int status = AdmitTransfer(device, fault);
-               return status != SIM_OK || fault.noFile ? status : Deliver(fileName, fault);
+               const int status = AdmitTransfer(device, fault, call);
+               return status != SIM_OK || fault.noFile ? status : Deliver(fileName, fault, call);
            });
 }
 
 bool SimDevice::DoPutDevFile(unsigned short device, const std::string& directory, const std::string& fileName,
                              const std::string& xferFileName) {
+    const SimAbort::Call call(m_abort);
     const std::string names = directory + " " + fileName + " " + xferFileName;
     return SIM_OK == Recorded({SimCallKind::PUT_FILE, 0, names, 0, device, 0}, [&](SimCall&) {
                const SimFault fault = m_faults.Of(SimOperation::PUSH);
-               m_abort.Sleep(std::uint64_t{fault.delayMs} * 1000);
-               const int status = AdmitTransfer(device, fault);
-               return status != SIM_OK || fault.noFile ? status
-                                                       : Accept(directory + fileName, xferFileName, fault);
+               call.Sleep(std::uint64_t{fault.delayMs} * 1000);
+               const int status = AdmitTransfer(device, fault, call);
+               return status != SIM_OK || fault.noFile
+                          ? status
+                          : Accept(directory + fileName, xferFileName, fault, call);
            });
 }
 
@@ -228,39 +235,40 @@ void SimDevice::GiveAnswer(const SimFault& fault, const std::string& word, std::
     if (fault.answer == SimAnswer::READY_TWICE) ChangeString(sim_point::CLIENT_FILE_REQ, word);
 }
 
-int SimDevice::AdmitTransfer(unsigned short device, const SimFault& fault) {
+int SimDevice::AdmitTransfer(unsigned short device, const SimFault& fault, const SimAbort::Call& call) const {
     if (device != m_config.deviceId) return SIM_NO_DEVICE;
     if (fault.refuse) return SIM_REFUSED;
-    if (fault.stuck && fault.stuckAfterBytes == 0) m_abort.WaitTripped();
-    return m_abort.Tripped() ? SIM_ABORTED : SIM_OK;
+    if (fault.stuck && fault.stuckAfterBytes == 0) call.WaitEnded();
+    return call.Ended() ? SIM_ABORTED : SIM_OK;
 }
 
-int SimDevice::Deliver(const std::string& fileName, const SimFault& fault) {
+int SimDevice::Deliver(const std::string& fileName, const SimFault& fault, const SimAbort::Call& call) {
     SimSource source;
     if (!m_files.Open(fileName, source)) return SIM_NO_FILE;
     const std::string path = m_config.landingDirectory + fileName;
     KyFd target(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
     if (!target) return SIM_IO_FAILURE;
-    const bool copied = m_line.Copy(source, target.Get(), fault);
+    const bool copied = m_line.Copy(source, target.Get(), fault, call);
     const bool closed = target.Close();
-    if (m_abort.Tripped()) return SIM_ABORTED;
+    if (call.Ended()) return SIM_ABORTED;
     return copied && closed ? SIM_OK : SIM_IO_FAILURE;
 }
 
 // The file takes its name only when it is whole; until then it is hidden, and so none of the device's files.
-int SimDevice::Accept(const std::string& path, const std::string& xferFileName, const SimFault& fault) {
+int SimDevice::Accept(const std::string& path, const std::string& xferFileName, const SimFault& fault,
+                      const SimAbort::Call& call) {
     SimSource source;
     if (!SimFiles::IsFileName(xferFileName) || !source.OpenFile(path) || source.size > m_config.maxFileSize)
         return SIM_NO_FILE;
     std::string hidden = m_config.directory + ".arriving-XXXXXX";
     KyFd target(mkostemp(hidden.data(), O_CLOEXEC));
     if (!target) return SIM_IO_FAILURE;
-    const bool stored = m_line.Copy(source, target.Get(), fault) && fchmod(target.Get(), 0644) == 0 &&
-                        target.Close() && !m_abort.Tripped() &&
+    const bool stored = m_line.Copy(source, target.Get(), fault, call) && fchmod(target.Get(), 0644) == 0 &&
+                        target.Close() && !call.Ended() &&
                         rename(hidden.c_str(), (m_config.directory + xferFileName).c_str()) == 0;
     if (stored) return SIM_OK;
     unlink(hidden.c_str());
-    return m_abort.Tripped() ? SIM_ABORTED : SIM_IO_FAILURE;
+    return call.Ended() ? SIM_ABORTED : SIM_IO_FAILURE;
 }
 
 unsigned short SimDevice::IndexOr(unsigned short mmIdx) const {

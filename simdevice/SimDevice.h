@@ -150,6 +150,10 @@ public:
     int GetMaxModuleCount(unsigned int& count, unsigned short device, unsigned short reportId) override;
     int GetPointReportId(unsigned int& reportId, unsigned short device, unsigned short pointId) override;
 
+    /// Ends the file calls under way within 10 ms: they return false, and what a fetch has delivered stays.
+    /// Later calls, points and answers go on as before. Another device's identifier ends nothing.
+    void AbortTransfer(unsigned short device) override;
+
 protected:
     bool DoGetDevFile(unsigned short device, const std::string& option, const std::string& fileName) override;
     bool DoPutDevFile(unsigned short device, const std::string& directory, const std::string& fileName,
@@ -166,9 +170,10 @@ private:
     void HandleRequest(const std::string& text);
     void Answer(SimOperation operation, const std::string& text);
     void GiveAnswer(const SimFault& fault, const std::string& word, std::uint64_t size);
-    int AdmitTransfer(unsigned short device, const SimFault& fault);
-    int Deliver(const std::string& fileName, const SimFault& fault);
-    int Accept(const std::string& path, const std::string& xferFileName, const SimFault& fault);
+    int AdmitTransfer(unsigned short device, const SimFault& fault, const SimAbort::Call& call) const;
+    int Deliver(const std::string& fileName, const SimFault& fault, const SimAbort::Call& call);
+    int Accept(const std::string& path, const std::string& xferFileName, const SimFault& fault,
+               const SimAbort::Call& call);
     unsigned short IndexOr(unsigned short mmIdx) const;
 
     const SimDeviceConfig m_config;

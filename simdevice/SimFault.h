@@ -26,7 +26,7 @@ struct SimFault {
     long long announceSizeDelta = 0;       ///< size announced less the real one
     bool announceSize = true;              ///< false: the word comes without a size
     bool noFile = false;                   ///< the file operation says true, and no file arrives
-    bool stuck = false;                    ///< the file operation hangs until the device is aborted
+    bool stuck = false;                    ///< the file operation hangs until it is aborted
     std::uint64_t stuckAfterBytes = 0;  ///< with `stuck`: bytes delivered before; at 0 no file is there yet
     bool garbage = false;               ///< the delivered bytes are noise
     bool answerBeforeReturn = false;    ///< the request's write waits, at most 5 s, for the delivery of

@@ -35,9 +35,8 @@ void MakeNoise(char* bytes, std::size_t count, std::uint64_t offset) {
 
 }  // namespace
 
-SimLine::SimLine(std::uint64_t bytesPerSecond, SimAbort& abort) : m_rate(bytesPerSecond), m_abort(abort) {}
-
-bool SimLine::Copy(const SimSource& source, int target, const SimFault& fault) {
+bool SimLine::Copy(const SimSource& source, int target, const SimFault& fault,
+                   const SimAbort::Call& call) const {
     const std::uint64_t total = BytesToDeliver(source.size, fault.sizeDelta);
     const std::uint64_t end = fault.stuck ? std::min(total, fault.stuckAfterBytes) : total;
     std::uint64_t owedMicroseconds = 0;
@@ -46,10 +45,10 @@ bool SimLine::Copy(const SimSource& source, int target, const SimFault& fault) {
         std::uint64_t moved = 0;
         if (!MoveChunk(source, target, fault, offset, end, moved)) return false;
         offset += moved;
-        if (!Pace(moved, owedMicroseconds)) return false;
+        if (!Pace(moved, owedMicroseconds, call)) return false;
     }
-    if (fault.stuck) m_abort.WaitTripped();
-    return m_abort.Sleep(owedMicroseconds);
+    if (fault.stuck) call.WaitEnded();
+    return call.Sleep(owedMicroseconds);
 }
 
 // A chunk is at most what the line carries in 10 ms. Bytes behind the end of the source are zeros.
@@ -75,10 +74,10 @@ bool SimLine::MoveChunk(const SimSource& source, int target, const SimFault& fau
 }
 
 // Sleeps out what the bytes cost. Less than 10 ms is left owing, because a sleep costs time itself.
-bool SimLine::Pace(std::uint64_t bytes, std::uint64_t& owedMicroseconds) const {
+bool SimLine::Pace(std::uint64_t bytes, std::uint64_t& owedMicroseconds, const SimAbort::Call& call) const {
     const std::uint64_t rate = m_rate;
-    if (rate == 0) return !m_abort.Tripped();
+    if (rate == 0) return !call.Ended();
     owedMicroseconds += bytes * 1000000 / rate;
-    if (owedMicroseconds < 10000) return !m_abort.Tripped();
-    return m_abort.Sleep(std::exchange(owedMicroseconds, 0));
+    if (owedMicroseconds < 10000) return !call.Ended();
+    return call.Sleep(std::exchange(owedMicroseconds, 0));
 }

@@ -15,24 +15,23 @@ struct SimSource;
 class SimLine {
 public:
     /// @param bytesPerSecond  0 for unlimited
-    /// @param abort           ends every copying; must outlive the line
-    SimLine(std::uint64_t bytesPerSecond, SimAbort& abort);
+    explicit SimLine(std::uint64_t bytesPerSecond) : m_rate(bytesPerSecond) {}
 
     void SetRate(std::uint64_t bytesPerSecond) { m_rate = bytesPerSecond; }
 
     /// Copies `source` chunk by chunk to the descriptor `target`, damaged as `fault` says, and returns when
     /// the last byte's time has passed.
     ///
-    /// @return false if it was aborted or a file operation failed; what had arrived by then stays
-    bool Copy(const SimSource& source, int target, const SimFault& fault);
+    /// @param call  the file call that copies; its end ends the copying
+    /// @return false if the call has ended or a file operation failed; what had arrived by then stays
+    bool Copy(const SimSource& source, int target, const SimFault& fault, const SimAbort::Call& call) const;
 
 private:
     bool MoveChunk(const SimSource& source, int target, const SimFault& fault, std::uint64_t offset,
                    std::uint64_t end, std::uint64_t& moved) const;
-    bool Pace(std::uint64_t bytes, std::uint64_t& owedMicroseconds) const;
+    bool Pace(std::uint64_t bytes, std::uint64_t& owedMicroseconds, const SimAbort::Call& call) const;
 
     std::atomic<std::uint64_t> m_rate;
-    SimAbort& m_abort;
 };
 
 #endif

@@ -29,7 +29,7 @@ enum SimStatus {
     SIM_BAD_VALUE = 4,   ///< the value is missing or longer than a string point holds
     SIM_NO_FILE = 5,     ///< the file does not exist, or its name or size is not acceptable
     SIM_REFUSED = 6,     ///< a fault made the device refuse the transfer
-    SIM_ABORTED = 7,     ///< the device has been aborted
+    SIM_ABORTED = 7,     ///< the device or the file call has been aborted
     SIM_IO_FAILURE = 8,  ///< the file could not be read or written
     SIM_OUT_OF_MEMORY = 9
 };

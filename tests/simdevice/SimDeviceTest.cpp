@@ -154,20 +154,26 @@ TEST_F(SimDeviceTest, PointsFailAndAreSlowAndWaitOnRequest) {
 }
 
 TEST_F(SimDeviceTest, AbortEndsEveryWait) {
-    const std::tuple<void (*)(SimFault&), std::uint64_t, std::string> rows[] = {
-        {[](SimFault& f) { f.stuck = true; }, 0, "none"},
-        {[](SimFault& f) { f.stuck = true, f.stuckAfterBytes = 3; }, 0, "xxx"},
-        {[](SimFault&) {}, 100, "x"},
+    const std::tuple<void (*)(SimFault&), std::uint64_t, std::string, bool> rows[] = {
+        {[](SimFault& f) { f.stuck = true; }, 0, "none", true},
+        {[](SimFault& f) { f.stuck = true, f.stuckAfterBytes = 3; }, 0, "xxx", true},
+        {[](SimFault&) {}, 100, "x", true},
+        {[](SimFault& f) { f.stuck = true, f.stuckAfterBytes = 3; }, 0, "xxx", false},
+        {[](SimFault&) {}, 100, "x", false},
     };
-    for (const auto& [change, rate, landed] : rows) {
+    for (const auto& [change, rate, landed, forGood] : rows) {
         SteppedTime::Hold();
         Start(false, rate);
         Misbehave(change);
         auto transfer = std::async(std::launch::async, [&] { return Fetch("a.bin"); });
         EXPECT_TRUE(WaitUntil([&, landed = landed] { return Landed("a.bin") == landed; })) << landed;
-        m_device->Abort();
+        forGood ? m_device->Abort() : m_device->AbortTransfer(DEVICE);
         SteppedTime::Release();
         EXPECT_FALSE(transfer.get());
+        EXPECT_EQ(Landed("a.bin"), landed);
+        m_device->ClearFaults();
+        m_device->SetLineRate(0);
+        EXPECT_EQ(Fetch("a.bin"), !forGood);
         std::filesystem::remove(m_landing / "a.bin");
     }
 }
