@@ -231,7 +231,8 @@ void TferService::Begin(KyTferMsg& request) {
         record = Push(push->GetSrcPath());
     } else {
         record = m_engine.GetDirectoryFromDevRequest();
-        m_listingDue = record.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS;
+        // A refused request leaves the listing due that is in progress.
+        m_listingDue = m_listingDue || record.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS;
     }
     const bool accepted = record.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS;
     Answer(request, accepted ? kAccepted : kRefused, record.GetStatusMsg());

@@ -215,9 +215,10 @@ TEST_F(ServiceTest, ListingIsReadThoughTheNextRequestWaits) {
     for (int i = 0; i < 100; ++i)
         Put("file-" + std::to_string(i), 10);
     setenv("KY_LOG_LEVEL", "7", 1);
-    Start("--line-rate 1000");
+    Start("--line-rate 1000 --fault directory=late:20000");
     unsetenv("KY_LOG_LEVEL");
     ASSERT_EQ(Directory(), "accepted: Directory listing has been requested");
+    ASSERT_EQ(Directory(), kInProgress);  // this once kept the service from reading the first one's listing
     ASSERT_TRUE(AwaitLogged("request file(listing.txt) from pldproxy"));
     ASSERT_EQ(Fetch("file-7", 10), "accepted: " + Retrieved("listing.txt"));
     EXPECT_TRUE(AwaitLogged(" file-99 file-99 ")) << "the service has not read it";
