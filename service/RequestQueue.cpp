@@ -1,5 +1,7 @@
 #include "service/RequestQueue.h"
 
+#include <algorithm>
+
 bool RequestQueue::Add(std::unique_ptr<KyTferMsg>& request) {
     if (m_requests.size() >= kMostWaiting) return false;
     if (m_requests.empty()) m_firstSince = Clock::now();
@@ -9,8 +11,18 @@ bool RequestQueue::Add(std::unique_ptr<KyTferMsg>& request) {
 
 std::unique_ptr<KyTferMsg> RequestQueue::TakeDue(bool quiet) {
     if (m_requests.empty() || (!quiet && Clock::now() - m_firstSince < m_patience)) return nullptr;
-    std::unique_ptr<KyTferMsg> request = std::move(m_requests.front());
-    m_requests.pop_front();
-    m_firstSince = Clock::now();
+    return Take(m_requests.begin());
+}
+
+std::unique_ptr<KyTferMsg> RequestQueue::TakeById(const std::string& transId) {
+    const auto found = std::find_if(m_requests.begin(), m_requests.end(),
+                                    [&](const auto& request) { return request->GetTransId() == transId; });
+    return found == m_requests.end() ? nullptr : Take(found);
+}
+
+std::unique_ptr<KyTferMsg> RequestQueue::Take(Requests::iterator which) {
+    if (which == m_requests.begin()) m_firstSince = Clock::now();
+    std::unique_ptr<KyTferMsg> request = std::move(*which);
+    m_requests.erase(which);
     return request;
 }

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <deque>
 #include <memory>
+#include <string>
 
 #include "messages/KyTferMsg.h"
 
@@ -22,13 +23,20 @@ public:
     /// @return null if there is none
     std::unique_ptr<KyTferMsg> TakeDue(bool quiet);
 
+    /// Takes the first request with this transaction identifier, wherever it waits.
+    /// @return null if there is none
+    std::unique_ptr<KyTferMsg> TakeById(const std::string& transId);
+
     bool Empty() const { return m_requests.empty(); }
 
 private:
+    using Requests = std::deque<std::unique_ptr<KyTferMsg>>;
     static constexpr size_t kMostWaiting = 64;
 
+    std::unique_ptr<KyTferMsg> Take(Requests::iterator which);
+
     const Clock::duration m_patience;
-    std::deque<std::unique_ptr<KyTferMsg>> m_requests;
+    Requests m_requests;
     Clock::time_point m_firstSince;
 };
 

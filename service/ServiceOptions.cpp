@@ -5,6 +5,8 @@
 
 namespace {
 
+constexpr unsigned int kMostPollPauseMs = 1000;
+
 using FaultSetter = void (*)(SimFault& fault, long long value);
 
 struct FaultKind {
@@ -66,6 +68,12 @@ bool ParseServiceOptions(int argc, char** argv, ServiceOptions& options, int& ex
     std::vector<std::string> faults;
     app.set_version_flag("--version", "tfersvc " KYTFER_VERSION);
     app.add_option("--device-id", options.deviceId, "identifier of the managed device")->required();
+    app.add_option(
+           "--poll-pause", options.pollPauseMs,
+           "milliseconds between two looks at an arriving file, 0 to 1000; 20 if not given; 0 keeps a "
+           "core busy")
+        ->option_text("MS")
+        ->check(CLI::Range(0U, kMostPollPauseMs));
     app.add_option("--simulate", options.simulatedDirectory,
                    "simulate a device on the files of this directory")
         ->required()

@@ -67,11 +67,13 @@ KyTferStatusMsg Refusal(const std::string& reason) {
 
 }  // namespace
 
-TferService::TferService(unsigned short deviceId, DeviceLink& link)
+TferService::TferService(unsigned short deviceId, DeviceLink& link, unsigned int pollPauseMs)
     : m_deviceId(deviceId),
       m_link(link),
       m_control("tfersvc", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM),
-      m_waiting(kPatience) {}
+      m_waiting(kPatience) {
+    m_engine.SetPollPause(pollPauseMs);
+}
 
 TferService::~TferService() {
     Stop();

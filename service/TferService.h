@@ -36,8 +36,12 @@ public:
     static constexpr auto kAccepted = static_cast<KyTferRespMsg::TferMsgResult>(1);
     static constexpr auto kRefused = static_cast<KyTferRespMsg::TferMsgResult>(2);
 
-    /// @param link  the way to the device; lives longer than the service
-    TferService(unsigned short deviceId, DeviceLink& link);
+    static constexpr unsigned int kDefaultPollPauseMs = 20;
+
+    /// @param link         the way to the device; lives longer than the service
+    /// @param pollPauseMs  milliseconds between two looks of a monitor at the arriving file; 0 for none, which
+    ///                     keeps a core busy
+    TferService(unsigned short deviceId, DeviceLink& link, unsigned int pollPauseMs = kDefaultPollPauseMs);
 
     /// Stops the service if Stop was not called.
     ~TferService();

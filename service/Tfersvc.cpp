@@ -16,7 +16,7 @@ constexpr char kSource[] = "Tfersvc";
 int RunUntilSignal(const ServiceOptions& options, const sigset_t& signals) {
     const std::unique_ptr<DeviceLink> link = MakeDeviceLink(options);
     if (!link) return 1;
-    TferService service(options.deviceId, *link);
+    TferService service(options.deviceId, *link, options.pollPauseMs);
     if (!service.Start()) return 1;
     int signal = 0;
     sigwait(&signals, &signal);

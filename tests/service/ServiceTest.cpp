@@ -245,6 +245,8 @@ TEST_F(ServiceTest, Refusals) {
     EXPECT_EQ(ReadFile(kSource), "s") << "a refused push leaves its file alone";
     EXPECT_EQ(Run("", m_temp / "second.log", kShortSleeps)->End(0), 1);
     EXPECT_NE(ReadFile(m_temp / "second.log").find("another transfer service is running"), std::string::npos);
+    for (const char* pause : {"--poll-pause -1", "--poll-pause 1001"})
+        EXPECT_EQ(Run(pause, m_temp / "second.log", "")->End(0), 2) << pause;
 }
 
 /// After the last of them, a kill, the next service starts all the same.
