@@ -26,7 +26,14 @@ constexpr char kStarting[] = "The transfer service is still looking for its plac
 constexpr char kBadName[] = "The name of the file is not acceptable";
 constexpr char kEnding[] = "The transfer service is ending";
 constexpr char kTooMany[] = "Too many requests are waiting";
+constexpr char kCancelled[] = "File transfer cancelled";
+constexpr char kNothing[] = "No transfer is in progress";
+constexpr char kNotThat[] = "That transfer is not in progress";
+constexpr char kNotAlone[] = "Two transfers are in progress; only a cancel without identifier ends them";
 constexpr auto kPatience = std::chrono::seconds(8);
+// Enough for a proxy to end the call that it has been told to abort. The rest of that call could otherwise
+// get into a file of the same name that is fetched next.
+constexpr auto kAbandonedPatience = std::chrono::milliseconds(100);
 constexpr int kAnswerBoundMs = 50;
 constexpr int kShortAnswer = 4000;
 constexpr int kRequestsAtATime = 64;
@@ -63,6 +70,15 @@ KyTferStatusMsg Refusal(const std::string& reason) {
     record.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
     record.SetStatusMsg(reason);
     return record;
+}
+
+bool IsInProgress(const KyTferStatusMsg& record) {
+    return record.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS;
+}
+
+bool IsCancelled(const KyTferStatusMsg& record) {
+    return record.GetStatus() == KyTferStatusMsg::TFER_STATUS_FAIL &&
+           record.GetStatusMsg().compare(0, strlen(kCancelled), kCancelled) == 0;
 }
 
 }  // namespace
@@ -203,21 +219,65 @@ void TferService::Take(KyIpcMsgBuffer& buffer) {
         return;
     }
     if (!m_ready) return Answer(*message, kRefused, kStarting);
-    if (!BeginsTransaction(*message)) {
-        m_engine.CancelTransaction(message->GetTransId());
-        return Answer(*message, kAccepted, m_engine.GetStatus(message->GetTransId()).GetStatusMsg());
-    }
+    if (!BeginsTransaction(*message)) return Cancel(*message);
     if (!m_waiting.Add(message)) Answer(*message, kRefused, kTooMany);
+}
+
+void TferService::Cancel(const KyTferMsg& request) {
+    m_engine.CancelTransaction(request.GetTransId());
+    std::string text = kCancelled;
+    const bool removed = RefuseCancelled(request.GetTransId());
+    const bool ended = Abandon(request.GetTransId(), text);
+    Answer(request, ended || removed ? kAccepted : kRefused, removed ? kCancelled : text);
+}
+
+// Removes the waiting requests with this identifier. False if there is none.
+bool TferService::RefuseCancelled(const std::string& transId) {
+    bool removed = false;
+    while (const auto waiting = transId.empty() ? nullptr : m_waiting.TakeById(transId)) {
+        removed = true;
+        Answer(*waiting, kRefused, kCancelled);
+    }
+    return removed;
+}
+
+// Why a cancel with this identifier must not end what the record shows; null if it may.
+const char* TferService::WhyNotItsOwn(const std::string& transId, const KyTferStatusMsg& record) const {
+    if (transId.empty()) return nullptr;
+    if (m_begunBeside && IsInProgress(record)) return kNotAlone;
+    return m_begunBeside || transId != m_begunId ? kNotThat : nullptr;
+}
+
+// Ends what is in progress if that is what the identifier names. False, and the reason, if nothing was ended.
+bool TferService::Abandon(const std::string& transId, std::string& text) {
+    const KyTferStatusMsg before = m_engine.GetStatus(transId);
+    if (const char* const reason = WhyNotItsOwn(transId, before)) {
+        text = reason;
+        return false;
+    }
+    const KyTferStatusMsg record = m_engine.AbandonTransaction("");
+    text = kNothing;
+    // The record says so also if there was nothing to end, and the transaction before had been cancelled.
+    if (!IsCancelled(record) || IsCancelled(before)) return false;
+    m_listingDue = false;
+    m_abandonedAt = RequestQueue::Clock::now();
+    text = record.GetStatusMsg();
+    return true;
+}
+
+// What a running worker causes belongs to its own transaction; after that was abandoned, it causes nothing.
+bool TferService::WorkersMatter() const {
+    const bool givenUp = m_abandonedAt && RequestQueue::Clock::now() - *m_abandonedAt >= kAbandonedPatience;
+    return m_engine.WorkerRunning() && !givenUp;
 }
 
 void TferService::BeginDueTransactions() {
     while (!m_stop) {
-        const bool quiet = !m_engine.WorkerRunning();
-        // What a worker has just caused belongs to its own transaction.
+        const bool quiet = !WorkersMatter();
         if (m_ready) DeliverChanges();
         // A listing that has come is read while the record still says where it is.
         KeepListing();
-        const std::unique_ptr<KyTferMsg> request = m_waiting.TakeDue(quiet && !m_engine.WorkerRunning());
+        const std::unique_ptr<KyTferMsg> request = m_waiting.TakeDue(quiet && !WorkersMatter());
         if (!request) return;
         Begin(*request);
     }
@@ -225,19 +285,29 @@ void TferService::BeginDueTransactions() {
 
 void TferService::Begin(KyTferMsg& request) {
     KyTferStatusMsg record(512);
+    std::string transId = request.GetTransId();  // here, where it can fail: nothing has begun yet
+    bool besideAnother = false;
     if (const auto* fetch = dynamic_cast<KyTferGetDevFile*>(&request)) {
         record = IsAcceptable(fetch->GetXferFileName())
                      ? m_engine.GetFileFromDevRequest(fetch->GetXferFileName(), fetch->GetXferFileSize())
                      : Refusal(kBadName);
     } else if (const auto* push = dynamic_cast<KyTferPutDevFile*>(&request)) {
+        besideAnother = IsInProgress(m_engine.GetStatus(""));
         record = Push(push->GetSrcPath());
     } else {
         record = m_engine.GetDirectoryFromDevRequest();
         // A refused request leaves the listing due that is in progress.
-        m_listingDue = m_listingDue || record.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS;
+        m_listingDue = m_listingDue || IsInProgress(record);
     }
-    const bool accepted = record.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS;
+    const bool accepted = IsInProgress(record);
+    if (accepted) NoteBegun(std::move(transId), besideAnother);
     Answer(request, accepted ? kAccepted : kRefused, record.GetStatusMsg());
+}
+
+void TferService::NoteBegun(std::string transId, bool besideAnother) {
+    m_begunId = std::move(transId);
+    m_begunBeside = besideAnother;
+    m_abandonedAt.reset();
 }
 
 KyTferStatusMsg TferService::Push(const std::string& path) {
@@ -249,14 +319,15 @@ KyTferStatusMsg TferService::Push(const std::string& path) {
 }
 
 void TferService::KeepListing() {
-    if (!m_listingDue || m_engine.WorkerRunning()) return;
+    if (!m_listingDue) return;
     const KyTferStatusMsg record = m_engine.GetStatus("");
-    if (record.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS) return;
-    m_listingDue = false;
-    const bool isListing = record.GetReqType() == KyTferStatusMsg::TFER_REQ_DIRECTORY &&
+    const bool isInPlace = record.GetReqType() == KyTferStatusMsg::TFER_REQ_DIRECTORY &&
                            record.GetStatus() == KyTferStatusMsg::TFER_STATUS_COMPLETE &&
                            record.GetFilePath() == KyTferClient::GetHmiDownloadDirectory();
-    if (isListing) m_engine.CreateDirectoryFromFile(record.GetXferFullFilePath());
+    // The worker of an abandoned transaction may still run, so its end does not matter to a listing in place.
+    if (!isInPlace && (IsInProgress(record) || m_engine.WorkerRunning())) return;
+    m_listingDue = false;
+    if (isInPlace) m_engine.CreateDirectoryFromFile(record.GetXferFullFilePath());
 }
 
 void TferService::AnswerStatus(const KyTferMsg& request) {

@@ -2,7 +2,9 @@
 #define SERVICE_TFERSERVICE_H
 
 #include <atomic>
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -25,12 +27,18 @@ class KyIpcMsgBuffer;
 /// engine's Init, and a loop that does everything else, one thing at a time: deliver changes, take a request,
 /// make the one engine call that it asks for, answer. A request that begins a transaction waits up to eight
 /// seconds, while the loop goes on, for the worker of the last one to end: the changes that it caused are
-/// then delivered before the new transaction has its record.
+/// then delivered before the new transaction has its record. A cancelled worker causes none, so it is waited
+/// for a tenth of a second only.
+///
+/// Cancelling. A cancel request ends at once whatever is in progress if its transaction identifier is empty.
+/// With an identifier it ends only the transaction whose request had the same one, and removes waiting
+/// requests that have it; these are answered as refused.
 ///
 /// Answers. A fetch, directory or push request gets a KyTferRespMsg with kAccepted or kRefused and the status
-/// message of the engine's record; a status request the record itself; a cancel request kAccepted. A message
-/// that is damaged, or asks for nothing, is logged and dropped. The loop waits a twentieth of a second at
-/// most for a caller to take its answer.
+/// message of the engine's record; a status request the record itself. A cancel request gets kAccepted if it
+/// has ended or removed something, otherwise kRefused with the reason. A message that is damaged, or asks for
+/// nothing, is logged and dropped. The loop waits a twentieth of a second at most for a caller to take its
+/// answer.
 class TferService {
 public:
     static constexpr auto kAccepted = static_cast<KyTferRespMsg::TferMsgResult>(1);
@@ -69,8 +77,14 @@ private:
     void DeliverChanges();
     void TakeRequests();
     void Take(KyIpcMsgBuffer& buffer);
+    void Cancel(const KyTferMsg& request);
+    bool RefuseCancelled(const std::string& transId);
+    const char* WhyNotItsOwn(const std::string& transId, const KyTferStatusMsg& record) const;
+    bool Abandon(const std::string& transId, std::string& text);
+    bool WorkersMatter() const;
     void BeginDueTransactions();
     void Begin(KyTferMsg& request);
+    void NoteBegun(std::string transId, bool besideAnother);
     KyTferStatusMsg Push(const std::string& path);
     void KeepListing();
     void AnswerStatus(const KyTferMsg& request);
@@ -92,6 +106,10 @@ private:
     RequestQueue m_waiting;
     bool m_moreRequests = false;  // the last round did not take all that had come
     bool m_listingDue = false;    // a directory request has been accepted, and its listing has not been read
+    std::string m_begunId;        // transaction identifier of the last request that was accepted
+    bool m_begunBeside = false;   // that was a push, and another transaction was in progress
+    // When a transaction was abandoned, until the next one begins.
+    std::optional<RequestQueue::Clock::time_point> m_abandonedAt;
 };
 
 #endif

@@ -12,6 +12,7 @@
 #include "client/TferSvcMsgClient.h"
 #include "host/KyFd.h"
 #include "host/KyIpcFrame.h"
+#include "messages/KyTferGetDevFile.h"
 #include "messages/KyTferMsgFactory.h"
 #include "messages/KyTferRespMsg.h"
 #include "messages/KyTferStatusMsg.h"
@@ -116,6 +117,14 @@ protected:
         return Told(m_client.GetDevFile(name, "", static_cast<unsigned int>(size)));
     }
     std::string Push(const std::string& path) { return Told(m_client.PutDevFile(path)); }
+    /// A request of the type for the transaction `id`; a fetch is one of event.log.
+    std::string Ask(KyTferMsg::TferMsgType type, const std::string& id, TferSvcMsgClient& client) {
+        KyTferMsg* const request = KyTferMsgFactory::CreateMsg(type);
+        request->SetTransId(id);
+        if (auto* const fetch = dynamic_cast<KyTferGetDevFile*>(request)) fetch->SetXferFileName("event.log");
+        return Told(dynamic_cast<KyTferRespMsg*>(client.DoRequest(request)));
+    }
+    std::string Cancel(const std::string& id) { return Ask(KyTferMsg::TFER_MSG_CANCEL_TRANS, id, m_client); }
     std::string Directory() { return Told(m_client.GetDevDirectory()); }
 
     Record Status() {
@@ -179,6 +188,9 @@ private:
 constexpr char kStarting[] = "refused: The transfer service is still looking for its place in the device";
 constexpr char kBadName[] = "refused: The name of the file is not acceptable";
 constexpr char kInProgress[] = "refused: Transaction already in progress";
+constexpr char kCancelled[] = "accepted: File transfer cancelled";
+constexpr char kNothing[] = "refused: No transfer is in progress";
+constexpr char kNotThat[] = "refused: That transfer is not in progress";
 
 std::string Retrieved(const std::string& name) {
     return "Retrieved file(" + name + ") successfully. and placed it in (" + kLanding + name + ")";
@@ -223,6 +235,36 @@ TEST_F(ServiceTest, ListingIsReadThoughTheNextRequestWaits) {
     ASSERT_EQ(Fetch("file-7", 10), "accepted: " + Retrieved("listing.txt"));
     EXPECT_TRUE(AwaitLogged(" file-99 file-99 ")) << "the service has not read it";
     EXPECT_EQ(Await().GetXferFullFilePath(), std::string(kDownload) + "file-7");
+}
+
+TEST_F(ServiceTest, CancelEndsWhatItNamesAndNothingElse) {
+    constexpr auto kFetch = KyTferMsg::TFER_MSG_GET_DEV_FILE;
+    Put("event.log", 0);
+    WriteFile(kSource, "s");
+    Start("--fault fetch=stuck --fault push=stuck");
+    EXPECT_EQ(Cancel(""), kNothing);
+    EXPECT_EQ(Ask(kFetch, "mine", m_client), "accepted: ");
+    ASSERT_TRUE(AwaitLogged("request file(event.log) from pldproxy"));
+    EXPECT_EQ(Cancel("another's"), kNotThat);
+    // One that waits behind it, from a process that has a reply FIFO of its own.
+    Process waiting([this] {
+        TferSvcMsgClient client;
+        return Ask(kFetch, "waiting", client) == "refused: File transfer cancelled" ? 0 : 1;
+    });
+    EXPECT_TRUE(WaitUntil([this] { return Cancel("waiting") == kCancelled; }, kDeadline));
+    EXPECT_EQ(waiting.End(0), 0);
+    EXPECT_EQ(Status().GetStatus(), Record::TFER_STATUS_INPROGRESS);
+
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(Cancel("mine"), kCancelled);
+    EXPECT_EQ(Status().GetStatus(), Record::TFER_STATUS_FAIL);
+    EXPECT_EQ(Cancel("mine"), kNothing);
+    EXPECT_EQ(Ask(kFetch, "mine again", m_client).substr(0, 9), "accepted:");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4)) << "waited for the worker";
+    EXPECT_EQ(Cancel("mine"), kNotThat);
+    EXPECT_EQ(Cancel(""), kCancelled);
+    EXPECT_EQ(Push(kSource).substr(0, 9), "accepted:");
+    EXPECT_EQ(Cancel(""), kCancelled);
 }
 
 TEST_F(ServiceTest, Refusals) {
