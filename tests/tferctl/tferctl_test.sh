@@ -87,7 +87,7 @@ expect "put" 0 "" "$TFERCTL" put "$WORK/mine.cfg"
 [ "$(cat "$WORK/mine.cfg")" = mine ] || fail "put took the user's own file"
 cmp "$WORK/mine.cfg" "$DEVICE/3-00001" || fail "put: the device has another file"
 expect "put, no such file" 1 "." "$TFERCTL" put "$WORK/absent"
-expect "cancel" 0 "" "$TFERCTL" cancel 1
+expect "nothing to cancel" 3 "^tferctl: No transfer is in progress\.$" "$TFERCTL" cancel
 expect "status" 0 "" "$TFERCTL" status --json
 grep -q '"statusStr": "TFER_STATUS_COMPLETE"' "$WORK/out" || fail "status --json: $(cat "$WORK/out")"
 nothing_left "all went well"

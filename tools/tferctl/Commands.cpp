@@ -105,11 +105,8 @@ void RunList(const Context& context) {
 
 void RunCancel(const Context& context) {
     const Answer answer = context.service.Cancel(context.options.subject);
-    if (!answer.accepted)
-        throw Failure(ExitStatus::REFUSED,
-                      "The transfer service refused: " + ky_tools::Printable(answer.text));
-    context.out.Line("The transfer service has taken the request to cancel " +
-                     ky_tools::Printable(context.options.subject) + ".");
+    if (!answer.accepted) throw Failure(ExitStatus::REFUSED, ky_tools::Printable(answer.text));
+    context.out.Line("The transfer has been cancelled.");
 }
 
 }  // namespace ky_tferctl

@@ -64,8 +64,9 @@ CommandLine::CommandLine() {
     put.add_option("FILE", m_options.subject, "the file; stays as it is")->required()->option_text(" ");
     AddWaiting(put);
 
-    CLI::App& cancel = Add(Command::CANCEL, "cancel", "Ask the transfer service to cancel a transaction.");
-    cancel.add_option("ID", m_options.subject, "identifier of the transaction")->required()->option_text(" ");
+    CLI::App& cancel = Add(Command::CANCEL, "cancel", "End the transfer in progress.");
+    cancel.add_option("ID", m_options.subject, "only the transfer that was requested with this identifier")
+        ->option_text(" ");
 }
 
 CLI::App& CommandLine::Add(Command command, const char* name, const char* description) {

@@ -13,7 +13,7 @@ enum class Command { STATUS, LIST, GET, PUT, CANCEL };
 /// What the command line says.
 struct Options {
     Command command = Command::STATUS;
-    std::string subject;  ///< the file's name or path, or the transaction to cancel
+    std::string subject;  ///< the file's name or path, or the transfer to cancel
     std::string output;   ///< where a fetched file goes; empty: it stays in the download directory
     unsigned int skip = 0;
     unsigned int take = std::numeric_limits<unsigned int>::max();
