@@ -19,9 +19,14 @@ fail() {
 
 # expect NAME STATUS SENTENCE COMMAND...: the sentence is a pattern for one line on standard error, empty for silence
 expect() {
-    local name=$1 wanted=$2 sentence=$3 status=0
+    local name=$1 wanted=$2 sentence=$3
     shift 3
-    timeout 60 "$@" >"$WORK/out" 2>"$WORK/err" || status=$?
+    timeout 60 "$@" >"$WORK/out" 2>"$WORK/err"
+    judge "$name" "$wanted" "$sentence" $?
+}
+
+judge() {
+    local name=$1 wanted=$2 sentence=$3 status=$4
     [ "$status" -eq "$wanted" ] || fail "$name: status $status in the place of $wanted: $(cat "$WORK/err")"
     if [ -z "$sentence" ]; then
         [ ! -s "$WORK/err" ] || fail "$name: said $(cat "$WORK/err")"
@@ -40,7 +45,7 @@ stop_service() {
 # start_service OPTION...: and waits until it takes requests
 start_service() {
     stop_service
-    LD_PRELOAD=$SHORT_SLEEPS ASAN_OPTIONS=${ASAN_OPTIONS:-}:verify_asan_link_order=0 \
+    KY_LOG_LEVEL=5 LD_PRELOAD=$SHORT_SLEEPS ASAN_OPTIONS=${ASAN_OPTIONS:-}:verify_asan_link_order=0 \
         "$TFERSVC" --device-id 3 --simulate "$DEVICE" "$@" 2>"$WORK/log" &
     SERVICE=$!
     local i
@@ -53,7 +58,7 @@ start_service() {
 
 nothing_left() {
     local left
-    left=$(find "$KY_IPC_DIR" "$STAGING" \( -name 'TferSvcClnt*' -o -name '.tferctl*' \) 2>/dev/null)
+    left=$(find "$WORK" "$STAGING" \( -name 'TferSvcClnt*' -o -name '.tferctl*' \) 2>/dev/null)
     [ -z "$left" ] || fail "$1: left $left"
 }
 
@@ -94,22 +99,55 @@ nothing_left "all went well"
 
 start_service --fault push=refuse
 expect "the device refuses" 1 "." "$TFERCTL" put "$WORK/mine.cfg"
-start_service --fault fetch=stuck
+start_service --fault fetch=stuck --fault push=stuck
 expect "nothing moves" 4 "." "$TFERCTL" get trend.csv --timeout 1 -o "$WORK/late"
 expect "somebody else's transfer" 3 "." "$TFERCTL" ls --no-wait
 [ ! -e "$WORK/late" ] || fail "a get that timed out left its output"
+expect "cancel" 0 "" "$TFERCTL" cancel
 
-start_service --fault fetch=stuck
-"$TFERCTL" get trend.csv -o "$WORK/cut" >/dev/null 2>&1 &
-CLIENT=$!
-for _ in $(seq 200); do
-    "$TFERCTL" status | grep -q 'trend.csv' && break
-    sleep 0.02
-done
-kill -TERM "$CLIENT"  # a background job of a script ignores SIGINT
-wait "$CLIENT" && fail "an interrupted get says that it is done"
+# begin NAME COMMAND...: in the background, until `status` shows the name; a script's jobs ignore SIGINT otherwise
+begin() {
+    env --default-signal=INT "$TFERCTL" "${@:2}" >/dev/null 2>"$WORK/err" &
+    CLIENT=$!
+    for _ in $(seq 200); do
+        "$TFERCTL" status | grep -A2 'in progress' | grep -q "$1" && return
+        sleep 0.02
+    done
+    fail "$1 is not in progress: $(cat "$WORK/err")"
+}
+
+# ended NAME STATUS SENTENCE: as expect, of what was begun
+ended() {
+    wait "$CLIENT"
+    judge "$@" $?
+    nothing_left "$1"
+}
+
+begin trend.csv get trend.csv -o "$WORK/cut"
+kill -INT "$CLIENT"
+ended "interrupted get" 130 '^tferctl: Interrupted; the transfer has been cancelled\.$'
+grep -q "Cancel transaction (tferctl-$CLIENT-" "$WORK/log" || fail "cancelled without its own identifier"
 [ ! -e "$WORK/cut" ] || fail "an interrupted get left its output"
-nothing_left "interrupted"
+begin 3-0000 put "$WORK/mine.cfg"
+kill -TERM "$CLIENT"
+kill -TERM "$CLIENT"  # timeout(1) sends it twice too
+ended "interrupted put" 143 '^tferctl: Interrupted; the transfer has been cancelled\.$'
+
+begin trend.csv get trend.csv
+expect "get that waits, interrupted" 124 "Waiting for another" timeout 1 "$TFERCTL" get trend.csv
+expect "foreign identifier" 3 "^tferctl: That transfer is not in progress\.$" "$TFERCTL" cancel another
+"$TFERCTL" status | grep -q 'in progress' || fail "another's transfer was ended"
+: >"$WORK/err"
+kill -STOP "$SERVICE"
+kill -INT "$CLIENT"
+sleep 0.5  # two within a quarter of a second count as one
+kill -INT "$CLIENT"
+ended "interrupted twice" 130 ""
+kill -CONT "$SERVICE"
+"$TFERCTL" cancel >/dev/null 2>&1  # unless the interrupted one had asked for it before it was killed
+begin trend.csv get trend.csv
+"$TFERCTL" cancel >/dev/null || fail "cancel ended with $?"
+ended "cancelled by somebody else" 1 '^tferctl: Somebody else has cancelled the transfer\.$'
 
 stop_service
 rm -rf "$WORK"

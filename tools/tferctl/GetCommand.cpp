@@ -67,7 +67,9 @@ std::string Fetch(const Context& context, Transactions& transactions, const KyTf
     const std::string& name = entry.GetXferFileName();
     std::string path = downloadDirectory + name;
     const Arrival arrival(path);
-    transactions.Begin([&](Service& service) { return service.Fetch(name, entry.GetFileSizeInBytes()); });
+    transactions.Begin([&](Service& service, const std::string& id) {
+        return service.Fetch(name, entry.GetFileSizeInBytes(), id);
+    });
     FetchClaim claim(name);
     const auto record = transactions.Follow(
         claim, [&bar](const KyTferStatusMsg& now) { bar.Show(Percent(now), BytesMoved(now)); });

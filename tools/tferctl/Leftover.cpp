@@ -19,7 +19,6 @@ struct Slot {
     volatile sig_atomic_t kind;  // a Leftover::Kind; set after the path
 };
 
-constexpr std::array s_signals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE};
 std::array<Slot, 4> s_slots;
 std::size_t s_taken = 0;
 
@@ -30,13 +29,6 @@ void Remove(const Slot& slot) {
     if (slot.kind == Leftover::FILE) unlink(path);
     if (slot.kind == Leftover::DIRECTORY) rmdir(path);
     if (slot.kind == Leftover::FIFO && lstat(path, &found) == 0 && S_ISFIFO(found.st_mode)) unlink(path);
-}
-
-// The last one first: a directory goes after its files.
-void RemoveAllAndDie(int signal) {
-    for (auto slot = s_slots.rbegin(); slot != s_slots.rend(); ++slot)
-        Remove(*slot);
-    raise(signal);  // which has its default effect again
 }
 
 std::size_t Fill(Leftover::Kind kind, const std::string& path) {
@@ -65,28 +57,10 @@ void Leftover::Keep() const {
     s_slots[m_slot].kind = NOTHING;
 }
 
-void RemoveLeftoversOnSignals() {
-    struct sigaction action = {};
-    action.sa_handler = RemoveAllAndDie;
-    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
-    sigfillset(&action.sa_mask);
-    for (const int signal : s_signals) {
-        struct sigaction before = {};
-        sigaction(signal, nullptr, &before);
-        if (before.sa_handler != SIG_IGN) sigaction(signal, &action, nullptr);
-    }
-}
-
-SignalsHeld::SignalsHeld() {
-    sigset_t held;
-    sigemptyset(&held);
-    for (const int signal : s_signals)
-        sigaddset(&held, signal);
-    pthread_sigmask(SIG_BLOCK, &held, &m_before);
-}
-
-SignalsHeld::~SignalsHeld() {
-    pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+// The last one first: a directory goes after its files.
+void RemoveLeftovers() {
+    for (auto slot = s_slots.rbegin(); slot != s_slots.rend(); ++slot)
+        Remove(*slot);
 }
 
 }  // namespace ky_tferctl

@@ -9,8 +9,7 @@
 namespace ky_tferctl {
 
 /// Something in the file system that must not outlive the process, even if a signal ends it: the object
-/// removes it when it goes, and the handler that RemoveLeftoversOnSignals sets removes what all objects stand
-/// for.
+/// removes it when it goes, and the signal handler removes what all objects stand for.
 ///
 /// The objects go in the opposite order of their making. One thread uses them: with a second one the handler
 /// could run beside it.
@@ -37,21 +36,8 @@ private:
     const std::size_t m_slot;
 };
 
-/// Makes the signals by which a user or the system ends a process remove the leftovers first; the process
-/// then dies of the signal. One that is ignored stays so.
-void RemoveLeftoversOnSignals();
-
-/// Holds those signals back while it lives: between the making of something and its Leftover.
-class SignalsHeld {
-public:
-    SignalsHeld();
-    SignalsHeld(const SignalsHeld&) = delete;
-    SignalsHeld& operator=(const SignalsHeld&) = delete;
-    ~SignalsHeld();
-
-private:
-    sigset_t m_before;
-};
+/// Removes what all objects stand for. A signal handler may call it.
+void RemoveLeftovers();
 
 }  // namespace ky_tferctl
 

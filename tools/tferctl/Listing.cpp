@@ -13,7 +13,7 @@ namespace {
 constexpr int s_tries = 3;
 
 std::optional<KyTferStatusMsg> FetchOnce(Transactions& transactions, ky_tools::Console& notices) {
-    transactions.Begin([](Service& service) { return service.FetchListing(); });
+    transactions.Begin([](Service& service, const std::string& id) { return service.FetchListing(id); });
     ListingClaim claim;
     auto record = transactions.Follow(claim, [&](const KyTferStatusMsg& now) {
         notices.Redraw("Fetching the device's listing: " + std::to_string(Percent(now)) + "%");

@@ -11,6 +11,7 @@
 #include "common/Text.h"
 #include "tferctl/ExitStatus.h"
 #include "tferctl/FileCopy.h"
+#include "tferctl/Signals.h"
 
 namespace ky_tferctl {
 namespace {

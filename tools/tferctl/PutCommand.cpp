@@ -20,9 +20,9 @@ std::string Since(Clock::time_point start) {
 KyTferStatusMsg Push(const Context& context, const StagedCopy& copy, const std::string& label) {
     Transactions transactions(context.service, context.options, context.notices);
     const auto start = Clock::now();
-    transactions.Begin([&](Service& service) {
+    transactions.Begin([&](Service& service, const std::string& id) {
         context.out.Redraw(label);  // the service takes a second to answer
-        return service.Push(copy.Path());
+        return service.Push(copy.Path(), id);
     });
     PushClaim claim(copy.Name());
     // Nobody counts the bytes of a push.

@@ -13,6 +13,7 @@ using Status = KyTferStatusMsg::TferStatus;
 
 constexpr char s_downloadEnd[] = "/tferFiles/";
 constexpr char s_arriving[] = "File transfer inprogress";
+constexpr char s_cancelled[] = "File transfer cancelled";  // and perhaps a reason
 
 bool EndsWith(const std::string& text, const std::string& end) {
     return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
@@ -66,6 +67,11 @@ bool IsInDownloadDirectory(const KyTferStatusMsg& record) {
 
 bool IsInStagingDirectory(const KyTferStatusMsg& record) {
     return record.GetFilePath() == std::string(s_stagingDirectory) + "/";
+}
+
+bool IsCancelled(const KyTferStatusMsg& record) {
+    return record.GetStatus() == KyTferStatusMsg::TFER_STATUS_FAIL &&
+           record.GetStatusMsg().rfind(s_cancelled, 0) == 0;
 }
 
 bool IsUnderWay(const KyTferStatusMsg& record) {

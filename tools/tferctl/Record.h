@@ -16,6 +16,9 @@ constexpr char s_stagingDirectory[] = "/var/local/tal/pldserver";
 bool IsInDownloadDirectory(const KyTferStatusMsg& record);
 bool IsInStagingDirectory(const KyTferStatusMsg& record);
 
+/// Whether the transfer has failed because it was cancelled.
+bool IsCancelled(const KyTferStatusMsg& record);
+
 /// Whether the record will change by itself: its transfer is in progress, or complete but for the file, which
 /// has still to be moved. The service's last word on a fetch comes with the move.
 bool IsUnderWay(const KyTferStatusMsg& record);

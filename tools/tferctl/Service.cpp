@@ -2,7 +2,10 @@
 
 #include <unistd.h>
 
-#include "messages/KyTferMsgFactory.h"
+#include "messages/KyTferCancelTransMsg.h"
+#include "messages/KyTferGetDevDirMsg.h"
+#include "messages/KyTferGetDevFile.h"
+#include "messages/KyTferPutDevFile.h"
 #include "platform/KyIpcFifoSession.h"
 #include "tferctl/ExitStatus.h"
 
@@ -14,13 +17,6 @@ constexpr auto s_accepted = static_cast<KyTferRespMsg::TferMsgResult>(1);
 constexpr auto s_answerBound = std::chrono::seconds(60);  // the client's
 constexpr auto s_slack = std::chrono::seconds(1);
 
-KyTferMsg* RequestCancel(TferSvcMsgClient& client, const std::string& id) {
-    std::unique_ptr<KyTferMsg> request(KyTferMsgFactory::CreateMsg(KyTferMsg::TFER_MSG_CANCEL_TRANS));
-    if (!request) return nullptr;
-    request->SetTransId(id);
-    return client.DoRequest(request.release());
-}
-
 /// Whether a service reads requests at this moment. @return a KyIpcFifoSession::IpcStatus
 int Probe() {
     KyIpcFifoSession session("tferctl", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
@@ -30,7 +26,7 @@ int Probe() {
 }  // namespace
 
 KyTferStatusMsg Service::Status() {
-    const std::unique_ptr<KyTferMsg> reply = Ask([](TferSvcMsgClient& client) { return client.GetStatus(); });
+    const std::unique_ptr<KyTferMsg> reply = Ask(std::make_unique<KyTferStatusMsg>(512));
     const auto* const record = dynamic_cast<const KyTferStatusMsg*>(reply.get());
     if (record == nullptr)
         throw Failure(ExitStatus::FAILED,
@@ -38,38 +34,45 @@ KyTferStatusMsg Service::Status() {
     return *record;
 }
 
-Answer Service::FetchListing() {
-    return AskForAnswer([](TferSvcMsgClient& client) { return client.GetDevDirectory(); });
+// The client's own operations send no identifier, and keep the answer to a cancel to themselves.
+
+Answer Service::FetchListing(const std::string& id) {
+    return AskForAnswer(std::make_unique<KyTferGetDevDirMsg>(512), id);
 }
 
-Answer Service::Fetch(const std::string& transferName, unsigned int size) {
-    return AskForAnswer([&](TferSvcMsgClient& client) { return client.GetDevFile(transferName, "", size); });
+Answer Service::Fetch(const std::string& transferName, unsigned int size, const std::string& id) {
+    auto request = std::make_unique<KyTferGetDevFile>(1024);
+    request->SetXferFileName(transferName);
+    request->SetXferFileSize(static_cast<int>(size));
+    return AskForAnswer(std::move(request), id);
 }
 
-Answer Service::Push(const std::string& path) {
-    return AskForAnswer([&](TferSvcMsgClient& client) { return client.PutDevFile(path); });
+Answer Service::Push(const std::string& path, const std::string& id) {
+    auto request = std::make_unique<KyTferPutDevFile>(1024);
+    request->SetSrcPath(path);
+    return AskForAnswer(std::move(request), id);
 }
 
-// Not by the client's own operation, which keeps the answer to itself.
 Answer Service::Cancel(const std::string& id) {
-    return AskForAnswer([&](TferSvcMsgClient& client) { return RequestCancel(client, id); });
+    return AskForAnswer(std::make_unique<KyTferCancelTransMsg>(512), id);
 }
 
 std::string Service::ReplyFifo() {
     return "TferSvcClnt-" + std::to_string(static_cast<unsigned int>(getpid())) + "-ClntRxFifo";
 }
 
-std::unique_ptr<KyTferMsg> Service::Ask(const Request& request) {
+std::unique_ptr<KyTferMsg> Service::Ask(std::unique_ptr<KyTferMsg> request) {
     const Clock::time_point start = m_now();
     TferSvcMsgClient* const client = TferSvcMsgClient::GetInstance();
     if (client == nullptr) throw std::bad_alloc();
-    std::unique_ptr<KyTferMsg> reply(request(*client));
+    std::unique_ptr<KyTferMsg> reply(client->DoRequest(request.release()));
     if (!reply) ExplainSilence(start);
     return reply;
 }
 
-Answer Service::AskForAnswer(const Request& request) {
-    const std::unique_ptr<KyTferMsg> reply = Ask(request);
+Answer Service::AskForAnswer(std::unique_ptr<KyTferMsg> request, const std::string& id) {
+    request->SetTransId(id);
+    const std::unique_ptr<KyTferMsg> reply = Ask(std::move(request));
     const auto* const response = dynamic_cast<const KyTferRespMsg*>(reply.get());
     if (response == nullptr)
         throw Failure(ExitStatus::FAILED, "The transfer service answered with something else than a result.");

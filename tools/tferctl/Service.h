@@ -29,22 +29,23 @@ public:
     explicit Service(std::function<Clock::time_point()> now = Clock::now) : m_now(std::move(now)) {}
 
     KyTferStatusMsg Status();
-    Answer FetchListing();
-    Answer Fetch(const std::string& transferName, unsigned int size);
+
+    /// @param id  identifier by which this transfer can be cancelled
+    Answer FetchListing(const std::string& id);
+    Answer Fetch(const std::string& transferName, unsigned int size, const std::string& id);
 
     /// @param path  of a file that the service may keep
-    Answer Push(const std::string& path);
+    Answer Push(const std::string& path, const std::string& id);
 
+    /// Cancels the transfer with this identifier; with an empty one, whichever is in progress.
     Answer Cancel(const std::string& id);
 
     /// Name of the FIFO that this process makes while it waits for an answer.
     static std::string ReplyFifo();
 
 private:
-    using Request = std::function<KyTferMsg*(TferSvcMsgClient& client)>;
-
-    std::unique_ptr<KyTferMsg> Ask(const Request& request);
-    Answer AskForAnswer(const Request& request);
+    std::unique_ptr<KyTferMsg> Ask(std::unique_ptr<KyTferMsg> request);
+    Answer AskForAnswer(std::unique_ptr<KyTferMsg> request, const std::string& id);
     [[noreturn]] void ExplainSilence(Clock::time_point start) const;
 
     const std::function<Clock::time_point()> m_now;

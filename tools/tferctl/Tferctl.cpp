@@ -12,6 +12,8 @@
 #include "tferctl/Commands.h"
 #include "tferctl/ExitStatus.h"
 #include "tferctl/Leftover.h"
+#include "tferctl/Signals.h"
+#include "tferctl/Transactions.h"
 
 namespace ky_tferctl {
 namespace {
@@ -61,11 +63,15 @@ int TferctlMain(int argc, char** argv) {
     // What the library logs of a failure is told in the one sentence.
     if (std::getenv("KY_LOG_LEVEL") == nullptr) ky_host::SetLogLevel(-1);
     OccupyStandardDescriptors();
-    RemoveLeftoversOnSignals();
+    HandleSignals();
     try {
         int exitStatus = 0;
         const auto options = ParseOptions(argc, argv, exitStatus);
         if (options) Run(*options);
+        return exitStatus;
+    } catch (const Interrupted& interrupted) {
+        const int exitStatus = Complain(ExitStatus::FAILED, interrupted.what());
+        DieOf(interrupted.Signal());
         return exitStatus;
     } catch (const Failure& failure) {
         return Complain(failure.Exit(), failure.what());

@@ -1,5 +1,9 @@
 #include "tferctl/Transactions.h"
 
+#include <unistd.h>
+
+#include <chrono>
+
 #include "common/Text.h"
 #include "tferctl/ExitStatus.h"
 
@@ -9,11 +13,24 @@ namespace {
 // The engine's word for what can also happen between our look at the record and our request.
 constexpr char s_busy[] = "Transaction already in progress";
 
+// The service's word for a request of ours that waited and was cancelled.
+constexpr char s_cancelled[] = "File transfer cancelled";
+
+constexpr char s_cancelledByOther[] = "Somebody else has cancelled the transfer";
+
+std::string NewId() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return "tferctl-" + std::to_string(getpid()) + "-" + std::to_string(now.count());
+}
+
 std::string Quoted(const std::string& text) {
     return text.empty() ? std::string("without a reason") : ky_tools::Printable(text);
 }
 
 }  // namespace
+
+Transactions::Transactions(Service& service, const Options& options, ky_tools::Console& notices)
+    : m_service(service), m_options(options), m_notices(notices), m_id(NewId()) {}
 
 void Transactions::Begin(const Ask& ask) {
     Standstill others(m_options.timeOut);
@@ -36,10 +53,14 @@ void Transactions::Begin(const Ask& ask) {
 // that.
 bool Transactions::TryToBegin(const Ask& ask, const KyTferStatusMsg& record) {
     if (record.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS) return false;
-    const Answer answer = ask(m_service);
-    if (!answer.accepted && answer.text != s_busy)
+    m_interruption.emplace();
+    const Answer answer = ask(m_service, m_id);
+    if (answer.accepted) return true;
+    m_interruption.reset();
+    if (answer.text == s_cancelled) throw Failure(ExitStatus::FAILED, s_cancelledByOther);
+    if (answer.text != s_busy)
         throw Failure(ExitStatus::REFUSED, "The transfer service refused: " + Quoted(answer.text));
-    return answer.accepted;
+    return false;
 }
 
 void Transactions::TellOfOther(const KyTferStatusMsg& record, bool first) {
@@ -52,8 +73,16 @@ void Transactions::TellOfOther(const KyTferStatusMsg& record, bool first) {
 }
 
 std::optional<KyTferStatusMsg> Transactions::Follow(Claim& claim, const Observer& observer) {
+    auto record = FollowToEnd(claim, observer);
+    m_interruption.reset();
+    if (record && IsCancelled(*record)) throw Failure(ExitStatus::FAILED, s_cancelledByOther);
+    return record;
+}
+
+std::optional<KyTferStatusMsg> Transactions::FollowToEnd(Claim& claim, const Observer& observer) {
     Standstill standstill(m_options.timeOut);
     for (;;) {
+        AbandonIfInterrupted();
         const KyTferStatusMsg record = m_service.Status();
         if (record.GetXferFileName().empty())
             throw Failure(ExitStatus::FAILED, "The transfer service has begun anew and lost this transfer.");
@@ -65,6 +94,22 @@ std::optional<KyTferStatusMsg> Transactions::Follow(Claim& claim, const Observer
         if (standstill.Lasts(record))
             throw Failure(ExitStatus::TIMED_OUT, "The transfer does not come to its end: " + Summary(record));
         standstill.Pause();
+    }
+}
+
+void Transactions::AbandonIfInterrupted() {
+    const int signal = m_interruption ? m_interruption->Take() : 0;
+    if (signal != 0) throw Interrupted(signal, "Interrupted; " + Abandon());
+}
+
+// Says what has become of the transfer.
+std::string Transactions::Abandon() {
+    const std::string notDone = "the transfer was not cancelled: ";
+    try {
+        const Answer answer = m_service.Cancel(m_id);
+        return answer.accepted ? "the transfer has been cancelled." : notDone + Quoted(answer.text) + ".";
+    } catch (const std::exception& failure) {
+        return notDone + failure.what();
     }
 }
 
