@@ -68,20 +68,17 @@ void KyFileFetch::Fetch(Transaction job) {
     }
 }
 
-// Returns false if nobody waits for the file any more: then the device is told nothing.
+// Returns false if the transaction has been replaced: then the device is told nothing.
 bool KyFileFetch::End(Transaction& job) {
     unsigned long long size = 0;
     const bool present = !job.leavesDirectory && GetFileSize(job.path, size);
     switch (m_record.Claim(job, present, size)) {
         case Arrival::MISSING:
-            FetchedNothing(job);
-            return true;
+            return FetchedNothing(job);
         case Arrival::OTHER_SIZE:
-            FetchedOtherSize(job, size);
-            return true;
+            return FetchedOtherSize(job, size);
         case Arrival::WHOLE:
-            FetchedWhole(job);
-            return true;
+            return FetchedWhole(job);
         default:
             __dlog_printfex(KY_DLOG_WARNING, kSource, kFunction,
                             "Another transaction has begun. Dropped file(%s)", job.path.c_str());
@@ -89,14 +86,15 @@ bool KyFileFetch::End(Transaction& job) {
     }
 }
 
-void KyFileFetch::FetchedNothing(const Transaction& job) {
+bool KyFileFetch::FetchedNothing(const Transaction& job) {
     const std::string text =
         "Failed to get file(" + job.name + ") from device. and " + "place it here(" + job.path + ")";
-    m_record.Fail(job, text);
+    const bool tellDevice = m_record.Fail(job, text);
     __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "%s", text.c_str());
+    return tellDevice;
 }
 
-void KyFileFetch::FetchedWhole(const Transaction& job) {
+bool KyFileFetch::FetchedWhole(const Transaction& job) {
     const std::string text =
         "Retrieved file(" + job.name + ") successfully. and placed it " + "in (" + job.path + ")";
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "%s", text.c_str());
@@ -111,15 +109,17 @@ void KyFileFetch::FetchedWhole(const Transaction& job) {
     }
     if (job.worker == Transaction::CLAIMED) m_record.Complete(job, text);
     m_points.Send(kRequestSuccess, PNT_CLIENT_FILE_REQ);
+    return true;
 }
 
-void KyFileFetch::FetchedOtherSize(const Transaction& job, unsigned long long size) {
+bool KyFileFetch::FetchedOtherSize(const Transaction& job, unsigned long long size) {
     const std::string text = "Failed to get file(" + job.name + ") from device. " + "Expecting(" +
                              std::to_string(job.expectedSize) + ") bytes only received(" +
                              std::to_string(size) + ") bytes.";
-    m_record.Fail(job, text);
-    m_points.Send(kRequestError, PNT_CLIENT_FILE_REQ);
+    const bool tellDevice = m_record.Fail(job, text);
+    if (tellDevice) m_points.Send(kRequestError, PNT_CLIENT_FILE_REQ);
     __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "%s", text.c_str());
+    return tellDevice;
 }
 
 }  // namespace ky_engine

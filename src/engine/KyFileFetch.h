@@ -34,9 +34,9 @@ private:
     void GetFileFromDevice(const Transaction& job);
     void Fetch(Transaction job);
     bool End(Transaction& job);
-    void FetchedNothing(const Transaction& job);
-    void FetchedWhole(const Transaction& job);
-    void FetchedOtherSize(const Transaction& job, unsigned long long size);
+    bool FetchedNothing(const Transaction& job);
+    bool FetchedWhole(const Transaction& job);
+    bool FetchedOtherSize(const Transaction& job, unsigned long long size);
 
     KyDevicePoints& m_points;
     KyTransactionRecord& m_record;

@@ -68,7 +68,8 @@ struct ky_engine::Engine {
     KyTferStatusMsg Admit(const char* function, Request request) {
         KyTferStatusMsg result(512);
         const Call call(threads);
-        if (!call || !members.m_initialized || members.m_pldProxy == nullptr) {
+        const bool ready = members.m_initialized && !members.m_stopRequested && members.m_pldProxy != nullptr;
+        if (!call || !ready) {
             Refuse(result, function, kNotInitialized);
             return result;
         }

@@ -309,13 +309,18 @@ KyTransactionRecord::Abandoned KyTransactionRecord::Abandon(const std::string& t
 
 // --- The device
 
-std::optional<Transaction> KyTransactionRecord::Ready(bool& repeated) {
-    KyRequestLock lock(m_members.m_requestMutex);
-    if (m_current.kind != Transaction::FETCH) return std::nullopt;
+// The job of one more worker for the current transaction.
+Transaction KyTransactionRecord::Answer(bool& repeated) {
     Transaction job(m_current);
     job.worker = Transaction::OPEN;
     repeated = std::exchange(m_current.answered, true);
     return job;
+}
+
+std::optional<Transaction> KyTransactionRecord::Ready(bool& repeated) {
+    KyRequestLock lock(m_members.m_requestMutex);
+    if (m_current.kind != Transaction::FETCH) return std::nullopt;
+    return Answer(repeated);
 }
 
 std::optional<Transaction> KyTransactionRecord::NameListing(const std::string& name, bool& repeated) {
@@ -323,6 +328,7 @@ std::optional<Transaction> KyTransactionRecord::NameListing(const std::string& n
     KyRequestLock lock(m_members.m_requestMutex);
     AwaitClaim();
     if (m_current.kind != Transaction::LISTING) return std::nullopt;
+    if (IsOpen() && m_current.answered && m_current.name == name) return Answer(repeated);
     Transaction next(m_current);
     next.number = m_lastNumber + 1;
     next.Place(name, m_current.directory);
@@ -332,7 +338,7 @@ std::optional<Transaction> KyTransactionRecord::NameListing(const std::string& n
     Transaction job(next);
     Status row(m_members.m_status);
     Show(next, row);
-    if (!IsOpen() || m_shown != m_current.number) {
+    if (row.GetStatus() != Status::TFER_STATUS_INPROGRESS || m_shown != m_current.number) {
         row.SetStatus(Status::TFER_STATUS_INPROGRESS);
         row.SetStatusMsg(std::string(kNothingToReport));
     }
@@ -358,9 +364,11 @@ void KyTransactionRecord::NoListing() {
 
 void KyTransactionRecord::SizeChanged(unsigned int size, bool echo) {
     KyRequestLock lock(m_members.m_requestMutex);
-    const bool unfinished = m_current.kind != Transaction::NONE && m_current.worker == Transaction::OPEN;
+    if ((IsOpen() || m_listingReserved) && echo) return;
+    // The size of a listing may come before its record. One that has been reported complete has its size.
+    const bool unfinished = m_current.worker == Transaction::OPEN && !m_listingReserved &&
+                            FindReported(m_current.number) == nullptr;
     if (unfinished && !echo) m_current.expectedSize = size;
-    if (IsOpen() && echo) return;
     m_members.m_xferFileSize = size;
     if (!IsOpen() || m_shown == m_current.number) m_members.m_status.SetBytesRequested(size);
 }
@@ -381,8 +389,8 @@ Arrival KyTransactionRecord::Claim(Transaction& job, bool present, unsigned long
     const bool current = job.number == m_current.number;
     const Reported* const reported = FindReported(job.number);
     if (!current && reported == nullptr) {
-        const bool othersFile =
-            IsOpen() && m_current.name == job.name && m_current.directory == job.directory;
+        const bool othersFile = m_current.kind != Transaction::NONE && m_current.path == job.path &&
+                                m_current.worker != Transaction::COMPLETED;
         if (present && !othersFile) unlink(job.path.c_str());
         return Arrival::REPLACED;
     }
@@ -400,13 +408,15 @@ Arrival KyTransactionRecord::Claim(Transaction& job, bool present, unsigned long
 }
 
 // Leaves the active flag set: a monitor that still runs goes on until its time limit.
-void KyTransactionRecord::Fail(const Transaction& job, const std::string& text) {
+bool KyTransactionRecord::Fail(const Transaction& job, const std::string& text) {
     KyRequestLock lock(m_members.m_requestMutex);
-    if (job.number != m_current.number || m_current.worker != Transaction::OPEN) return;
+    if (job.number != m_current.number) return FindReported(job.number) != nullptr;
+    if (m_current.worker != Transaction::OPEN) return true;
     Write(m_current, Status::TFER_STATUS_FAIL, text);
     m_members.m_status.SetBytesTransfered(m_current.expectedSize);
     if (!m_current.watched) m_current.ended = true;
     Wake();
+    return true;
 }
 
 void KyTransactionRecord::Complete(const Transaction& job, const std::string& text) {

@@ -159,7 +159,8 @@ public:
     /// Decides what becomes of the file that was fetched. Sets the job's expected size, and its `worker` to
     /// CLAIMED if it is to write the last row.
     Arrival Claim(Transaction& job, bool present, unsigned long long size);
-    void Fail(const Transaction& job, const std::string& text);
+    /// @return false if the device must not be told, because the transaction has been replaced
+    bool Fail(const Transaction& job, const std::string& text);
     void Complete(const Transaction& job, const std::string& text);
     void EndPush(const Transaction& push, bool pushed);
 
@@ -200,6 +201,7 @@ private:
     bool Watches(unsigned long long request) const KY_REQUIRES(m_members.m_requestMutex);
     const Reported* FindReported(unsigned long long number) const KY_REQUIRES(m_members.m_requestMutex);
     void EndOverdue() KY_REQUIRES(m_members.m_requestMutex);
+    Transaction Answer(bool& repeated) KY_REQUIRES(m_members.m_requestMutex);
     Transaction Accept(Transaction& next, KyTferStatusMsg& row, KyTferStatusMsg& result)
         KY_REQUIRES(m_members.m_requestMutex);
     static void Show(const Transaction& transaction, KyTferStatusMsg& row);
