@@ -254,7 +254,7 @@ void KyTransactionRecord::Unwatch(unsigned long long request) {
 
 void KyTransactionRecord::BeginPush(unsigned int size) {
     KyRequestLock lock(m_members.m_requestMutex);
-    if (!IsOpen()) m_members.m_xferFileSize = size;
+    if (!IsOpen() && !m_listingReserved) m_members.m_xferFileSize = size;
 }
 
 // The names in the record stay, as nothing has been agreed with the device.
