@@ -7,15 +7,13 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <cwchar>
 #include <exception>
-#include <limits>
-#include <locale>
+#include <iterator>
 #include <memory>
-#include <sstream>
 #include <string_view>
 
+#include "directory/KyListingDates.h"
 #include "messages/KyJson.h"
 #include "platform/KyDlog.h"
 
@@ -34,11 +32,6 @@ constexpr unsigned long long kBytesPerCharacter = 16;
 // take as long as reading the entries; and memory that no entry has reached yet is only addresses.
 constexpr size_t kGrowth = 4;
 constexpr size_t kFewestEntries = 16;
-
-constexpr unsigned long long kNanosecondsPerSecond = 1000000000ULL;
-constexpr unsigned long long kNanosecondsPerMillisecond = 1000000ULL;
-constexpr unsigned long long kLatestDateTime = std::numeric_limits<unsigned long long>::max();
-constexpr size_t kMillisecondsAt = 20;  // position in a date text
 
 /// The lines of a listing file.
 class Lines {
@@ -62,64 +55,64 @@ private:
     wchar_t m_text[kLineRoom] = {};
 };
 
-void AppendNarrow(std::string& narrow, std::wstring_view wide) {
-    const size_t start = narrow.size();
-    narrow.resize(start + wide.size());
-    std::transform(wide.begin(), wide.end(), narrow.data() + start,
+/// Each character becomes one byte, its low 8 bits.
+void Narrow(std::wstring_view wide, std::string& narrow) {
+    narrow.resize(wide.size());
+    std::transform(wide.begin(), wide.end(), narrow.begin(),
                    [](wchar_t character) { return static_cast<char>(character & 0xFF); });
 }
 
-std::string Narrow(std::wstring_view wide) {
-    std::string narrow;
-    AppendNarrow(narrow, wide);
-    return narrow;
-}
+/// An entry line that is split into its fields. Its wide characters tell where they are; their texts are
+/// narrow.
+class FieldSplitter {
+public:
+    FieldSplitter(std::wstring_view line, const std::string& narrow) : m_line(line), m_narrow(narrow) {}
 
-/// Appends the inside of a quoted field, in which every quote stands twice.
-void AppendUnescaped(std::string& narrow, std::wstring_view inside) {
-    size_t quote = inside.find(L'"');
-    while (quote != std::wstring_view::npos) {
-        AppendNarrow(narrow, inside.substr(0, quote + 1));
-        inside.remove_prefix(quote + 2);
-        quote = inside.find(L'"');
+    /// Gives the next field. @return false if there is none, with `field` untouched
+    bool Next(std::string& field) {
+        const bool quoted = m_start < m_line.size() && m_line[m_start] == L'"';
+        const size_t closing = quoted ? FindClosingQuote() : m_start;
+        if (closing == std::wstring_view::npos) return false;
+        const size_t end = FindDelimiter(closing);
+        if (end == m_line.size()) return false;
+
+        field.clear();
+        if (quoted) AppendUnescaped(field, closing);
+        field.append(m_narrow, m_start, end - m_start);
+        const bool twoCharacters = m_line[end] == L'\r' && m_line.substr(end + 1, 1) == L"\n";
+        m_start = end + (twoCharacters ? 2 : 1);
+        return true;
     }
-    AppendNarrow(narrow, inside);
-}
 
-/// The position of the quote that closes the field at the start of `text`; npos if there is none.
-size_t FindClosingQuote(std::wstring_view text) {
-    size_t quote = text.find(L'"', 1);
-    while (quote < text.size() - 1 && text[quote + 1] == L'"')
-        quote = text.find(L'"', quote + 2);
-    return quote;
-}
+private:
+    size_t FindClosingQuote() const {
+        size_t quote = m_line.find(L'"', m_start + 1);
+        while (quote < m_line.size() - 1 && m_line[quote + 1] == L'"')
+            quote = m_line.find(L'"', quote + 2);
+        return quote;
+    }
 
-size_t FindDelimiter(std::wstring_view text, size_t from) {
-    const auto isDelimiter = [](wchar_t character) {
-        return character == L',' || character == L'\n' || character == L'\r';
-    };
-    const auto found = std::find_if(text.data() + from, text.data() + text.size(), isDelimiter);
-    return static_cast<size_t>(found - text.data());
-}
+    size_t FindDelimiter(size_t from) const {
+        const auto isDelimiter = [](wchar_t character) {
+            return character == L',' || character == L'\n' || character == L'\r';
+        };
+        const auto found = std::find_if(m_line.data() + from, m_line.data() + m_line.size(), isDelimiter);
+        return static_cast<size_t>(found - m_line.data());
+    }
 
-/// Takes the first field of `rest` and its delimiter off `rest`, and gives the field as narrow text.
-///
-/// @return false if there is no further field
-bool TakeField(std::wstring_view& rest, std::string& field) {
-    const bool quoted = !rest.empty() && rest.front() == L'"';
-    const size_t closing = quoted ? FindClosingQuote(rest) : 0;
-    if (closing == std::wstring_view::npos) return false;
-    const size_t end = FindDelimiter(rest, closing);
-    if (end == rest.size()) return false;
+    /// Appends the inside of the quotes, in which every quote stands twice, and goes on behind them.
+    void AppendUnescaped(std::string& field, size_t closing) {
+        ++m_start;
+        for (size_t quote = 0; (quote = m_line.find(L'"', m_start)) < closing; m_start = quote + 2)
+            field.append(m_narrow, m_start, quote + 1 - m_start);
+        field.append(m_narrow, m_start, closing - m_start);
+        m_start = closing + 1;
+    }
 
-    field.clear();
-    if (quoted) AppendUnescaped(field, rest.substr(1, closing - 1));
-    const size_t plain = quoted ? closing + 1 : 0;
-    AppendNarrow(field, rest.substr(plain, end - plain));
-    const bool twoCharacters = rest.substr(end, 2) == L"\r\n";
-    rest.remove_prefix(end + (twoCharacters ? 2 : 1));
-    return true;
-}
+    const std::wstring_view m_line;
+    const std::string& m_narrow;
+    size_t m_start = 0;
+};
 
 long long ParseNumber(const std::string& text) {
     return std::strtoll(text.c_str(), nullptr, 10);
@@ -129,117 +122,62 @@ int ClampToInt(long long value) {
     return static_cast<int>(std::clamp<long long>(value, INT_MIN, INT_MAX));
 }
 
-/// So many units as nanoseconds, within the range of a time stamp.
-unsigned long long ToNanoseconds(long long count, unsigned long long unit) {
-    if (count <= 0) return 0;
-    const auto units = static_cast<unsigned long long>(count);
-    return units > kLatestDateTime / unit ? kLatestDateTime : units * unit;
-}
-
-/// Calendar fields, of any values, as seconds since 1970 of local standard time.
-long long ToSeconds(int year, int month, int day, int hour, int minute, int second) {
-    struct tm local = {};
-    local.tm_year = ClampToInt(year - 1900LL);
-    local.tm_mon = ClampToInt(month - 1LL);
-    local.tm_mday = day;
-    local.tm_hour = hour;
-    local.tm_min = minute;
-    local.tm_sec = second;
-    local.tm_wday = -1;  // still is if the date is out of reach, for which the result alone is ambiguous
-    const time_t seconds = std::mktime(&local);
-    if (local.tm_wday >= 0) return seconds;
-    return year + month / 12LL < 1970 ? LLONG_MIN : LLONG_MAX;
-}
-
-unsigned long long ParseDateTime(const std::string& text) {
-    int fields[6] = {};  // year to second; those behind a failure stay 0
-    std::istringstream in(text);
-    in.imbue(std::locale::classic());
-    for (int& field : fields) {
-        if (&field != fields) {
-            char separator = 0;
-            in >> separator;
-        }
-        int value = 0;
-        if (in >> value) field = value;
-    }
-    const long long seconds = ToSeconds(fields[0], fields[1], fields[2], fields[3], fields[4], fields[5]);
-    const long long milliseconds =
-        text.size() > kMillisecondsAt ? ParseNumber(text.substr(kMillisecondsAt, 3)) : 0;
-    constexpr auto last = static_cast<long long>(kLatestDateTime / kNanosecondsPerSecond);
-    return ToNanoseconds(std::clamp(seconds, -1LL, last + 1) * 1000 + milliseconds,
-                         kNanosecondsPerMillisecond);
-}
-
 /// What the lines read so far give an entry; a line changes only what it has fields for.
 struct EntryValues {
-    std::string origFileName;
-    std::string xferFileName;
-    std::string fileType;
+    std::string texts[3];  // file name, transfer name and type
+    std::string number;    // size or date, as the file has it
     unsigned int fileSizeInBytes = 0;
     unsigned long long dateTime = 0;
 
-    void Set(size_t index, const std::string& field) {
-        switch (index) {
-            case 0:
-                origFileName = field;
-                break;
-            case 1:
-                xferFileName = field;
-                break;
-            case 2:
-                fileType = field;
-                break;
-            case 3:
-                fileSizeInBytes = static_cast<unsigned int>(ClampToInt(ParseNumber(field)));
-                break;
-            case 4:
-                dateTime = field.find('-') != std::string::npos
-                               ? ParseDateTime(field)
-                               : ToNanoseconds(ParseNumber(field), kNanosecondsPerSecond);
-                break;
-            default:
-                break;
-        }
-    }
-
     size_t Bytes() const {
-        return sizeof(KyTferDirEntry) + origFileName.size() + xferFileName.size() + fileType.size();
+        return sizeof(KyTferDirEntry) + texts[0].size() + texts[1].size() + texts[2].size();
     }
 };
 
-// The traces take narrow text: the log formats in the process's locale, which need not have the characters.
-void SplitLine(std::wstring_view line, std::string& text, EntryValues& values) {
-    text.clear();
-    AppendNarrow(text, line);
-    __dlog_printfex(KY_DLOG_TRACE, kSource, "ParseFile", "Input %3zd: [%.*s]",
-                    static_cast<ssize_t>(line.size()), static_cast<int>(line.size()) - 1, text.c_str());
-    for (size_t index = 0; TakeField(line, text); ++index) {
-        __dlog_printfex(KY_DLOG_TRACE, kSource, "ParseFile", "Field %3zd: [%s]",
-                        static_cast<ssize_t>(text.size()), text.c_str());
-        values.Set(index, text);
-    }
-}
+/// The entry lines of a listing file, read one by one.
+class EntryLines {
+public:
+    explicit EntryLines(Lines& lines) : m_lines(lines) {}
 
-void ReadEntries(Lines& lines, KyTferDirectory& directory) {
-    const std::string noPath;
-    EntryValues values;
-    std::string text;
-    unsigned long long allowed = kBytesForAnyFile;
-    unsigned long long taken = 0;
-    while (lines.Next()) {
-        SplitLine(lines.Line(), text, values);
-        allowed += lines.Line().size() * kBytesPerCharacter;
-        taken += values.Bytes();
-        if (taken > allowed) {
-            __dlog_printfex(KY_DLOG_ERROR, kSource, "ParseFile",
-                            "Too many short lines; the rest is not read");
-            return;
-        }
-        directory.AddEntry(noPath, values.origFileName, values.xferFileName, values.fileType,
-                           values.fileSizeInBytes, values.dateTime);
+    /// Reads the next line into `values`.
+    ///
+    /// @return false at the end of the file, or if its entries would take too much memory
+    bool Next(EntryValues& values) {
+        if (!m_lines.Next()) return false;
+        const std::wstring_view line = m_lines.Line();
+        Split(line, values);
+        m_allowedBytes += line.size() * kBytesPerCharacter;
+        m_takenBytes += values.Bytes();
+        if (m_takenBytes <= m_allowedBytes) return true;
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "ParseFile", "Too many short lines; the rest is not read");
+        return false;
     }
-}
+
+private:
+    // The traces take narrow text: the log formats in the process's locale, which need not have the
+    // characters.
+    void Split(std::wstring_view line, EntryValues& values) {
+        Narrow(line, m_text);
+        __dlog_printfex(KY_DLOG_TRACE, kSource, "ParseFile", "Input %3zd: [%.*s]",
+                        static_cast<ssize_t>(line.size()), static_cast<int>(line.size()) - 1, m_text.c_str());
+        FieldSplitter fields(line, m_text);
+        for (size_t index = 0;; ++index) {
+            std::string& field = index < std::size(values.texts) ? values.texts[index] : values.number;
+            if (!fields.Next(field)) return;
+            __dlog_printfex(KY_DLOG_TRACE, kSource, "ParseFile", "Field %3zd: [%s]",
+                            static_cast<ssize_t>(field.size()), field.c_str());
+            if (index == 3)
+                values.fileSizeInBytes = static_cast<unsigned int>(ClampToInt(ParseNumber(field)));
+            if (index == 4) values.dateTime = m_dates.Parse(field);
+        }
+    }
+
+    Lines& m_lines;
+    ky_directory::KyListingDates m_dates;
+    std::string m_text;
+    unsigned long long m_allowedBytes = kBytesForAnyFile;
+    unsigned long long m_takenBytes = 0;
+};
 
 /// PutHeaderData, but it throws std::bad_alloc.
 void FillHeader(const ky_json::Ref& doc, const std::string& context, unsigned int skip, unsigned int take,
@@ -274,16 +212,21 @@ bool KyTferDirectory::ParseFile(const std::string& fileName) try {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "ParseFile", "missing version/num entry line");
         return false;
     }
-    std::string header = Narrow(lines.Line());
+    std::string header;
+    Narrow(lines.Line(), header);
     __dlog_printfex(KY_DLOG_TRACE, kSource, "ParseFile", "1st header(%s)", header.c_str());
     m_version = static_cast<unsigned char>(ParseNumber(header) & 0xFF);
     if (!lines.Next()) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "ParseFile", "missing header line");
         return false;
     }
-    header = Narrow(lines.Line());
+    Narrow(lines.Line(), header);
     __dlog_printfex(KY_DLOG_TRACE, kSource, "ParseFile", "2nd header(%s)", header.c_str());
-    ReadEntries(lines, *this);
+    const std::string noPath;
+    EntryLines entries(lines);
+    for (EntryValues values; entries.Next(values);)
+        AddEntry(noPath, values.texts[0], values.texts[1], values.texts[2], values.fileSizeInBytes,
+                 values.dateTime);
     return true;
 } catch (const std::exception&) {
     __dlog_printfex(KY_DLOG_ERROR, kSource, "ParseFile", "%s", kOutOfMemory);
