@@ -28,41 +28,30 @@ KyTferDirEntry::KyTferDirEntry() : m_fileSizeInBytes(0), m_dateTime(0) {}
 KyTferDirEntry::KyTferDirEntry(const std::string& path, const std::string& origFileName,
                                const std::string& xferFileName, const std::string& fileType,
                                unsigned int fileSizeInBytes, unsigned long long dateTime)
-    : KyTferDirEntry() {
-    KyTferDirEntry::Init(path, origFileName, xferFileName, fileType, fileSizeInBytes, dateTime);
-}
+    : m_path(path),
+      m_origFileName(origFileName),
+      m_xferFileName(xferFileName),
+      m_fileType(fileType),
+      m_fileSizeInBytes(fileSizeInBytes),
+      m_dateTime(dateTime) {}
 
-KyTferDirEntry::KyTferDirEntry(const KyTferDirEntry& other) : KyTferDirEntry() {
-    *this = other;
-}
+KyTferDirEntry::KyTferDirEntry(const KyTferDirEntry& other) = default;
 
 KyTferDirEntry::KyTferDirEntry(KyTferDirEntry&& other) noexcept = default;
 
 KyTferDirEntry::~KyTferDirEntry() = default;
 
+// A member-wise assignment that fails would leave parts of both entries.
 KyTferDirEntry& KyTferDirEntry::operator=(const KyTferDirEntry& other) {
-    if (this == &other) return *this;
-    Init(other.m_path, other.m_origFileName, other.m_xferFileName, other.m_fileType, other.m_fileSizeInBytes,
-         other.m_dateTime);
-    m_whole &= other.m_whole;
-    return *this;
+    return *this = KyTferDirEntry(other);
 }
 
 KyTferDirEntry& KyTferDirEntry::operator=(KyTferDirEntry&& other) noexcept = default;
 
 void KyTferDirEntry::Init(const std::string& path, const std::string& origFileName,
                           const std::string& xferFileName, const std::string& fileType,
-                          unsigned int fileSizeInBytes, unsigned long long dateTime) try {
-    m_path = path;
-    m_origFileName = origFileName;
-    m_xferFileName = xferFileName;
-    m_fileType = fileType;
-    m_fileSizeInBytes = fileSizeInBytes;
-    m_dateTime = dateTime;
-    m_whole = true;
-} catch (...) {
-    *this = KyTferDirEntry();
-    m_whole = false;
+                          unsigned int fileSizeInBytes, unsigned long long dateTime) {
+    *this = KyTferDirEntry(path, origFileName, xferFileName, fileType, fileSizeInBytes, dateTime);
 }
 
 std::string KyTferDirEntry::GetDateTimeAsString() const {

@@ -9,10 +9,12 @@ struct json_t;
 
 /// One file of the managed device's directory: its names, type, size and time stamp.
 ///
-/// A plain value: it owns its texts, and a copy has nothing to do with what it was copied from. Texts are
-/// bytes; any text, size and time stamp is accepted. There is no lock; threads may read an entry at the same
-/// time while none writes it. No operation blocks or throws: an entry for which memory has run out is an
-/// empty one and says so with IsWhole.
+/// A plain value: it owns its texts, and copies are independent. Texts are bytes; any text, size and time
+/// stamp is accepted. There is no lock; threads may read an entry at the same time while none writes it. No
+/// operation blocks.
+///
+/// Constructors with arguments, Init, copies and copy assignment throw std::bad_alloc if memory runs out; an
+/// entry that they were to overwrite stays as it was. Nothing else throws. Moves take no memory.
 class KYTFER_EXPORT KyTferDirEntry {
 public:
     /// An entry with empty texts, size 0 and time stamp 0.
@@ -29,7 +31,7 @@ public:
                    const std::string& fileType, unsigned int fileSizeInBytes, unsigned long long dateTime);
 
     /// @{
-    /// All fields of `other`. What an entry was moved from may be assigned to or destroyed.
+    /// All fields of `other`. A moved-from entry may be assigned to or destroyed.
     KyTferDirEntry(const KyTferDirEntry& other);
     KyTferDirEntry(KyTferDirEntry&& other) noexcept;
     /// @}
@@ -44,9 +46,6 @@ public:
     /// Overwrites all that the entry holds; the arguments are those of the constructor.
     void Init(const std::string& path, const std::string& origFileName, const std::string& xferFileName,
               const std::string& fileType, unsigned int fileSizeInBytes, unsigned long long dateTime);
-
-    /// False if memory has run out when the entry was last filled or copied to.
-    bool IsWhole() const { return m_whole; }
 
     /// @{
     /// The field as it was given; a text stays the entry's own, and valid until the entry changes.
@@ -87,7 +86,6 @@ private:
     std::string m_xferFileName;
     std::string m_fileType;
     unsigned int m_fileSizeInBytes;
-    bool m_whole = true;
     unsigned long long m_dateTime;
 };
 

@@ -225,8 +225,8 @@ bool KyTferDirectory::ParseFile(const std::string& fileName) try {
     const std::string noPath;
     EntryLines entries(lines);
     for (EntryValues values; entries.Next(values);)
-        AddEntry(noPath, values.texts[0], values.texts[1], values.texts[2], values.fileSizeInBytes,
-                 values.dateTime);
+        Append(noPath, values.texts[0], values.texts[1], values.texts[2], values.fileSizeInBytes,
+               values.dateTime);
     return true;
 } catch (const std::exception&) {
     __dlog_printfex(KY_DLOG_ERROR, kSource, "ParseFile", "%s", kOutOfMemory);
@@ -236,21 +236,27 @@ bool KyTferDirectory::ParseFile(const std::string& fileName) try {
 void KyTferDirectory::AddEntry(const std::string& path, const std::string& origFileName,
                                const std::string& xferFileName, const std::string& fileType,
                                unsigned int fileSizeInBytes, unsigned long long dateTime) try {
-    __dlog_printfex(KY_DLOG_TRACE, kSource, "AddEntry", "%s %s %s %s %d ...", path.c_str(),
-                    origFileName.c_str(), xferFileName.c_str(), fileType.c_str(),
-                    static_cast<int>(fileSizeInBytes));
-    if (m_entries.size() == m_entries.capacity()) Grow();
-    m_entries.emplace_back(path, origFileName, xferFileName, fileType, fileSizeInBytes, dateTime);
-    if (m_entries.back().IsWhole()) return;
-    m_entries.pop_back();
-    throw std::bad_alloc();
+    Append(path, origFileName, xferFileName, fileType, fileSizeInBytes, dateTime);
 } catch (const std::exception&) {
     __dlog_printfex(KY_DLOG_ERROR, kSource, "AddEntry", "%s", kOutOfMemory);
 }
 
-void KyTferDirectory::Grow() {
+/// AddEntry, but it throws if memory runs out.
+void KyTferDirectory::Append(const std::string& path, const std::string& origFileName,
+                             const std::string& xferFileName, const std::string& fileType,
+                             unsigned int fileSizeInBytes, unsigned long long dateTime) {
+    __dlog_printfex(KY_DLOG_TRACE, kSource, "AddEntry", "%s %s %s %s %d ...", path.c_str(),
+                    origFileName.c_str(), xferFileName.c_str(), fileType.c_str(),
+                    static_cast<int>(fileSizeInBytes));
+    if (m_entries.size() == m_entries.capacity())
+        Reserve(std::max(kFewestEntries, kGrowth * m_entries.size()));
+    m_entries.emplace_back(path, origFileName, xferFileName, fileType, fileSizeInBytes, dateTime);
+}
+
+/// Takes memory for `count` entries in all, if there is so much.
+void KyTferDirectory::Reserve(size_t count) {
     try {
-        m_entries.reserve(std::max(kFewestEntries, kGrowth * m_entries.size()));
+        m_entries.reserve(count);
     } catch (const std::exception&) {
         // That was too much; there may still be memory for what the vector asks for.
     }
@@ -264,9 +270,7 @@ bool KyTferDirectory::GetDirEntry(const std::string& path, const std::string& xf
                 return listed.GetXferFileName() == xferFileName && listed.GetPath() == path;
             });
         if (found == m_entries.end()) return false;
-        KyTferDirEntry copy(*found);
-        if (!copy.IsWhole()) return false;
-        entry = std::move(copy);
+        entry = *found;
         return true;
     } catch (const std::exception&) {
         return false;
@@ -282,11 +286,7 @@ std::vector<KyTferDirEntry> KyTferDirectory::GetEntryList(unsigned int skip, uns
     try {
         const Page page = GetPage(skip, take);
         const KyTferDirEntry* const first = m_entries.data() + page.first;
-        std::vector<KyTferDirEntry> entries(first, first + page.length);
-        const bool whole = std::all_of(entries.begin(), entries.end(),
-                                       [](const KyTferDirEntry& entry) { return entry.IsWhole(); });
-        if (!whole) entries.clear();
-        return entries;
+        return std::vector<KyTferDirEntry>(first, first + page.length);
     } catch (const std::exception&) {
         return std::vector<KyTferDirEntry>();
     }

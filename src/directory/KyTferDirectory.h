@@ -16,7 +16,8 @@
 /// fills a listing, and once it is filled any number of threads may read it. Only ParseFile blocks, for the
 /// file it reads.
 ///
-/// No operation throws. What cannot be done for want of memory is not done, as each operation tells.
+/// No operation throws; each one tells what it does if memory runs out. Only copies of a listing throw: they
+/// throw std::bad_alloc.
 class KYTFER_EXPORT KyTferDirectory {
 public:
     KyTferDirectory();
@@ -43,8 +44,8 @@ public:
     /// that are all but empty.
     ///
     /// @param fileName  path of the listing file
-    /// @return true if both header lines could be read, whatever the entries were; false with a line in the
-    ///         log otherwise, or if memory runs out. Entries that were added before a failure stay.
+    /// @return true if both header lines could be read, whatever the entries were; false with an error in the
+    ///         log otherwise, or if memory runs out for an entry. Entries that were added before a failure stay.
     bool ParseFile(const std::string& fileName);
 
     /// Adds one entry behind the others; the arguments are those of KyTferDirEntry. Without memory for it,
@@ -108,7 +109,9 @@ private:
         size_t length;
     };
 
-    void Grow();
+    void Reserve(size_t count);
+    void Append(const std::string& path, const std::string& origFileName, const std::string& xferFileName,
+                const std::string& fileType, unsigned int fileSizeInBytes, unsigned long long dateTime);
     Page GetPage(unsigned int skip, unsigned int take) const;
     json_t* GetPageAsJSONArray(unsigned int skip, unsigned int take) const;
 
