@@ -1,9 +1,14 @@
 #include "directory/KyBlankSeparatedListing.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <exception>
 #include <limits>
-#include <streambuf>
-#include <string>
+#include <vector>
 
 #include "directory/KyTferDirectory.h"
 
@@ -12,197 +17,204 @@ namespace {
 // A file without blanks would otherwise be one name, as large as the file.
 constexpr size_t kMostTokenBytes = 65536;
 
+constexpr size_t kBlockBytes = 65536;
+
+// The shortest entry is "a ,b ,c ,1,2".
+constexpr unsigned long long kFewestEntryBytes = 12;
+
 // What the classic locale calls so.
 constexpr auto IsBlank = [](char character) {
-    return character == ' ' || (character >= '\t' && character <= '\r');
+    return character == ' ' || static_cast<unsigned char>(character - '\t') < 5;
 };
 
-/// Takes items off a stream's buffer as the stream's own `>>` would in the classic locale. That asks the
-/// locale for every item and the buffer for every character, which takes longer than all the rest of reading
-/// a listing.
-///
-/// Each operation skips leading white space. One that fails, and every one after it, returns false and leaves
-/// its argument with any value.
-class PlainExtractor {
+/// A regular file, read block by block. It is not mapped: a process that touches a mapped page behind the end
+/// of a file that has become shorter is ended by a signal.
+class File {
 public:
-    // cppcheck-suppress uninitMemberVar  ; of the block only what has been read is used
-    explicit PlainExtractor(std::streambuf& source) : m_source(source) {}
-    PlainExtractor(const PlainExtractor&) = delete;
-    PlainExtractor& operator=(const PlainExtractor&) = delete;
+    // O_NONBLOCK, because opening a FIFO waits for its writer otherwise.
+    explicit File(const char* path) : m_fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {
+        struct stat info = {};
+        m_isRegular = m_fd >= 0 && fstat(m_fd, &info) == 0 && S_ISREG(info.st_mode);
+        m_size = static_cast<unsigned long long>(info.st_size);
+    }
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+    ~File() {
+        if (m_fd >= 0) close(m_fd);
+    }
 
-    /// Gives back what was taken from the source and not used.
-    ~PlainExtractor();
+    /// In bytes, when the file was opened.
+    unsigned long long Size() const { return m_size; }
 
-    /// What the operations have come to, as the state of a stream.
-    std::ios_base::iostate State() const { return m_state; }
-
-    bool Character(char& character);
-    bool Token(std::string& token);
-    template <typename Number>
-    bool Unsigned(Number& number);
-
-    /// Skips everything up to the next line feed, and that too.
-    bool RestOfLine();
+    /// @return the number of bytes read; 0 at the end, behind an error, or if there is no regular file
+    size_t Read(char* block, size_t room) {
+        if (!m_isRegular) return 0;
+        ssize_t count = 0;
+        do
+            count = read(m_fd, block, room);
+        while (count < 0 && errno == EINTR);
+        m_isRegular = count > 0;
+        return static_cast<size_t>(std::max<ssize_t>(count, 0));
+    }
 
 private:
-    /// Makes sure that there is a character at m_next. @return false at the end of the source
-    bool Fill() { return m_next != m_end || Refill(); }
-    bool Refill();
-    template <typename Predicate>
-    bool SkipWhile(Predicate predicate);
-    bool FindStart();
-    bool Fail() {
-        m_state |= std::ios_base::failbit;
-        return false;
-    }
-
-    std::streambuf& m_source;
-    std::ios_base::iostate m_state = std::ios_base::goodbit;
-    char m_block[8192];
-    const char* m_next = m_block;
-    const char* m_end = m_block;
+    const int m_fd;
+    bool m_isRegular = false;
+    unsigned long long m_size = 0;
 };
 
-// Only what the source has in its buffer is taken, so that all of it can be given back.
-bool PlainExtractor::Refill() {
-    m_next = m_end = m_block;
-    if (m_source.sgetc() == std::char_traits<char>::eof()) {
-        m_state |= std::ios_base::eofbit;
-        return false;
-    }
-    const auto room = static_cast<std::streamsize>(sizeof m_block);
-    const std::streamsize ready = std::clamp<std::streamsize>(m_source.in_avail(), 1, room);
-    m_end = m_block + m_source.sgetn(m_block, ready);
-    return m_next != m_end;
-}
+}  // namespace
 
-PlainExtractor::~PlainExtractor() {
-    try {
-        for (; m_next != m_end; ++m_next)
-            m_source.sungetc();
-    } catch (...) {
-        // A source that cannot take back what it has just given is left behind the listing.
-    }
-}
+namespace ky_directory {
 
-/// Hands each character to `predicate` up to the first one for which it is false, which is left.
+/// Takes items off a file as a stream's `>>` would in the classic locale. A stream asks the locale for every
+/// item and its buffer for every character, which takes longer than all other work on a listing.
 ///
-/// @return false if there is no such character
-template <typename Predicate>
-inline bool PlainExtractor::SkipWhile(Predicate predicate) {
-    while (Fill()) {
-        const char* next = m_next;
-        const char* const end = m_end;
-        while (next != end && predicate(*next))
-            ++next;
-        m_next = next;
-        if (next != end) return true;
-    }
-    return false;
+/// The operations take the position of the next character in the block and return the one behind their item,
+/// or null if they fail. A position kept as a member would be stored and loaded again for each item.
+class BlankSeparatedReader {
+public:
+    explicit BlankSeparatedReader(const std::string& path)
+        : m_file(path.c_str()), m_block(kBlockBytes), m_end(m_block.data()) {}
+
+    /// Adds the file's entries to `directory`. Throws std::exception if memory runs out.
+    void ReadInto(KyTferDirectory& directory);
+
+private:
+    using Position = const char*;
+
+    /// One entry, with room for the next.
+    struct Entry {
+        std::string origFileName;
+        std::string xferFileName;
+        std::string fileType;
+        unsigned int size = 0;
+        unsigned long long dateTime = 0;
+    };
+
+    Position Header(Position next, unsigned int& count);
+    Position Item(Position next, Entry& entry);
+
+    // These skip leading blanks.
+    Position Character(Position next, char& character);
+    Position Token(Position next, std::string& token);
+    template <typename Number>
+    Position Unsigned(Position next, Number& number);
+
+    Position Refill();
+    template <typename Predicate>
+    Position SkipWhile(Position next, Predicate predicate);
+
+    File m_file;
+    std::vector<char> m_block;
+    Position m_end;
+};
+
+void BlankSeparatedReader::ReadInto(KyTferDirectory& directory) {
+    unsigned int count = 0;
+    Position next = Header(m_end, count);
+    // Not for a directory with entries: each file that is read into it would move them.
+    if (directory.m_entries.empty())
+        directory.Reserve(
+            static_cast<size_t>(std::min<unsigned long long>(count, m_file.Size() / kFewestEntryBytes)));
+    const std::string noPath;
+    for (Entry entry; next != nullptr && (next = Item(next, entry)) != nullptr;)
+        directory.Append(noPath, entry.origFileName, entry.xferFileName, entry.fileType, entry.size,
+                         entry.dateTime);
 }
 
-// Not to find anything is a failure, unlike the end of the source behind an item.
-inline bool PlainExtractor::FindStart() {
-    return (m_state == std::ios_base::goodbit && SkipWhile(IsBlank)) || Fail();
+BlankSeparatedReader::Position BlankSeparatedReader::Header(Position next, unsigned int& count) {
+    char separator = 0;
+    const bool good = (next = Unsigned(next, count)) != nullptr &&
+                      (next = Character(next, separator)) != nullptr &&
+                      (next = Unsigned(next, count)) != nullptr;
+    return good ? SkipWhile(next, [](char character) { return character != '\n'; }) : nullptr;
 }
 
-inline bool PlainExtractor::Character(char& character) {
-    if (!FindStart()) return false;
-    character = *m_next++;
-    return true;
+inline BlankSeparatedReader::Position BlankSeparatedReader::Item(Position next, Entry& entry) {
+    char separator = 0;
+    const bool good =
+        (next = Token(next, entry.origFileName)) != nullptr &&
+        (next = Character(next, separator)) != nullptr &&
+        (next = Token(next, entry.xferFileName)) != nullptr &&
+        (next = Character(next, separator)) != nullptr && (next = Token(next, entry.fileType)) != nullptr &&
+        (next = Character(next, separator)) != nullptr && (next = Unsigned(next, entry.size)) != nullptr &&
+        (next = Character(next, separator)) != nullptr &&
+        (next = Unsigned(next, entry.dateTime)) != nullptr && separator == ',';
+    return good ? next : nullptr;
 }
 
-inline bool PlainExtractor::Token(std::string& token) {
+inline BlankSeparatedReader::Position BlankSeparatedReader::Character(Position next, char& character) {
+    next = SkipWhile(next, IsBlank);
+    if (next == nullptr) return nullptr;
+    character = *next;
+    return next + 1;
+}
+
+inline BlankSeparatedReader::Position BlankSeparatedReader::Token(Position next, std::string& token) {
+    Position start = SkipWhile(next, IsBlank);
+    if (start == nullptr) return nullptr;
     token.clear();
-    bool more = FindStart();
-    while (more) {
-        const char* next = m_next;
-        const char* const end = m_end;
-        while (next != end && !IsBlank(*next))
-            ++next;
-        token.append(m_next, static_cast<size_t>(next - m_next));
-        m_next = next;
-        if (token.size() > kMostTokenBytes) return Fail();
-        more = next == end && Fill();
+    for (;;) {
+        next = std::find_if(start, m_end, IsBlank);
+        token.append(start, static_cast<size_t>(next - start));
+        if (token.size() > kMostTokenBytes) return nullptr;
+        if (next != m_end) return next;
+        start = Refill();
+        if (start == nullptr) return m_end;
     }
-    return !token.empty();
 }
 
 template <typename Number>
-inline bool PlainExtractor::Unsigned(Number& number) {
+inline BlankSeparatedReader::Position BlankSeparatedReader::Unsigned(Position next, Number& number) {
     constexpr Number most = std::numeric_limits<Number>::max();
-    if (!FindStart()) return false;
-    const bool negative = *m_next == '-';
-    if (negative || *m_next == '+') ++m_next;
+    next = SkipWhile(next, IsBlank);
+    if (next == nullptr) return nullptr;
+    const bool negative = *next == '-';
+    if (negative || *next == '+') ++next;
     Number value = 0;
     bool digits = false;
     bool tooLarge = false;
-    SkipWhile([&](char character) {
+    next = SkipWhile(next, [&](char character) {
         const auto digit = static_cast<unsigned char>(character - '0');
         if (digit > 9) return false;
         digits = true;
-        tooLarge |= value > most / 10 || value * 10 > most - digit;
+        if (value >= most / 10 && (value > most / 10 || digit > most % 10)) tooLarge = true;
         value = value * 10 + digit;
         return true;
     });
     number = negative ? 0 - value : value;
-    return (digits && !tooLarge) || Fail();
+    if (!digits || tooLarge) return nullptr;
+    return next != nullptr ? next : m_end;
 }
 
-bool PlainExtractor::RestOfLine() {
-    if (m_state != std::ios_base::goodbit) return Fail();
-    if (SkipWhile([](char character) { return character != '\n'; })) ++m_next;
-    return true;
+/// Reads the next block. @return its start; null at the end of the file
+BlankSeparatedReader::Position BlankSeparatedReader::Refill() {
+    const size_t count = m_file.Read(m_block.data(), m_block.size());
+    m_end = m_block.data() + count;
+    return count != 0 ? m_block.data() : nullptr;
 }
 
-bool SkipHeader(PlainExtractor& in) {
-    unsigned int number = 0;
-    char separator = 0;
-    return in.Unsigned(number) && in.Character(separator) && in.Unsigned(number) && in.RestOfLine();
+/// Hands each character to `predicate` up to the first one for which it is false.
+///
+/// @return where that is; null if there is no such character
+template <typename Predicate>
+inline BlankSeparatedReader::Position BlankSeparatedReader::SkipWhile(Position next, Predicate predicate) {
+    do {
+        for (const Position end = m_end; next != end; ++next)
+            if (!predicate(*next)) return next;
+        next = Refill();
+    } while (next != nullptr);
+    return nullptr;
 }
 
-/// One entry, with room for the next.
-struct Entry {
-    std::string origFileName;
-    std::string xferFileName;
-    std::string fileType;
-    unsigned int size = 0;
-    unsigned long long dateTime = 0;
-};
-
-bool ReadEntry(PlainExtractor& in, Entry& entry) {
-    char separator = 0;
-    return in.Token(entry.origFileName) && in.Character(separator) && in.Token(entry.xferFileName) &&
-           in.Character(separator) && in.Token(entry.fileType) && in.Character(separator) &&
-           in.Unsigned(entry.size) && in.Character(separator) && in.Unsigned(entry.dateTime) &&
-           separator == ',';
-}
-
-/// @param count  goes up with each entry, so that it is right even if memory runs out
-/// @return the state in which a stream would be left
-std::ios_base::iostate ReadEntries(std::streambuf& source, KyTferDirectory& directory, size_t& count) {
-    PlainExtractor in(source);
-    const std::string noPath;
+bool ReadBlankSeparatedListing(const std::string& path, KyTferDirectory& directory) {
     try {
-        Entry entry;
-        for (bool good = SkipHeader(in); good && ReadEntry(in, entry); ++count)
-            directory.AddEntry(noPath, entry.origFileName, entry.xferFileName, entry.fileType, entry.size,
-                               entry.dateTime);
-    } catch (...) {
-        return in.State() | std::ios_base::badbit;
+        BlankSeparatedReader(path).ReadInto(directory);
+        return true;
+    } catch (const std::exception&) {
+        return false;
     }
-    return in.State();
 }
 
-}  // namespace
-
-size_t ky_directory::ReadBlankSeparatedListing(std::istream& in, KyTferDirectory& directory) {
-    size_t count = 0;
-    try {
-        const std::istream::sentry ready(in, true);
-        if (ready) in.setstate(ReadEntries(*in.rdbuf(), directory, count));
-    } catch (...) {
-        // The stream is set to throw; it has noted its state before it did.
-    }
-    return count;
-}
+}  // namespace ky_directory

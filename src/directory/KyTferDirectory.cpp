@@ -1,10 +1,13 @@
 #include "directory/KyTferDirectory.h"
 
+#include <sys/mman.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
@@ -32,6 +35,8 @@ constexpr unsigned long long kBytesPerCharacter = 16;
 // take as long as reading the entries; and memory that no entry has reached yet is only addresses.
 constexpr size_t kGrowth = 4;
 constexpr size_t kFewestEntries = 16;
+
+constexpr size_t kBytesForLargePages = 4 * 1024 * 1024;  // room for a large page wherever the memory starts
 
 /// The lines of a listing file.
 class Lines {
@@ -179,6 +184,15 @@ private:
     unsigned long long m_takenBytes = 0;
 };
 
+/// With small pages, the page faults of a long listing take as long as reading it. On failure they stay small.
+void PreferLargePages(const void* memory, size_t bytes) {
+    if (bytes < kBytesForLargePages) return;
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const std::uintptr_t start = (reinterpret_cast<std::uintptr_t>(memory) + page - 1) & ~(page - 1);
+    const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(memory) + bytes;
+    madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);
+}
+
 /// PutHeaderData, but it throws std::bad_alloc.
 void FillHeader(const ky_json::Ref& doc, const std::string& context, unsigned int skip, unsigned int take,
                 size_t totalFiles, KyTferStatusMsg::TferStatus status) {
@@ -257,6 +271,7 @@ void KyTferDirectory::Append(const std::string& path, const std::string& origFil
 void KyTferDirectory::Reserve(size_t count) {
     try {
         m_entries.reserve(count);
+        PreferLargePages(m_entries.data(), m_entries.capacity() * sizeof(KyTferDirEntry));
     } catch (const std::exception&) {
         // That was too much; there may still be memory for what the vector asks for.
     }

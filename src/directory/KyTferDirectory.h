@@ -9,6 +9,10 @@
 #include "messages/KyTferExport.h"
 #include "messages/KyTferStatusMsg.h"
 
+namespace ky_directory {
+class BlankSeparatedReader;
+}
+
 /// The managed device's directory listing: entries in the order in which they were added, and pages of them
 /// as copies or as JSON.
 ///
@@ -104,6 +108,8 @@ protected:
     unsigned char m_version;
 
 private:
+    friend class ky_directory::BlankSeparatedReader;
+
     struct Page {
         size_t first;
         size_t length;

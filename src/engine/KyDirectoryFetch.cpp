@@ -1,7 +1,7 @@
 #include "engine/KyDirectoryFetch.h"
 
 #include <algorithm>
-#include <fstream>
+#include <new>
 
 #include "directory/KyBlankSeparatedListing.h"
 #include "engine/KyTferClientConstants.h"
@@ -66,10 +66,7 @@ void KyDirectoryFetch::Answered(const std::string& answer, bool echo) {
 // A listing that is there already stays, and has been asked for once more.
 void KyDirectoryFetch::CreateDirectoryFromFile(const std::string& path) {
     auto listing = std::make_unique<KyTferDirectory>();
-    std::ifstream file;
-    unsigned long long size = 0;
-    if (GetFileSize(path, size)) file.open(path);
-    ky_directory::ReadBlankSeparatedListing(file, *listing);
+    if (!ky_directory::ReadBlankSeparatedListing(path, *listing)) throw std::bad_alloc();
 
     auto& listings = m_members.m_directoryMap;
     const auto place = listings.try_emplace(path, KyTferClientMembers::Listing{std::move(listing), 0}).first;

@@ -71,7 +71,6 @@ TEST(Listing, PagesAtEveryBoundary) {
     } rows[] = {
         {none, 0, 4294967295, {}, false},
         {three, 0, 0, {}, true},
-        {three, 0, 3, {"EVT0001.LOG", "CFG0001.CFG", "TRD0001.CSV"}, true},
         {three, 0, 4, {"EVT0001.LOG", "CFG0001.CFG", "TRD0001.CSV"}, true},
         {three, 1, 1, {"CFG0001.CFG"}, true},
         {three, 1, 4294967295, {"CFG0001.CFG", "TRD0001.CSV"}, true},

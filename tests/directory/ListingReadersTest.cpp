@@ -4,13 +4,27 @@
 
 #include <climits>
 #include <clocale>
-#include <fstream>
-#include <sstream>
+#include <new>
 
 #include "directory/KyBlankSeparatedListing.h"
 #include "directory/KyTferDirectory.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
+
+static constexpr size_t kTooMuch = 100'000'000;  // bytes; no file here has so many entries
+static int s_allowed = INT_MAX;                  // allocations before those that fail
+
+void* operator new(size_t size) {
+    EXPECT_LT(size, kTooMuch);
+    if (size >= kTooMuch || (s_allowed != INT_MAX && s_allowed-- <= 0)) throw std::bad_alloc();
+    return malloc(size);
+}
+void operator delete(void* block) noexcept {
+    free(block);
+}
+void operator delete(void* block, size_t) noexcept {
+    free(block);
+}
 
 namespace {
 
@@ -144,25 +158,9 @@ TEST(ParseFile, MemoryStaysInProportionToTheFile) {
     EXPECT_NEAR(static_cast<double>(entries.size()), 60'000, 10'000);
 }
 
-/// Gives `text` in pieces, then what `more` gives.
-struct Source : std::streambuf {
-    Source(std::string start, std::string (*rest)()) : text(std::move(start)), more(rest) {}
-    int underflow() override {
-        if (at == text.size()) text += more();
-        const size_t length = std::min<size_t>(7, text.size() - at);
-        setg(&text[at], &text[at], &text[at] + length);
-        at += length;
-        return length == 0 ? EOF : traits_type::to_int_type(*gptr());
-    }
-    std::string text;
-    std::string (*more)();
-    size_t at = 0;
-};
-
-Entries ReadBlank(std::istream& in) {
+Entries ReadBlank(const std::string& path) {
     KyTferDirectory directory;
-    const size_t count = ky_directory::ReadBlankSeparatedListing(in, directory);
-    EXPECT_EQ(count, Texts(directory).size());
+    EXPECT_TRUE(ky_directory::ReadBlankSeparatedListing(path, directory));
     return Texts(directory);
 }
 
@@ -175,56 +173,55 @@ TEST(BlankSeparatedListing, Forms) {
         const char* name;
         std::string text;
         Entries entries;
-        std::string left;  // for who reads on; without it the file has come to its end
     } rows[] = {
-        {"no last line end", kStart + "b ,\n\nC\v,D ,1,2", {kEntry, "b|C|D|1|2"}, ""},
-        {"empty", "", {}, ""},
-        {"header without a number", "x" + kStart, {}, "x" + kStart},
-        {"header without a comma", "1;3 and more\na , B , C , 1 , 2", {"a|B|C|1|2"}, ""},
-        {"semicolon before the time stamp", kStart + "b , C , D , 1 ; 2\n" + kStart, {kEntry}, "\n" + kStart},
-        {"two entries in a line", "1,3\na , B , C , 1 , 2 b ; C - D + 3 , 4", {"a|B|C|1|2", "b|C|D|3|4"}, ""},
-        {"signs", "+1,-3\na , B , C , -1 , +2", {"a|B|C|4294967295|2"}, ""},
-        {"sign alone", kStart + "a , B , C , - , 2", {kEntry}, " , 2"},
-        {"hexadecimal", kStart + "a , B , C , 0x1 , 2", {kEntry}, " , 2"},
-        {"size too large", kStart + "a , B , C , 4294967296 , 1", {kEntry}, " , 1"},
-        {"time stamp too large", kStart + "a , B , C , 1 , 18446744073709551616", {kEntry}, ""},
-        {"last time stamp",
-         "1,3\na , B , C , 1 , 18446744073709551615",
-         {"a|B|C|1|18446744073709551615"},
-         ""},
-        {"any bytes", "1,3\n\0\xA0 , B , C , 1 , 2"s, {"\0\xA0|B|C|1|2"s}, ""},
-        {"longest name", "1,3\n" + name + " , B , C , 1 , 2", {name + "|B|C|1|2"}, ""},
+        {"no last line end", kStart + "b ,\n\nC\v,D ,1,2", {kEntry, "b|C|D|1|2"}},
+        {"header without a number", "x" + kStart, {}},
+        {"count too large", "1,4294967296\na , B , C , 1 , 2", {}},
+        {"count that lies", "1,4294967295\na , B , C , 1 , 2", {"a|B|C|1|2"}},
+        {"semicolon before the time stamp", kStart + "b , C , D , 1 ; 2\n" + kStart, {kEntry}},
+        {"any separators", "1;3 and more\na , B , C , 1 , 2 b ; C - D + 3 , 4", {"a|B|C|1|2", "b|C|D|3|4"}},
+        {"signs", "+1,-3\na , B , C , -1 , +2", {"a|B|C|4294967295|2"}},
+        {"sign alone", kStart + "a , B , C , - , 2", {kEntry}},
+        {"size too large", kStart + "a , B , C , 4294967296 , 1", {kEntry}},
+        {"time stamp too large", kStart + "a , B , C , 1 , 18446744073709551616", {kEntry}},
+        {"last time stamp", "1,3\na , B , C , 1 , 18446744073709551615", {"a|B|C|1|18446744073709551615"}},
+        {"any bytes", "1,3\n\0\xA0 , B , C , 1 , 2"s, {"\0\xA0|B|C|1|2"s}},
+        {"longest name", "1,3\n" + name + " , B , C , 1 , 2", {name + "|B|C|1|2"}},
+        {"name too long", "1,3\n" + name + "n , B , C , 1 , 2", {}},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        std::istringstream whole(row.text);
-        Source pieces(row.text, [] { return ""s; });
-        std::istream inPieces(&pieces);
-        for (std::istream* const in : {static_cast<std::istream*>(&whole), &inPieces}) {
-            EXPECT_EQ(ReadBlank(*in), row.entries);
-            EXPECT_EQ(in->eof(), row.left.empty());
-            in->clear();
-            std::ostringstream left;
-            left << in->rdbuf();
-            EXPECT_EQ(left.str(), row.left);
+    const TempDir dir;
+    for (const auto& row : rows)
+        // The reader's first block ends behind each character of the text.
+        for (size_t inBlock = 0; inBlock < 100; ++inBlock) {
+            WriteFile(dir / "listing", std::string(65536 - inBlock, ' ') + row.text);
+            ASSERT_EQ(ReadBlank(dir / "listing"), row.entries) << row.name << ' ' << inBlock;
         }
-    }
 }
 
-TEST(BlankSeparatedListing, SourcesThatFailOrNeverEnd) {
-    Source broken(kStart + "b , C", []() -> std::string { throw std::bad_alloc(); });
-    std::istream in(&broken);
-    in.exceptions(std::ios_base::badbit);
-    in >> std::hex >> std::noskipws;  // nor do these settings matter
-    EXPECT_NO_THROW(EXPECT_EQ(ReadBlank(in), Entries{kEntry}));
+TEST(BlankSeparatedListing, ReadsRegularFilesAlone) {
+    const TempDir dir;
+    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+    WriteFile(dir / "empty", "");
+    for (const char* const name : {"none", "empty", ".", "fifo"})
+        EXPECT_EQ(ReadBlank(dir / name), Entries()) << name;
+}
 
-    Source endless(kStart, [] { return std::string(1000, 'x'); });
-    std::istream names(&endless);
-    EXPECT_EQ(ReadBlank(names), Entries{kEntry});
-    EXPECT_LT(endless.text.size(), 70'000U) << "what does not fit in a name is not read";
-
-    std::ifstream directory("/");
-    EXPECT_EQ(ReadBlank(directory), Entries());
+TEST(BothReaders, StopWhereMemoryRunsOut) {
+    const LogCapture quiet(2);
+    const TempDir dir;
+    const std::string path = dir / "listing", line = std::string(40, 'n') + " , b , c , 1 , 2\n";
+    WriteFile(path, "1,3\n" + line + line + line);
+    for (const bool commas : {true, false}) {
+        bool whole = false;
+        for (int allowed = 0; !whole; ++allowed) {
+            KyTferDirectory directory;
+            s_allowed = allowed;
+            whole =
+                commas ? directory.ParseFile(path) : ky_directory::ReadBlankSeparatedListing(path, directory);
+            s_allowed = INT_MAX;
+            ASSERT_EQ(Texts(directory).size() == (commas ? 2U : 3U), whole) << allowed;
+        }
+    }
 }
 
 }  // namespace

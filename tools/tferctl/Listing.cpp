@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <fstream>
+#include <new>
 
 #include "common/Text.h"
 #include "directory/KyBlankSeparatedListing.h"
@@ -35,8 +36,7 @@ bool ReadListing(const std::string& path, KyTferDirectory& files) {
     std::ifstream file(path);
     if (!file) throw Failure(ExitStatus::FAILED, "Cannot read the listing " + ky_tools::Printable(path));
     if (!BeginsAsListing(file)) return false;
-    file.seekg(0);
-    ky_directory::ReadBlankSeparatedListing(file, files);
+    if (!ky_directory::ReadBlankSeparatedListing(path, files)) throw std::bad_alloc();
     return true;
 }
 
