@@ -19,6 +19,7 @@
 #include <string_view>
 #include <utility>
 
+#include "directory/KyBlankSeparatedListing.h"
 #include "directory/KyTferDirectory.h"
 #include "engine/KyTferClient.h"
 #include "messages/KyTferCancelTransMsg.h"
@@ -280,7 +281,8 @@ bool Directory(World& world) {
     const std::string path = world.record.GetXferFullFilePath();
     Subject([&] { world.engine.CreateDirectoryFromFile(path); });
     KyTferDirectory listing;
-    Subject([&] { listing.AddEntry(kName, kName, kName, kName, 1, 1); });
+    const bool read = Subject([&] { return ky_directory::ReadBlankSeparatedListing(path, listing); });
+    EXPECT_TRUE(read ? s_failed || listing.GetEntryList(0, 9).size() == 1 : s_failed.load());
     ExpectWholeOrEmpty(
         [&] { return listing.GetEntryListAsJSONString(kName, 0, 9, "", world.record.GetStatus()); });
     return true;
@@ -337,10 +339,24 @@ void CopyAndSend() try {
     EXPECT_TRUE(s_failed);
 }
 
+/// The same with an entry of a listing.
+void CopyEntry() try {
+    const KyTferDirEntry made(kName, kName, kName, kName, 1, 1);
+    KyTferDirEntry copy(made), assigned, filled;
+    assigned = copy;
+    filled.Init(assigned.GetPath(), assigned.GetOrigFileName(), assigned.GetXferFileName(),
+                assigned.GetFileType(), assigned.GetFileSizeInBytes(), assigned.GetDateTime());
+    const Scope unharmed(false);
+    ExpectWholeOrEmpty([&] { return filled.GetEntryAsJSONString(); });
+    EXPECT_EQ(filled.GetEntryAsJSONString(), made.GetEntryAsJSONString());
+} catch (const std::bad_alloc&) {
+    EXPECT_TRUE(s_failed);
+}
+
 bool Values(World&) {
     for (void (*const row)() :
          {CopyAndSend<KyTferGetDevFile>, CopyAndSend<KyTferPutDevFile>, CopyAndSend<KyTferGetDevDirMsg>,
-          CopyAndSend<KyTferRespMsg>, CopyAndSend<Status>, CopyAndSend<KyTferCancelTransMsg>})
+          CopyAndSend<KyTferRespMsg>, CopyAndSend<Status>, CopyAndSend<KyTferCancelTransMsg>, CopyEntry})
         Subject(row);
     return true;
 }
