@@ -18,29 +18,29 @@ constexpr std::size_t kMostListings = 16;
 
 // The device is asked before the record tells of it, so that a device that cannot be asked leaves no trace.
 int KyDirectoryFetch::Request(KyTferStatusMsg& result) {
-    if (!m_record.ReserveListing()) return kBusy;
+    const auto listing = m_record.ReserveListing();
+    if (!listing) return kBusy;
     const int status = m_points.Send(kRequestDirectory, PNT_CLIENT_FILE_REQ);
     if (status != 0) {
-        m_record.RefuseListing(true);
+        m_record.RefuseListing(*listing);
         return status;
     }
     try {
-        Accept(result);
+        if (m_record.AcceptListing(*listing, result)) Begin(*listing);
     } catch (...) {
-        m_record.RefuseListing(false);
+        m_record.EndWorkerWithoutMemory(*listing);
         throw;
     }
     return 0;
 }
 
-void KyDirectoryFetch::Accept(KyTferStatusMsg& result) {
-    const Transaction job = m_record.AcceptListing(result);
+void KyDirectoryFetch::Begin(const Transaction& listing) {
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "%s", kListingRequested);
     const int error = m_threads.Start(
-        KyEngineThreads::MONITOR, "t-getDirMonitor", m_members.m_getDirMonitorThread, job,
+        KyEngineThreads::MONITOR, "t-getDirMonitor", m_members.m_getDirMonitorThread, listing,
         [this](const Transaction& watched) { m_monitor.Watch(watched.kind, watched.request); });
     if (error != 0) {
-        m_record.Unwatch(job.request);
+        m_record.Unwatch(listing.request);
         __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction,
                         "Error creating directory monitor thread.  error=%d", error);
     }

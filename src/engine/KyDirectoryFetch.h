@@ -32,7 +32,7 @@ public:
     void CreateDirectoryFromFile(const std::string& path);
 
 private:
-    void Accept(KyTferStatusMsg& result);
+    void Begin(const Transaction& listing);
 
     KyDevicePoints& m_points;
     KyTransactionRecord& m_record;

@@ -72,7 +72,7 @@ bool KyTransactionRecord::IsOpen() const {
 
 bool KyTransactionRecord::InProgress() const {
     const bool hidden = IsOpen() && m_shown != m_current.number;
-    return m_listingReserved || hidden || m_members.m_status.GetStatus() == Status::TFER_STATUS_INPROGRESS;
+    return hidden || m_members.m_status.GetStatus() == Status::TFER_STATUS_INPROGRESS;
 }
 
 bool KyTransactionRecord::Watches(unsigned long long request) const {
@@ -135,6 +135,7 @@ void KyTransactionRecord::WriteInProgress() {
 
 void KyTransactionRecord::EndCurrent() {
     m_current.ended = true;
+    m_listingReserved = false;
     m_members.m_transactionActive = false;
     Wake();
 }
@@ -162,17 +163,9 @@ void KyTransactionRecord::EndOverdue() {
 
 // --- Requests
 
-// Makes `next` the current transaction, and `row` the record. Whatever needs memory comes first.
-Transaction KyTransactionRecord::Accept(Transaction& next, Status& row, Status& result) {
-    next.number = next.request = m_lastNumber + 1;
-    next.deadline = WallClockSeconds() + RulesOf(next.kind).limitSeconds;
-    Transaction job(next);
-    result = row;
-    m_lastNumber = next.number;
-    m_current = std::move(next);
-    Commit(row, m_lastNumber);
-    m_members.m_transactionActive = true;
-    return job;
+void KyTransactionRecord::Number(Transaction& transaction) const {
+    transaction.number = transaction.request = m_lastNumber + 1;
+    transaction.deadline = WallClockSeconds() + RulesOf(transaction.kind).limitSeconds;
 }
 
 std::optional<Transaction> KyTransactionRecord::AcceptFetch(const std::string& name, unsigned int size,
@@ -185,46 +178,64 @@ std::optional<Transaction> KyTransactionRecord::AcceptFetch(const std::string& n
     KyRequestLock lock(m_members.m_requestMutex);
     EndOverdue();
     if (InProgress()) return std::nullopt;
+    Number(fetch);
     Status row(m_members.m_status);
     Show(fetch, row);
     row.SetStatus(Status::TFER_STATUS_INPROGRESS);
-    Transaction job = Accept(fetch, row, result);
+    Transaction job(fetch);
+    result = row;
+    m_lastNumber = fetch.number;
+    m_current = std::move(fetch);
+    Commit(row, m_lastNumber);
     m_members.m_xferFileSize = size;
+    m_members.m_transactionActive = true;
     return job;
 }
 
-bool KyTransactionRecord::ReserveListing() {
-    KyRequestLock lock(m_members.m_requestMutex);
-    EndOverdue();
-    if (InProgress()) return false;
-    m_earlyAnswer.clear();
-    m_listingReserved = true;
-    return true;
-}
-
-Transaction KyTransactionRecord::AcceptListing(Status& result) {
+// The record does not tell of it yet.
+std::optional<Transaction> KyTransactionRecord::ReserveListing() {
     Transaction listing;
     listing.kind = Transaction::LISTING;
     listing.originalName = kRequestDirectory;
     listing.Place(kRequestDirectory, KyTferClientMembers::LandingDirectory());
     listing.downloadDirectory = KyTferClientMembers::DownloadDirectory();
     KyRequestLock lock(m_members.m_requestMutex);
+    EndOverdue();
+    if (InProgress()) return std::nullopt;
+    Number(listing);
     listing.expectedSize = m_members.m_status.GetBytesRequested();
-    Status row(m_members.m_status);
-    Show(listing, row);
-    row.SetStatus(Status::TFER_STATUS_INPROGRESS);
-    row.SetStatusMsg(std::string(kListingRequested));
-    row.SetBytesTransfered(0);
-    Transaction job = Accept(listing, row, result);
-    m_listingReserved = false;
+    Transaction job(listing);
+    m_lastNumber = listing.number;
+    m_current = std::move(listing);
+    m_earlyAnswer.clear();
+    m_listingReserved = true;
     return job;
 }
 
-// The record keeps its status. Only its kind is forgotten, so that no late answer of the device starts a worker.
-void KyTransactionRecord::RefuseListing(bool forgetKind) {
+bool KyTransactionRecord::AcceptListing(const Transaction& listing, Status& result) {
     KyRequestLock lock(m_members.m_requestMutex);
+    Status row(m_members.m_status);
+    const bool current = listing.number == m_current.number;
+    if (current) {
+        Show(m_current, row);
+        row.SetStatus(Status::TFER_STATUS_INPROGRESS);
+        row.SetStatusMsg(std::string(kListingRequested));
+        row.SetBytesTransfered(0);
+    }
+    result = row;
+    if (!current) return false;
+    Commit(row, listing.number);
+    m_members.m_transactionActive = true;
     m_listingReserved = false;
-    if (!forgetKind) return;
+    return true;
+}
+
+// The record keeps its status. Only its kind is forgotten, so that no late answer of the device starts a worker.
+void KyTransactionRecord::RefuseListing(const Transaction& listing) {
+    KyRequestLock lock(m_members.m_requestMutex);
+    if (listing.number != m_current.number) return;
+    m_listingReserved = false;
+    m_current.kind = Transaction::NONE;
     m_members.m_status.SetReqType(Status::TFER_REQ_NONE);
     m_requestType = Status::TFER_REQ_NONE;
 }
@@ -254,7 +265,7 @@ void KyTransactionRecord::Unwatch(unsigned long long request) {
 
 void KyTransactionRecord::BeginPush(unsigned int size) {
     KyRequestLock lock(m_members.m_requestMutex);
-    if (!IsOpen() && !m_listingReserved) m_members.m_xferFileSize = size;
+    if (!IsOpen()) m_members.m_xferFileSize = size;
 }
 
 // The names in the record stay, as nothing has been agreed with the device.
@@ -270,7 +281,7 @@ void KyTransactionRecord::FailStaging(const std::string& text, Status& result) {
 
 Transaction KyTransactionRecord::AcceptPush(Transaction push, bool announced, Status& result) {
     KyRequestLock lock(m_members.m_requestMutex);
-    push.number = push.request = m_lastNumber + 1;
+    Number(push);
     Status row(m_members.m_status);
     Show(push, row);
     row.SetStatus(announced ? Status::TFER_STATUS_INPROGRESS : Status::TFER_STATUS_FAIL);
@@ -300,7 +311,8 @@ KyTransactionRecord::Abandoned KyTransactionRecord::Abandon(const std::string& t
     if (!abandoned.any) return abandoned;
     abandoned.unanswered = IsOpen() && !m_current.answered;
     Transaction none;
-    none.number = none.request = abandoned.number = ++m_lastNumber;
+    Number(none);
+    m_lastNumber = abandoned.number = none.number;
     m_current = std::move(none);
     Commit(row, m_lastNumber);
     EndCurrent();
@@ -364,10 +376,10 @@ void KyTransactionRecord::NoListing() {
 
 void KyTransactionRecord::SizeChanged(unsigned int size, bool echo) {
     KyRequestLock lock(m_members.m_requestMutex);
-    if ((IsOpen() || m_listingReserved) && echo) return;
-    // The size of a listing may come before its record. One that has been reported complete has its size.
-    const bool unfinished = m_current.worker == Transaction::OPEN && !m_listingReserved &&
-                            FindReported(m_current.number) == nullptr;
+    if (IsOpen() && echo) return;
+    // A file that has been reported complete had the right size.
+    const bool unfinished =
+        m_current.worker == Transaction::OPEN && FindReported(m_current.number) == nullptr;
     if (unfinished && !echo) m_current.expectedSize = size;
     m_members.m_xferFileSize = size;
     if (!IsOpen() || m_shown == m_current.number) m_members.m_status.SetBytesRequested(size);
@@ -384,14 +396,19 @@ bool KyTransactionRecord::Begin(const Transaction& job) {
     return true;
 }
 
+// Removes what a replaced worker has landed, unless the current transaction lands at the same place.
+void KyTransactionRecord::Drop(const Transaction& job) {
+    const bool othersFile = m_current.kind != Transaction::NONE && m_current.path == job.path &&
+                            m_current.worker != Transaction::COMPLETED;
+    if (!othersFile) unlink(job.path.c_str());
+}
+
 Arrival KyTransactionRecord::Claim(Transaction& job, bool present, unsigned long long size) {
     KyRequestLock lock(m_members.m_requestMutex);
     const bool current = job.number == m_current.number;
     const Reported* const reported = FindReported(job.number);
     if (!current && reported == nullptr) {
-        const bool othersFile = m_current.kind != Transaction::NONE && m_current.path == job.path &&
-                                m_current.worker != Transaction::COMPLETED;
-        if (present && !othersFile) unlink(job.path.c_str());
+        if (present) Drop(job);
         return Arrival::REPLACED;
     }
     job.expectedSize = current ? m_current.expectedSize : reported->size;
@@ -410,7 +427,10 @@ Arrival KyTransactionRecord::Claim(Transaction& job, bool present, unsigned long
 // Leaves the active flag set: a monitor that still runs goes on until its time limit.
 bool KyTransactionRecord::Fail(const Transaction& job, const std::string& text) {
     KyRequestLock lock(m_members.m_requestMutex);
-    if (job.number != m_current.number) return FindReported(job.number) != nullptr;
+    const bool replaced = job.number != m_current.number;
+    if (replaced && FindReported(job.number) != nullptr) return true;
+    if (replaced && !job.leavesDirectory) Drop(job);
+    if (replaced) return false;
     if (m_current.worker != Transaction::OPEN) return true;
     Write(m_current, Status::TFER_STATUS_FAIL, text);
     m_members.m_status.SetBytesTransfered(m_current.expectedSize);

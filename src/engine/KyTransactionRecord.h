@@ -107,12 +107,12 @@ public:
     std::optional<Transaction> AcceptFetch(const std::string& name, unsigned int size,
                                            KyTferStatusMsg& result);
 
-    /// Keeps other fetches and listings out until AcceptListing or RefuseListing.
-    /// @return false if one is in progress
-    bool ReserveListing();
-    Transaction AcceptListing(KyTferStatusMsg& result);
-    /// @param forgetKind  sets the record's request type to none
-    void RefuseListing(bool forgetKind);
+    /// A listing is made current before the device is asked, and its row is written after that.
+    /// @return none if a transaction is in progress
+    std::optional<Transaction> ReserveListing();
+    /// @return false if it has been abandoned; `result` then tells that
+    bool AcceptListing(const Transaction& listing, KyTferStatusMsg& result);
+    void RefuseListing(const Transaction& listing);
 
     /// Keeps an answer that comes before the record has been set up, for TakeEarlyAnswer.
     /// @return false if no listing is reserved
@@ -202,8 +202,7 @@ private:
     const Reported* FindReported(unsigned long long number) const KY_REQUIRES(m_members.m_requestMutex);
     void EndOverdue() KY_REQUIRES(m_members.m_requestMutex);
     Transaction Answer(bool& repeated) KY_REQUIRES(m_members.m_requestMutex);
-    Transaction Accept(Transaction& next, KyTferStatusMsg& row, KyTferStatusMsg& result)
-        KY_REQUIRES(m_members.m_requestMutex);
+    void Number(Transaction& transaction) const KY_REQUIRES(m_members.m_requestMutex);
     static void Show(const Transaction& transaction, KyTferStatusMsg& row);
     void Commit(KyTferStatusMsg& row, unsigned long long number) KY_REQUIRES(m_members.m_requestMutex);
     void Write(const Transaction& transaction, KyTferStatusMsg::TferStatus status, std::string_view text)
@@ -213,6 +212,7 @@ private:
     void EndCurrent() KY_REQUIRES(m_members.m_requestMutex);
     void AwaitClaim() KY_REQUIRES(m_members.m_requestMutex);
     void Wake() KY_REQUIRES(m_members.m_requestMutex);
+    void Drop(const Transaction& job) KY_REQUIRES(m_members.m_requestMutex);
     void FailWithoutMemory(const Transaction& job) KY_REQUIRES(m_members.m_requestMutex);
     bool Measure(Poll& poll, unsigned int sizeLogged) KY_REQUIRES(m_members.m_requestMutex);
 
