@@ -11,17 +11,18 @@ bool RequestQueue::Add(std::unique_ptr<KyTferMsg>& request) {
 
 std::unique_ptr<KyTferMsg> RequestQueue::TakeDue(bool quiet) {
     if (m_requests.empty() || (!quiet && Clock::now() - m_firstSince < m_patience)) return nullptr;
-    return Take(m_requests.begin());
+    return Take(0);
 }
 
 std::unique_ptr<KyTferMsg> RequestQueue::TakeById(const std::string& transId) {
     const auto found = std::find_if(m_requests.begin(), m_requests.end(),
                                     [&](const auto& request) { return request->GetTransId() == transId; });
-    return found == m_requests.end() ? nullptr : Take(found);
+    return found == m_requests.end() ? nullptr : Take(static_cast<size_t>(found - m_requests.begin()));
 }
 
-std::unique_ptr<KyTferMsg> RequestQueue::Take(Requests::iterator which) {
-    if (which == m_requests.begin()) m_firstSince = Clock::now();
+std::unique_ptr<KyTferMsg> RequestQueue::Take(size_t index) {
+    if (index == 0) m_firstSince = Clock::now();
+    const auto which = m_requests.begin() + static_cast<Requests::difference_type>(index);
     std::unique_ptr<KyTferMsg> request = std::move(*which);
     m_requests.erase(which);
     return request;

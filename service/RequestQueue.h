@@ -33,7 +33,7 @@ private:
     using Requests = std::deque<std::unique_ptr<KyTferMsg>>;
     static constexpr size_t kMostWaiting = 64;
 
-    std::unique_ptr<KyTferMsg> Take(Requests::iterator which);
+    std::unique_ptr<KyTferMsg> Take(size_t index);
 
     const Clock::duration m_patience;
     Requests m_requests;
