@@ -194,6 +194,7 @@ private:
     }
     int GetMaxModuleCount(Int&, Id, Id) override { return 7; }
     int GetPointReportId(Int&, Id, Id) override { return 7; }
+    void AbortTransfer(Id d) override { m_device.AbortTransfer(d); }
     bool DoGetDevFile(Id d, Text option, Text name) override {
         return Call(false, &KyPldProxy::GetDevFile, d, option, name);
     }
