@@ -100,7 +100,7 @@ long long KyListingDates::ToSeconds(const Time& time) {
     const int number = (time.year * 12 + time.month) * 32 + time.day;
     Day& day = m_days[static_cast<size_t>(number) % kRememberedDays];
     if (day.number != number) day = ConvertDay(time, number);
-    return day.even ? day.start + (time.hour * 60 + time.minute) * 60 + time.second : Convert(time);
+    return day.even ? day.start + time.hour * 3600LL + time.minute * 60LL + time.second : Convert(time);
 }
 
 /// A day whose first and last second have the usual distance has no change of the zone's standard time.

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
@@ -36,7 +35,7 @@ constexpr unsigned long long kBytesPerCharacter = 16;
 constexpr size_t kGrowth = 4;
 constexpr size_t kFewestEntries = 16;
 
-constexpr size_t kBytesForLargePages = 4 * 1024 * 1024;  // room for a large page wherever the memory starts
+constexpr size_t kBytesForLargePages = 4UL * 1024 * 1024;  // room for a large page wherever the memory starts
 
 /// The lines of a listing file.
 class Lines {
@@ -185,12 +184,10 @@ private:
 };
 
 /// With small pages, the page faults of a long listing take as long as reading it. On failure they stay small.
-void PreferLargePages(const void* memory, size_t bytes) {
-    if (bytes < kBytesForLargePages) return;
-    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    const std::uintptr_t start = (reinterpret_cast<std::uintptr_t>(memory) + page - 1) & ~(page - 1);
-    const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(memory) + bytes;
-    madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);
+void PreferLargePages(void* memory, size_t bytes) {
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    if (bytes < kBytesForLargePages || std::align(page, page, memory, bytes) == nullptr) return;
+    madvise(memory, bytes, MADV_HUGEPAGE);
 }
 
 /// PutHeaderData, but it throws std::bad_alloc.

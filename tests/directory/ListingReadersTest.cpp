@@ -14,15 +14,16 @@
 static constexpr size_t kTooMuch = 100'000'000;  // bytes; no file here has so many entries
 static int s_allowed = INT_MAX;                  // allocations before those that fail
 
-void* operator new(size_t size) {
+// Not inlined, or the compiler takes free() for a mismatch of an operator new that it does not see.
+[[gnu::noinline]] void* operator new(size_t size) {
     EXPECT_LT(size, kTooMuch);
     if (size >= kTooMuch || (s_allowed != INT_MAX && s_allowed-- <= 0)) throw std::bad_alloc();
     return malloc(size);
 }
-void operator delete(void* block) noexcept {
+[[gnu::noinline]] void operator delete(void* block) noexcept {
     free(block);
 }
-void operator delete(void* block, size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* block, size_t) noexcept {
     free(block);
 }
 
@@ -151,7 +152,7 @@ TEST(ParseFile, Dates) {
 }
 
 TEST(ParseFile, MemoryStaysInProportionToTheFile) {
-    EXPECT_EQ(Read(std::string(10'000'000, 'x')).size(), 9776U);
+    EXPECT_EQ(Read(std::string(8'000'000, 'x')).size(), 7821U);
     LogCapture log(3);
     const Entries entries = Read("," + std::string(1000, 'n') + ",\n" + std::string(1'000'000, '\n'));
     EXPECT_EQ(log.Count(3, "Too many short lines"), 1);
