@@ -41,7 +41,7 @@ public:
 
     private:
         KyEngineThreads& m_threads;
-        bool m_admitted;
+        bool m_admitted = false;
     };
 
     KyEngineThreads();
@@ -86,7 +86,7 @@ private:
         bool ended;
     };
 
-    static void* Run(void* thread);
+    static void* Run(void* argument);
     int Start(Kind kind, const char* name, pthread_t& handle, std::function<void()> body);
     int Launch(Kind kind, const char* name, pthread_t& handle, std::function<void()> body);
     using Condition = bool (KyEngineThreads::*)() const;

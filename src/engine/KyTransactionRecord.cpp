@@ -397,7 +397,7 @@ bool KyTransactionRecord::Begin(const Transaction& job) {
 }
 
 // Removes what a replaced worker has landed, unless the current transaction lands at the same place.
-void KyTransactionRecord::Drop(const Transaction& job) {
+void KyTransactionRecord::Drop(const Transaction& job) const {
     const bool othersFile = m_current.kind != Transaction::NONE && m_current.path == job.path &&
                             m_current.worker != Transaction::COMPLETED;
     if (!othersFile) unlink(job.path.c_str());
@@ -411,7 +411,7 @@ Arrival KyTransactionRecord::Claim(Transaction& job, bool present, unsigned long
         if (present) Drop(job);
         return Arrival::REPLACED;
     }
-    job.expectedSize = current ? m_current.expectedSize : reported->size;
+    job.expectedSize = reported != nullptr ? reported->size : m_current.expectedSize;
     if (!present) return Arrival::MISSING;
     if (size != job.expectedSize) return Arrival::OTHER_SIZE;
     if (!current || m_current.worker != Transaction::OPEN) return Arrival::WHOLE;
@@ -463,7 +463,7 @@ void KyTransactionRecord::EndPush(const Transaction& push, bool pushed) {
 // --- Monitors
 
 // Looks whether the file is there. The size of a listing must have been announced before.
-bool KyTransactionRecord::Measure(Poll& poll, unsigned int sizeLogged) {
+bool KyTransactionRecord::Measure(Poll& poll, unsigned int sizeLogged) const {
     poll.expectedSize = m_current.expectedSize;
     const bool measurable =
         m_current.kind == Transaction::FETCH || (m_current.answered && m_current.expectedSize != 0);

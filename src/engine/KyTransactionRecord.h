@@ -212,9 +212,9 @@ private:
     void EndCurrent() KY_REQUIRES(m_members.m_requestMutex);
     void AwaitClaim() KY_REQUIRES(m_members.m_requestMutex);
     void Wake() KY_REQUIRES(m_members.m_requestMutex);
-    void Drop(const Transaction& job) KY_REQUIRES(m_members.m_requestMutex);
+    void Drop(const Transaction& job) const KY_REQUIRES(m_members.m_requestMutex);
     void FailWithoutMemory(const Transaction& job) KY_REQUIRES(m_members.m_requestMutex);
-    bool Measure(Poll& poll, unsigned int sizeLogged) KY_REQUIRES(m_members.m_requestMutex);
+    bool Measure(Poll& poll, unsigned int sizeLogged) const KY_REQUIRES(m_members.m_requestMutex);
 
     KyTferClientMembers& m_members;
     pthread_cond_t m_changed;
