@@ -40,6 +40,7 @@ public:
         explicit operator bool() const { return m_admitted; }
 
     private:
+        // cppcheck-suppress uninitMemberVarPrivate  ; cppcheck does not see that the constructor above is this one
         KyEngineThreads& m_threads;
         bool m_admitted = false;
     };
