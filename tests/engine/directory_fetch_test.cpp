@@ -73,42 +73,6 @@ TEST_F(DirectoryFetch, RefusalsAndOneWithoutAMonitor) {
     EXPECT_TRUE(Written().empty());
 }
 
-/// Between the time-out step and the final step, which are two: what the final step finds.
-TEST_F(DirectoryFetch, FinalStepOverwritesNothingThatCameInBetween) {
-    const char kTimeOut[] =
-        "Timed out waiting for file transfer(/var/local/tal/pldserver/3/DIRREQ) bytes transferred(0)";
-    enum Between { NOTHING, FETCH, PUSH, WORKER };
-    for (const Between between : {NOTHING, FETCH, PUSH, WORKER}) {
-        SCOPED_TRACE(between);
-        Start();
-        device->SetFault(SimOperation::DIRECTORY, Fault([](SimFault& f) { f.answer = SimAnswer::SILENT; }));
-        device->SetFault(SimOperation::PUSH, Fault([](SimFault& f) { f.stuck = true; }));
-        WriteFile("/var/local/up", "x");
-        WriteFile(files / "late.txt", "");
-        LogGates gates({"startTime(", kTimeOut});
-        engine->GetDirectoryFromDevRequest();
-        ASSERT_NE(gates.Arrival("startTime("), "");
-        SteppedTime::Advance(61s);
-        gates.Open("startTime(");
-        ASSERT_NE(gates.Arrival(kTimeOut), "");
-        EXPECT_EQ(Outcome(Record()), "failed: File transfer timed out");
-        std::string expected = kTimedOutListing;
-        if (between == FETCH) engine->GetFileFromDevRequest("missing", 5);
-        if (between == PUSH) engine->PutFileToDevRequest("/var/local", "up");
-        if (between == FETCH || between == PUSH) expected = "in progress: ";
-        if (between == WORKER) {
-            device->ChangeUint32(8604, 0);
-            device->ChangeString(8602, "late.txt");
-            expected = Fetched("late.txt");
-            ASSERT_TRUE(WaitForOutcome(expected));
-        }
-        gates.Leave();
-        ASSERT_TRUE(WaitForThreads(between == FETCH || between == PUSH ? 1 : 0));
-        EXPECT_EQ(Outcome(Record()).substr(0, expected.size()), expected);
-        TearDown();
-    }
-}
-
 /// The leak check tells whether each listing is freed, also one that the map does not take.
 TEST_F(DirectoryFetch, ListingsFromAnyFile) {
     KyTferClient client;

@@ -2,12 +2,10 @@
 #include <thread>
 
 #include "engine/EngineFixture.h"
-#include "host/KyHostLog.h"
 
 namespace {
 
 const char kArrived[] = "complete: File Transfer Complete";
-const char kAsking[] = "request file(";  // logged before the worker asks the device for the file
 
 class Fetch : public EngineTest {
 protected:
@@ -143,22 +141,6 @@ TEST_F(Fetch, LimitIsReachedWithAndWithoutTheTimeOutStep) {
     }
 }
 
-/// It once stayed in progress for ever, and every later request was refused.
-TEST_F(Fetch, OneWithoutAMonitorEndsInTime) {
-    Start();
-    device->SetFault(SimOperation::FETCH, Fault([](SimFault& f) { f.answer = SimAnswer::SILENT; }));
-    systemfaults::FailNextThread(11);
-    engine->GetFileFromDevRequest("f", 1000);
-    EXPECT_EQ(log->Count(3, "Could not start thread(t-getFileMonitor) error(11)"), 1);
-    SteppedTime::Advance(180s);
-    EXPECT_EQ(Outcome(engine->GetFileFromDevRequest("f", 1000)), kInProgress);
-    SteppedTime::Advance(1s);
-    EXPECT_EQ(Outcome(Record()), kTimedOut);
-    device->ClearFaults();
-    engine->GetFileFromDevRequest("f", 1000);
-    EXPECT_TRUE(WaitForOutcome(Fetched("f")));
-}
-
 TEST_F(Fetch, MonitorEndsFirstAndTheWorkersTextIsTheLast) {
     Start();
     LogGates gates({"Retrieved file(", "Send value(SUCCESS)"});
@@ -190,79 +172,6 @@ TEST_F(Fetch, DeviceThatSaysReadyAgainChangesNoCompletedRecordAndGetsFewThreads)
     EXPECT_EQ(Outcome(Record()), Fetched("f"));
 }
 
-/// A worker whose transaction has timed out: alone it completes it after all; followed by another one, or
-/// abandoned, it drops its file and touches nothing.
-TEST_F(Fetch, LateWorker) {
-    for (const char* const next : {"", "new", "f", "abandoned"}) {
-        SCOPED_TRACE(next);
-        const std::string name = next;
-        Start();
-        LogGates gates({"startTime(", "request file(f)"});
-        engine->GetFileFromDevRequest("f", 1000);
-        ASSERT_NE(gates.Arrival("startTime("), "");
-        ASSERT_NE(gates.Arrival("request file(f)"), "");
-        device->SetListener(nullptr);
-        device->ClearCalls();
-        if (name == "abandoned") {
-            EXPECT_EQ(Outcome(engine->AbandonTransaction("why")), "failed: File transfer cancelled: why");
-        } else {
-            SteppedTime::Advance(181s);
-            gates.Open("startTime(");
-            ASSERT_TRUE(WaitForOutcome(kTimedOut));
-        }
-        if (name == "new" || name == "f") engine->GetFileFromDevRequest(name, 55);
-        const Strings before = Written();
-        gates.Leave();
-        ASSERT_TRUE(WaitForWorker());
-        Strings after = Written();
-        after.erase(after.begin(), after.begin() + static_cast<long>(before.size()));
-        EXPECT_EQ(after,
-                  name.empty() ? (Strings{"get f", "8602=", "8602=SUCCESS", "8604=0"}) : Strings{"get f"});
-        EXPECT_EQ(fs::exists(std::string(kDownload) + "f"), name.empty());
-        EXPECT_EQ(fs::exists(std::string(kLanding) + "f"), name == "f")
-            << "the next one's file is not removed";
-        EXPECT_TRUE(!name.empty() || Outcome(Record()) == Fetched("f"));
-        EXPECT_TRUE(name != "new" || WaitForOutcome(kNothingYet)) << "its monitor goes on";
-        TearDown();
-    }
-}
-
-/// A monitor that has outlived its transaction, in one of the two places where it can, meets the next one.
-TEST_F(Fetch, OldMonitorLeavesTheNextTransactionAlone) {
-    const char kWatching[] = "Looking for file(";
-    for (const bool completed : {true, false}) {
-        SCOPED_TRACE(completed ? "in its last second after completion" : "between two polls after a failure");
-        Start();
-        LogGates gates({kAsking, kWatching});
-        if (!completed) device->SetFault(SimOperation::FETCH, Fault([](SimFault& f) { f.sizeDelta = -1; }));
-        engine->GetFileFromDevRequest("f", 1000);
-        // The worker knows what it waits for; the monitor sees the first byte.
-        ASSERT_NE(gates.Arrival(kAsking), "");
-        WriteFile(std::string(kLanding) + "f", "x");
-        ASSERT_NE(gates.Arrival(kWatching), "");
-        SteppedTime::Hold();
-        SteppedTime::Advance(179s);
-        gates.Open(kAsking);
-        ASSERT_TRUE(WaitForWorker());
-        device->SetListener(nullptr);
-        if (completed) {
-            EXPECT_EQ(Outcome(Record()), Fetched("f"));
-            gates.Open(kWatching);
-            ASSERT_TRUE(SteppedTime::WaitForSleepers(1));
-        }
-        EXPECT_EQ(engine->GetFileFromDevRequest("new", 55).GetStatus(), Status::TFER_STATUS_INPROGRESS);
-        gates.Open(kWatching);
-        SteppedTime::Advance(2s);  // past the old transaction's limit, far from the new one's
-        EXPECT_TRUE(WaitForThreads(1)) << "the old one ends";
-        EXPECT_EQ(Record().GetStatus(), Status::TFER_STATUS_INPROGRESS);
-        EXPECT_EQ(Record().GetXferFileName(), "new");
-        WriteFile(std::string(kLanding) + "new", std::string(55, 'x'));
-        EXPECT_TRUE(WaitForOutcome(kArrived)) << "its own monitor is at work";
-        SteppedTime::Release();
-        TearDown();
-    }
-}
-
 TEST_F(Fetch, NamesOfTheDeviceDoNotLeadElsewhere) {
     for (const char* name : {"../../secret", "..", "x/../../../secret"}) {
         SCOPED_TRACE(name);
@@ -275,32 +184,6 @@ TEST_F(Fetch, NamesOfTheDeviceDoNotLeadElsewhere) {
         SteppedTime::Advance(181s);
         ASSERT_TRUE(WaitForOutcome(kTimedOut) && WaitUntilQuiet());
     }
-}
-
-/// Instant fetches, one after the other as soon as the engine allows, while another thread reads the record:
-/// none may end otherwise than complete and with its worker's text, and no row of the record may be torn.
-TEST_F(Fetch, ManyInstantOnes) {
-    Device().Journal(false);
-    Start();
-    log.reset();
-    ky_host::SetLogLevel(-1);
-    std::atomic<bool> done{false};
-    std::thread reader([&] {
-        while (!done) {
-            const std::string row = Outcome(engine->GetStatus("any"));
-            EXPECT_TRUE(row == kArrived || row == "none: " || row == Fetched("f") ||
-                        row.compare(0, 13, "in progress: ") == 0)
-                << row;
-        }
-    });
-    for (int i = 0; i < 500 && !HasFailure(); ++i) {
-        EXPECT_EQ(engine->GetFileFromDevRequest("f", 1000).GetStatus(), Status::TFER_STATUS_INPROGRESS) << i;
-        EXPECT_TRUE(WaitUntil([&] { return Record().GetFilePath() == kDownload; })) << i;
-        EXPECT_TRUE(WaitForThreads(1) && device->WaitIdle(10000)) << i << ": the reader alone is left";
-        EXPECT_EQ(Outcome(Record()), Fetched("f")) << i;
-    }
-    done = true;
-    reader.join();
 }
 
 TEST_F(Fetch, StopWaitsForTheWorkerAndNothingReachesTheProxyAfterwards) {

@@ -150,11 +150,12 @@ TEST_F(Negotiation, SearchGoesOnAfterAMismatchOnTheFourthReadAndAfterAThrowingPr
         indexes.push_back(calls.back().mmIdx);
         if (reads == 5) device->ChangeString(6459, "x");  // index 2, fourth read
         if (reads == 6) device->ChangeString(6459, address);
-        if (reads == 7) throw std::runtime_error("a proxy's fault");  // index 1 of the next pass
+        if (reads == 7) throw 7;  // index 1 of the next pass; the device would catch a std::exception
     });
     EXPECT_EQ(engine->Init(3, device.get()), 0);
     SteppedTime::OnSleep({});
     EXPECT_EQ(indexes, (std::vector<int>{1, 2, 2, 2, 2, 3, 1, 2, 2, 2, 2}));
+    EXPECT_EQ(Errors(), Strings{"The device proxy has thrown an exception: unknown"});
     EXPECT_EQ(SteppedTime::TotalSlept(), 6s + 2s + 8s + 11ms);
 }
 

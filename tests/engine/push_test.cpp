@@ -72,7 +72,7 @@ TEST_F(Push, Failures) {
         {"device refuses", [](SimDevice& sim) { sim.SetFault(SimOperation::PUSH, kRefusal); }, kAccepted,
          kFailed, 4, true, "PLD Transfer of orig file(fw.bin) as xfer file(3-"},
         {"worker's thread", [](SimDevice&) { systemfaults::FailNextThread(11, 1); }, kAccepted, kFailed, 3,
-         true, ""},
+         true, "Could not start thread(t-putDevFileWorker) error(11)"},
     };
     int last = 0;
     for (const auto& row : rows) {
@@ -91,21 +91,6 @@ TEST_F(Push, Failures) {
         EXPECT_TRUE(last == 0 || number == last + 1) << number;
         last = number;
     }
-}
-
-TEST_F(Push, BesideARunningFetchSharesItsRecord) {
-    Start();
-    LogGates gates({"request file("});
-    engine->GetFileFromDevRequest("f", 1000);
-    ASSERT_NE(gates.Arrival("request file("), "");
-    const Status accepted = Put();
-    EXPECT_EQ(Outcome(accepted), kAccepted);
-    EXPECT_EQ(accepted.GetReqType(), Status::TFER_REQ_GET_FILE);
-    EXPECT_TRUE(WaitForThreads(2)) << "a push's completion ends neither the fetch's worker nor its monitor";
-    gates.Leave();
-    ASSERT_TRUE(WaitUntilQuiet());
-    EXPECT_EQ(ReadFile(std::string(kDownload) + "f"), bytes);
-    EXPECT_EQ(Record().GetStatus(), Status::TFER_STATUS_COMPLETE);
 }
 
 TEST_F(Push, MonitorHoldsTheRecordUpToItsLimit) {
