@@ -1,7 +1,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <stdexcept>
 #include <thread>
 
 #include "engine/EngineFixture.h"
