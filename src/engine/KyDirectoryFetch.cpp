@@ -16,10 +16,10 @@ constexpr std::size_t kMostListings = 16;
 
 }  // namespace
 
-// The device is asked before the record tells of it, so that a device that cannot be asked leaves no trace.
-int KyDirectoryFetch::Request(KyTferStatusMsg& result) {
+// The device is asked before the record tells of it, so that a failed write changes nothing but the request type.
+std::optional<int> KyDirectoryFetch::Request(KyTferStatusMsg& result) {
     const auto listing = m_record.ReserveListing();
-    if (!listing) return kBusy;
+    if (!listing) return std::nullopt;
     const int status = m_points.Send(kRequestDirectory, PNT_CLIENT_FILE_REQ);
     if (status != 0) {
         m_record.RefuseListing(*listing);
@@ -44,19 +44,19 @@ void KyDirectoryFetch::Begin(const Transaction& listing) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction,
                         "Error creating directory monitor thread.  error=%d", error);
     }
-    const std::string early = m_record.TakeEarlyAnswer();
-    if (!early.empty()) Answered(early, false);
+    for (std::string early = m_record.TakeEarlyAnswer(); !early.empty(); early = m_record.TakeEarlyAnswer())
+        Answered(early, true);
 }
 
-void KyDirectoryFetch::Answered(const std::string& answer, bool echo) {
-    if (answer == kRequestDirectory || echo) return;
+void KyDirectoryFetch::Answered(const std::string& answer, bool early) {
+    if (answer == kRequestDirectory) return;
     if (answer == kRequestNone) {
-        m_record.NoListing();
+        m_record.NoListing(early);
         return;
     }
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Fetch the directory file(%s)", answer.c_str());
     bool repeated = false;
-    const auto job = m_record.NameListing(answer, repeated);
+    const auto job = m_record.NameListing(answer, early, repeated);
     if (!job) return;
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Kick off thread to fetch the directory file(%s)",
                     answer.c_str());

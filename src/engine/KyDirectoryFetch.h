@@ -1,6 +1,7 @@
 #ifndef ENGINE_KYDIRECTORYFETCH_H
 #define ENGINE_KYDIRECTORYFETCH_H
 
+#include <optional>
 #include <string>
 
 #include "engine/KyFileFetch.h"
@@ -21,12 +22,12 @@ public:
           m_fetch(fetch),
           m_members(members) {}
 
-    /// @return 0; kBusy, or the status of the point write that failed
-    int Request(KyTferStatusMsg& result);
+    /// @return 0, or the status of the point write that failed; none if a transaction is in progress
+    std::optional<int> Request(KyTferStatusMsg& result);
 
     /// The device has answered a listing request.
-    /// @param echo  the value is one that the card has written itself
-    void Answered(const std::string& answer, bool echo);
+    /// @param early  the answer came before the record told of the request
+    void Answered(const std::string& answer, bool early);
 
     /// Reads a listing file, and keeps the listing. At most 16 are kept.
     void CreateDirectoryFromFile(const std::string& path);

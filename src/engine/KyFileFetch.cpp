@@ -61,6 +61,7 @@ void KyFileFetch::Fetch(Transaction job) {
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "request file(%s) from pldproxy", job.name.c_str());
     if (!job.leavesDirectory) m_points.FetchFile(job.name);
     if (!End(job)) return;
+    m_record.WroteSize(0);
     const int status = m_points.Write(0, PNT_XFER_FILE_SIZE);
     if (status != 0) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction,
@@ -78,11 +79,22 @@ bool KyFileFetch::End(Transaction& job) {
         case Arrival::OTHER_SIZE:
             return FetchedOtherSize(job, size);
         case Arrival::WHOLE:
-            return FetchedWhole(job);
+            return MoveClaimed(job);
         default:
             __dlog_printfex(KY_DLOG_WARNING, kSource, kFunction,
-                            "Another transaction has begun. Dropped file(%s)", job.path.c_str());
+                            "The transaction has been replaced. Dropping file(%s)", job.path.c_str());
             return false;
+    }
+}
+
+// Nobody else ends a transaction that has been claimed.
+bool KyFileFetch::MoveClaimed(const Transaction& job) {
+    try {
+        FetchedWhole(job);
+        return true;
+    } catch (...) {
+        m_record.EndWorkerWithoutMemory(job);
+        return false;
     }
 }
 
@@ -94,7 +106,7 @@ bool KyFileFetch::FetchedNothing(const Transaction& job) {
     return tellDevice;
 }
 
-bool KyFileFetch::FetchedWhole(const Transaction& job) {
+void KyFileFetch::FetchedWhole(const Transaction& job) {
     const std::string text =
         "Retrieved file(" + job.name + ") successfully. and placed it " + "in (" + job.path + ")";
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "%s", text.c_str());
@@ -109,7 +121,6 @@ bool KyFileFetch::FetchedWhole(const Transaction& job) {
     }
     if (job.worker == Transaction::CLAIMED) m_record.Complete(job, text);
     m_points.Send(kRequestSuccess, PNT_CLIENT_FILE_REQ);
-    return true;
 }
 
 bool KyFileFetch::FetchedOtherSize(const Transaction& job, unsigned long long size) {

@@ -35,7 +35,8 @@ private:
     void Fetch(Transaction job);
     bool End(Transaction& job);
     bool FetchedNothing(const Transaction& job);
-    bool FetchedWhole(const Transaction& job);
+    bool MoveClaimed(const Transaction& job);
+    void FetchedWhole(const Transaction& job);
     bool FetchedOtherSize(const Transaction& job, unsigned long long size);
 
     KyDevicePoints& m_points;

@@ -70,7 +70,7 @@ bool KyFilePush::MeasureStaged(const std::string& stagedPath, unsigned int& size
 // Tells the device the size and, a second later, the name. The name is written even if the size was not taken.
 Transaction KyFilePush::Announce(const std::string& fileName, const std::string& stagedPath,
                                  unsigned int size, KyTferStatusMsg& result) {
-    m_record.BeginPush(size);
+    m_record.WroteSize(size);
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kRequestFunction, "Write file size to server(%d)",
                     static_cast<int>(size));
     const int sizeStatus = m_points.Write(size, PNT_XFER_FILE_SIZE);

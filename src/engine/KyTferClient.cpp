@@ -3,6 +3,7 @@
 #include <sys/prctl.h>
 
 #include <mutex>
+#include <optional>
 
 #include "engine/KyDevicePoints.h"
 #include "engine/KyDirectoryFetch.h"
@@ -163,11 +164,13 @@ KyTferStatusMsg KyTferClient::GetDirectoryFromDevRequest() {
     static constexpr char kFunction[] = "GetDirectoryFromDevRequest";
     return m_engine->Admit(kFunction, [&](KyTferStatusMsg& result) {
         const std::lock_guard<std::mutex> turn(m_engine->conversation);
-        const int status = m_engine->directory.Request(result);
-        if (status == 0) return;
-        const std::string notSent = "Failed to send directory request to server. Status=";
-        Refuse(result, kFunction, status == kBusy ? kInProgress : (notSent + std::to_string(status)).c_str());
-        if (status != kBusy) result.SetReqType(KyTferStatusMsg::TFER_REQ_DIRECTORY);
+        const std::optional<int> status = m_engine->directory.Request(result);
+        if (!status) return Refuse(result, kFunction, kInProgress);
+        if (*status == 0) return;
+        const std::string text =
+            "Failed to send directory request to server. Status=" + std::to_string(*status);
+        Refuse(result, kFunction, text.c_str());
+        result.SetReqType(KyTferStatusMsg::TFER_REQ_DIRECTORY);
     });
 }
 
@@ -196,11 +199,10 @@ KyTferStatusMsg KyTferClient::AbandonTransaction(const std::string& reason) {
         const auto abandoned = m_engine->record.Abandon(text, result);
         if (!abandoned.any || !call) return result;
         __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "%s", text.c_str());
-        m_engine->points.AbortTransfer();
-        if (!abandoned.unanswered) return result;
         const std::lock_guard<std::mutex> turn(m_engine->conversation);
-        if (m_engine->record.IsCurrent(abandoned.number))
-            m_engine->points.Send(kRequestNone, PNT_CLIENT_FILE_REQ);
+        if (!m_engine->record.IsCurrent(abandoned.number)) return result;
+        m_engine->points.AbortTransfer();
+        if (abandoned.unanswered) m_engine->points.Send(kRequestNone, PNT_CLIENT_FILE_REQ);
     } catch (...) {
         Refuse(result, kFunction, kOutOfMemory);
     }

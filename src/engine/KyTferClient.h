@@ -29,14 +29,15 @@ struct Engine;
 ///
 /// Threads. All operations may be called from any thread, with these exceptions: Init is called once, before
 /// all others but Stop; DataChange is called for one change after the other; CreateDirectoryFromFile is called
-/// from one thread at a time. Requests that come at the same time take turns.
+/// from one thread at a time. Requests that come at the same time take turns. From within a call of the proxy only
+/// DataChange and GetStatus may be called.
 ///
 /// Blocking. Init takes eight seconds at least. Requests block for their point writes, as long as the proxy
 /// takes for them. GetStatus blocks for some microseconds. Stop blocks until the engine's threads have ended:
 /// a second after a fetch in progress, and as long as a proxy call that is under way.
 ///
-/// Locks. The status record has a lock of its own, which is held for a few assignments or one look at a file,
-/// and never around a call of the proxy, a log line or the start of a thread. Requests of fetches and listings,
+/// Locks. The status record has a lock of its own, which is held for a few assignments, one look at a file
+/// or its removal, and never around a call of the proxy, a log line or the start of a thread. Requests of fetches and listings,
 /// and abandoning, take turns with a second lock, which is held for their point writes.
 ///
 /// Memory. No operation throws; a transaction that cannot go on because memory runs out ends as failed. Only
@@ -62,17 +63,17 @@ public:
     /// device does not know the card; Stop ends the search, and the rest is then done without an index.
     ///
     /// @param deviceId  identifier of the managed device
-    /// @param proxy     the way to it; stays the caller's and must live until the engine is destroyed. Null
-    ///                  lets Init run through and fail, and every request be refused.
+    /// @param proxy     the device's proxy; not owned; must outlive the engine. With null, Init fails and every
+    ///                  request is refused.
     /// @return 0 for success. Over the Sorrel 485 transport it is the status of setting the device's file
     ///         size point, over USB that of the read that failed or 0. IsTferProtocolSupported tells which it
     ///         is.
     int Init(unsigned short deviceId, KyPldProxy* proxy);
 
-    /// Ends the engine: its threads have ended when it returns, and so have the calls of other threads that
-    /// may reach the proxy. The engine makes no further call to the proxy, unless Init is called after it.
-    /// Calling it again, or before Init, does no harm. A wait of more than a second is logged: a call of the
-    /// proxy does not return.
+    /// Ends the engine. When it returns, the engine's threads have ended, and no other thread's call that may reach
+    /// the proxy is inside the engine. The engine makes no further call to the proxy, unless Init is called after it.
+    /// Calling it again, or before Init, does no harm. A wait of more than a second is logged: usually
+    /// a call of the proxy does not return.
     ///
     /// Must not be called from within a call of the proxy: it would wait for that call for ever.
     void Stop();
@@ -103,7 +104,7 @@ public:
     ///
     /// Blocks for at least a second, which the device needs between the file's size and its name. A push does
     /// not ask whether another transaction is in progress, and no monitor watches it. Beside a fetch or a listing
-    /// each does its own job to the end and writes rows of its own: the record is that of the last writer.
+    /// each runs to its end, and the record shows the row that was written last.
     ///
     /// @param directory  directory of the file, without a "/" at its end
     /// @param fileName   the file's name in it
@@ -126,42 +127,42 @@ public:
     /// Notes a wish to cancel in the log. The transaction goes on: see AbandonTransaction.
     void CancelTransaction(const std::string& transactionId);
 
-    /// Ends what is in progress as failed, with the text "File transfer cancelled". The next request is accepted
-    /// at once. With nothing in progress, nothing changes; that is also so when the file has just come and is
-    /// being moved.
+    /// Ends the transfer in progress as failed, with the text "File transfer cancelled". Fetches and listings that
+    /// the record shows behind the row of a push are ended too; a push whose row another one covers goes on. With
+    /// nothing in progress nothing changes. A file that has arrived and is being moved is complete, not cancelled.
     ///
-    /// A device that has not answered the request yet is told "NONE"; the device of a push is told nothing. A
-    /// proxy that can end a file call (KyPldProxy::AbortTransfer) does. Otherwise the worker runs on in it; then
-    /// it removes what it has landed, and changes neither the record nor the device's points. The file of a push
-    /// stays staged.
+    /// The next request is accepted at once. If the device has not answered yet, it is told "NONE", except for a
+    /// push; a "READY" that still comes starts nothing, unless the next fetch has been accepted before. A monitor
+    /// ends within a second. KyPldProxy::AbortTransfer is called. If the proxy does not implement it, the worker runs
+    /// to the end of its call, removes its file, and changes nothing else. The file of a push stays staged.
     ///
-    /// Blocks for the point write, and for that of a request under way.
+    /// Blocks for its point write, and until a fetch or listing request under way has written its own.
     ///
     /// @param reason  added to the text, after ": "; may be empty
     /// @return a copy of the record
     KyTferStatusMsg AbandonTransaction(const std::string& reason);
 
-    /// Reads a fetched listing file into a listing that the engine keeps under `path`. A listing that it has
-    /// under the very same path stays, and the new one is dropped. The engine keeps 16 listings until it is
-    /// destroyed; after that the one goes that was asked for longest ago. A file that cannot be read gives an empty
-    /// listing; one that is damaged gives the entries before the damage.
+    /// Reads a fetched listing file into a listing that the engine keeps under `path`, until it is destroyed. A
+    /// listing that is kept under `path` already stays. At most 16 are kept; the one requested least recently is
+    /// dropped. A file that cannot be read gives an empty listing; a damaged one gives the entries before the damage.
     ///
     /// Blocks for the reading of the file.
     void CreateDirectoryFromFile(const std::string& path);
 
-    /// True while a worker has been started and has not returned. A service that waits for false before the
-    /// next request, and delivers the point changes until then, keeps the end of one transaction out of the
-    /// next.
+    /// True while a worker has been started and has not returned. A service should wait for false before the next
+    /// request, and deliver the point changes until then: the last worker's point writes do not reach the next
+    /// transaction then.
     bool WorkerRunning() const;
 
     /// @}
     /// @{ @name The device
 
     /// Takes a change of one of the device's points. Called for every change, in their order and one at a
-    /// time; points that do not matter are ignored. May start a thread; does not wait for it.
+    /// time; points that do not matter are ignored. May start a thread; does not wait for it. Blocks while a
+    /// file is moved that the listing before has brought.
     ///
-    /// Devices report the card's own writes too. Such an echo of a size or a name is told from what the device
-    /// says by itself for two seconds after the write.
+    /// Devices report the card's own writes too. A reported value equal to one that was written in the last two or
+    /// three seconds is treated as an echo, on the request point only if the empty text came before it.
     void DataChange(const KyValChgInfo& info);
 
     /// Tells the rest of the card whether the device supports the USB transport: creates or removes the flag

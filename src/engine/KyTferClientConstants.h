@@ -33,13 +33,12 @@ constexpr char kRequestError[] = "ERROR";
 constexpr unsigned int kStringWriteTimeout = 1000;
 constexpr unsigned int kUint32WriteTimeout = 5000;
 
-/// Status of an operation on an engine that has no proxy, whose proxy threw, that ran out of memory, that has been
-/// stopped, or that has a transaction in progress.
+/// Status of an operation on an engine that has no proxy, whose proxy threw, that ran out of memory, or that has
+/// been stopped.
 constexpr int kNoProxy = -1;
 constexpr int kProxyThrew = -2;
 constexpr int kNoMemory = -3;
 constexpr int kStopped = -4;
-constexpr int kBusy = -5;
 constexpr char kOutOfMemory[] = "Out of memory";
 
 /// Directory of the platform's file server; files to push are staged in it.

@@ -81,7 +81,7 @@ bool KyTransactionRecord::Watches(unsigned long long request) const {
 
 const KyTransactionRecord::Reported* KyTransactionRecord::FindReported(unsigned long long number) const {
     for (const Reported& reported : m_reported) {
-        if (reported.number == number) return &reported;
+        if (number != 0 && reported.number == number) return &reported;
     }
     return nullptr;
 }
@@ -206,7 +206,7 @@ std::optional<Transaction> KyTransactionRecord::ReserveListing() {
     listing.expectedSize = m_members.m_status.GetBytesRequested();
     Transaction job(listing);
     m_lastNumber = listing.number;
-    m_current = std::move(listing);
+    m_before = std::exchange(m_current, std::move(listing));
     m_earlyAnswer.clear();
     m_listingReserved = true;
     return job;
@@ -226,7 +226,6 @@ bool KyTransactionRecord::AcceptListing(const Transaction& listing, Status& resu
     if (!current) return false;
     Commit(row, listing.number);
     m_members.m_transactionActive = true;
-    m_listingReserved = false;
     return true;
 }
 
@@ -235,14 +234,15 @@ void KyTransactionRecord::RefuseListing(const Transaction& listing) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (listing.number != m_current.number) return;
     m_listingReserved = false;
-    m_current.kind = Transaction::NONE;
+    m_current = std::move(m_before);
     m_members.m_status.SetReqType(Status::TFER_REQ_NONE);
     m_requestType = Status::TFER_REQ_NONE;
 }
 
+// A "READY" is an answer to the transaction before.
 bool KyTransactionRecord::KeepEarlyAnswer(const std::string& answer) {
     KyRequestLock lock(m_members.m_requestMutex);
-    if (m_listingReserved) m_earlyAnswer = answer;
+    if (m_listingReserved && answer != kRequestReady) m_earlyAnswer = answer;
     return m_listingReserved;
 }
 
@@ -250,6 +250,7 @@ std::string KyTransactionRecord::TakeEarlyAnswer() {
     std::string answer;
     KyRequestLock lock(m_members.m_requestMutex);
     answer.swap(m_earlyAnswer);
+    if (answer.empty()) m_listingReserved = false;
     return answer;
 }
 
@@ -263,7 +264,7 @@ void KyTransactionRecord::Unwatch(unsigned long long request) {
     if (failed) EndCurrent();
 }
 
-void KyTransactionRecord::BeginPush(unsigned int size) {
+void KyTransactionRecord::WroteSize(unsigned int size) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (!IsOpen()) m_members.m_xferFileSize = size;
 }
@@ -335,11 +336,12 @@ std::optional<Transaction> KyTransactionRecord::Ready(bool& repeated) {
     return Answer(repeated);
 }
 
-std::optional<Transaction> KyTransactionRecord::NameListing(const std::string& name, bool& repeated) {
+std::optional<Transaction> KyTransactionRecord::NameListing(const std::string& name, bool early,
+                                                            bool& repeated) {
     std::string xferFileName(name);
     KyRequestLock lock(m_members.m_requestMutex);
     AwaitClaim();
-    if (m_current.kind != Transaction::LISTING) return std::nullopt;
+    if (m_current.kind != Transaction::LISTING || early != m_listingReserved) return std::nullopt;
     if (IsOpen() && m_current.answered && m_current.name == name) return Answer(repeated);
     Transaction next(m_current);
     next.number = m_lastNumber + 1;
@@ -363,9 +365,9 @@ std::optional<Transaction> KyTransactionRecord::NameListing(const std::string& n
     return job;
 }
 
-void KyTransactionRecord::NoListing() {
+void KyTransactionRecord::NoListing(bool early) {
     KyRequestLock lock(m_members.m_requestMutex);
-    if (m_current.kind != Transaction::LISTING || !IsOpen()) return;
+    if (m_current.kind != Transaction::LISTING || !IsOpen() || early != m_listingReserved) return;
     if (!m_current.watched && m_current.worker == Transaction::OPEN) {
         Write(m_current, Status::TFER_STATUS_FAIL, kListingRules.finalText);
         m_current.ended = true;
@@ -393,6 +395,10 @@ bool KyTransactionRecord::Begin(const Transaction& job) {
     if (m_current.worker != Transaction::OPEN) return true;
     WriteInProgress();
     Reopen();
+    // A file that had been there before was reported complete. What counts is the one that comes now.
+    for (Reported& reported : m_reported) {
+        if (reported.number == job.number) reported.number = 0;
+    }
     return true;
 }
 
@@ -486,6 +492,7 @@ Poll KyTransactionRecord::PollFile(const MonitorRules& rules, unsigned long long
         poll.farewell = rules.noneFarewell;
         return poll;
     }
+    if (m_current.kind != rules.kind) return poll;
     const bool completed = request == m_current.request && m_current.worker == Transaction::COMPLETED;
     if (completed) poll.farewell = rules.completedFarewell;
     if (!Watches(request) || m_current.ended) return poll;
@@ -591,13 +598,14 @@ void KyTransactionRecord::EndWorkerWithoutMemory(const Transaction& job) {
     KyRequestLock lock(m_members.m_requestMutex);
     const bool unfinished = job.kind == Transaction::PUSH
                                 ? m_members.m_status.GetStatus() == Status::TFER_STATUS_INPROGRESS
-                                : m_current.worker != Transaction::COMPLETED;
+                                : m_current.worker == job.worker;
     if (unfinished) FailWithoutMemory(job);
 }
 
 void KyTransactionRecord::EndMonitorWithoutMemory(unsigned long long request) {
     KyRequestLock lock(m_members.m_requestMutex);
-    if (Watches(request) && !m_current.ended) FailWithoutMemory(m_current);
+    const bool mine = Watches(request) && m_current.worker == Transaction::OPEN;
+    if (mine && !m_current.ended) FailWithoutMemory(m_current);
 }
 
 }  // namespace ky_engine

@@ -54,38 +54,43 @@ enum class Arrival {
 };
 
 /// The owner of the status record, and the rules of who may write it: every write is an operation here, which
-/// takes the request mutex, checks whose write it is, and changes status, text, names and counts together or
+/// takes the request mutex, checks whose write it is, and changes status, text, names and sizes together or
 /// not at all.
 ///
-/// One fetch or listing is current. A push runs beside it and has a number of its own. A transaction is open
-/// from its acceptance until a row has ended it. Rows are whole: a writer whose row is not the one in the record
-/// puts in its own names and counts as well, so that the last writer's row is what callers read.
+/// One fetch or listing is current. A push runs beside it. A transaction is open from its acceptance until a row
+/// has ended it. It is replaced when another fetch or listing becomes current, and when it is abandoned. Rows are
+/// whole: a writer that takes the record over writes its names and sizes too. GetStatus returns the last row.
 ///
-///     writer    row                              when, and what is refused
-///     --------  -------------------------------  -------------------------------------------------------------
-///     request   fetch or listing IN PROGRESS     no record is in progress and none is open; replaces all before
-///     request   push IN PROGRESS or FAIL         always; replaces none
-///     device    name and size of the listing     the listing is current; replaces the worker of an earlier name;
-///                                                opens a listing that has ended
-///     device    bytes requested                  a size changes; also the size that the worker expects, unless
-///                                                the worker has ended or it is the echo of an own write
-///     worker    IN PROGRESS                      not replaced, not completed; opens a fetch that timed out
-///     worker    FAIL                             not replaced, not completed; ends it if no monitor does
-///     worker    COMPLETE                         it has claimed the file (Claim), after which none other ends it
-///     push      COMPLETE or FAIL                 no fetch or listing has been accepted since
-///     monitor   IN PROGRESS, COMPLETE            it watches the current request, which is open and not claimed
-///     monitor   FAIL by time                     the same, and no worker has claimed the file
-///     anybody   FAIL by time                     the deadline of one without a monitor has passed
-///     anybody   FAIL, cancelled                  one is in progress; replaces all
-///     worker,   FAIL, out of memory              not replaced; needs no memory
+///     writer    row                         condition, and what else it does
+///     --------  --------------------------  ------------------------------------------------------------------
+///     request   fetch IN PROGRESS           the record is not in progress, and no open fetch or listing is hidden
+///                                           behind the row of a push; replaces all before
+///     request   listing IN PROGRESS         reserved on the same condition, which replaces all before; the row
+///                                           comes after the device has been asked
+///     request   push IN PROGRESS or FAIL    always; replaces nothing
+///     device    name of the listing         the listing is current; IN PROGRESS if it was not; replaces the worker
+///                                           of another name; waits for a claimed file to be moved
+///     device    bytes requested             its own row or no open transaction is shown. Also the size that the
+///                                           worker expects, unless the file has been reported complete or claimed.
+///                                           The echo of an own write changes nothing while a transaction is open
+///     device    listing FAIL ("NONE")       no monitor watches it; otherwise only the active flag is cleared
+///     worker    IN PROGRESS                 not replaced, not claimed; opens a transaction that has ended
+///     worker    FAIL                        not replaced, not claimed; ends it if no monitor watches it
+///     worker    COMPLETE                    it has claimed the file (Claim). No time-out and no cancel ends a claimed
+///                                           transaction; a request replaces it only if a monitor has reported it
+///     push      COMPLETE or FAIL            no fetch or listing has become current since
+///     monitor   IN PROGRESS, COMPLETE       its request is current and open; COMPLETE reports it
+///     monitor   FAIL by time                the same, and no worker has claimed the file
+///     reader    FAIL by time                no monitor watches it, and its deadline has passed
+///     request   FAIL, cancelled             something is in progress; replaces all
+///     worker,   FAIL, out of memory         not replaced, and claimed by no other; needs no memory
 ///     monitor
 ///
-/// Replaced transactions write no row and no flag. A worker that has been replaced tells the device nothing
-/// either, unless a monitor had reported its file complete.
+/// The worker of a replaced transaction writes nothing, tells the device nothing and removes its file, unless a
+/// monitor has reported the file complete: then it moves the file and tells the device.
 ///
-/// All operations may be called from any thread. None blocks but for the mutex, one `stat` or `unlink`, and Wait.
-/// Those that take or give texts may throw std::bad_alloc, and have then changed nothing. The request mutex is a
-/// leaf.
+/// All operations may be called from any thread, and may throw std::bad_alloc. None blocks but for the mutex, one
+/// `stat` or `unlink`, Wait, and where a claimed file is waited for. The request mutex is a leaf.
 class KyTransactionRecord {
 public:
     explicit KyTransactionRecord(KyTferClientMembers& members);
@@ -107,30 +112,31 @@ public:
     std::optional<Transaction> AcceptFetch(const std::string& name, unsigned int size,
                                            KyTferStatusMsg& result);
 
-    /// A listing is made current before the device is asked, and its row is written after that.
+    /// Makes a listing current. Its row is written after the device has been asked.
     /// @return none if a transaction is in progress
     std::optional<Transaction> ReserveListing();
     /// @return false if it has been abandoned; `result` then tells that
     bool AcceptListing(const Transaction& listing, KyTferStatusMsg& result);
     void RefuseListing(const Transaction& listing);
 
-    /// Keeps an answer that comes before the record has been set up, for TakeEarlyAnswer.
+    /// Keeps an answer that comes before the row of a reserved listing, for TakeEarlyAnswer.
     /// @return false if no listing is reserved
     bool KeepEarlyAnswer(const std::string& answer);
+    /// @return the answer; the empty text ends the reservation
     std::string TakeEarlyAnswer();
 
     /// The file to push could not be staged.
     void FailStaging(const std::string& text, KyTferStatusMsg& result);
-    /// A push has begun writing its size to the device.
-    void BeginPush(unsigned int size);
+    /// The card has written this size to the device's point.
+    void WroteSize(unsigned int size);
     /// @param announced  the device has taken size and name; otherwise the row is a failed one
     Transaction AcceptPush(Transaction push, bool announced, KyTferStatusMsg& result);
 
     /// No monitor thread could be started for this request.
     void Unwatch(unsigned long long request);
 
-    /// Ends whatever is in progress, with `text`, and replaces it by none. If a worker is moving its file, waits
-    /// for the last row: that transaction is complete, and nothing is in progress.
+    /// Ends the current transaction as failed, or the push that the record shows. If a worker is moving its file,
+    /// waits until it is complete; then there is nothing to end.
     struct Abandoned {
         bool any = false;               ///< something was in progress
         bool unanswered = false;        ///< the device has not answered it yet
@@ -138,18 +144,19 @@ public:
     };
     Abandoned Abandon(const std::string& text, KyTferStatusMsg& record);
 
-    /// False once another fetch or listing has been accepted, named or abandoned.
+    /// False once another fetch or listing has become current, or this one was abandoned.
     bool IsCurrent(unsigned long long number);
 
     // The device.
 
-    // "READY", and the name of a listing's file. Both give the worker's job; none if the current transaction is
-    // of another kind. `repeated` tells whether the device has answered before.
+    // "READY", and the name of a listing's file. Both return the worker's job, or none if another kind of
+    // transaction is current. `repeated` tells whether the device has answered before, `early` whether the answer
+    // is one that was kept.
 
     std::optional<Transaction> Ready(bool& repeated);
-    std::optional<Transaction> NameListing(const std::string& name, bool& repeated);
+    std::optional<Transaction> NameListing(const std::string& name, bool early, bool& repeated);
     /// "NONE": the device has no listing.
-    void NoListing();
+    void NoListing(bool early);
     void SizeChanged(unsigned int size, bool echo);
 
     // Workers.
@@ -222,6 +229,7 @@ private:
 
     unsigned long long m_lastNumber KY_GUARDED_BY(m_members.m_requestMutex) = 0;
     Transaction m_current KY_GUARDED_BY(m_members.m_requestMutex);  // the fetch or listing
+    Transaction m_before KY_GUARDED_BY(m_members.m_requestMutex);   // a reserved listing
     Transaction m_lastPush KY_GUARDED_BY(m_members.m_requestMutex);
     // Whose names are in the record.
     unsigned long long m_shown KY_GUARDED_BY(m_members.m_requestMutex) = 0;

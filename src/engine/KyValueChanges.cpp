@@ -91,7 +91,9 @@ void KyValueChanges::DmpSupportedChanged(const KyValChgInfo& info) const {
 void KyValueChanges::FileRequestChanged(const KyValChgInfo& info) {
     std::string answer;
     ConvertString(info.value, info.valLength, answer);
-    const bool echo = !answer.empty() && m_points.TakeEcho(PNT_CLIENT_FILE_REQ, answer);
+    // The card writes the empty text before each value, and a device that reports the one reports the other.
+    const bool echo = m_cleared && m_points.TakeEcho(PNT_CLIENT_FILE_REQ, answer);
+    m_cleared = answer.empty();
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Client file req point(%ld) len(%d) newVal(%s)",
                     static_cast<long>(info.pntId), static_cast<int>(answer.size()), answer.c_str());
     if (BeginsWith(answer, "DIR") && answer != kRequestDirectory) {
@@ -116,12 +118,11 @@ void KyValueChanges::FileRequestChanged(const KyValChgInfo& info) {
 }
 
 void KyValueChanges::ActOnAnswer(const std::string& answer, bool echo) {
-    const bool listingsAnswer = !echo && answer != kRequestDirectory && answer != kRequestReady;
-    if (listingsAnswer && m_record.KeepEarlyAnswer(answer)) return;
+    if (!echo && answer != kRequestDirectory && m_record.KeepEarlyAnswer(answer)) return;
     const KyTferStatusMsg::TferRequestType type = m_record.RequestType();
     switch (type) {
         case KyTferStatusMsg::TFER_REQ_DIRECTORY:
-            m_directory.Answered(answer, echo);
+            if (!echo) m_directory.Answered(answer, false);
             break;
         case KyTferStatusMsg::TFER_REQ_GET_FILE:
             if (answer == kRequestReady) m_fetch.Ready();

@@ -32,6 +32,7 @@ private:
     KyFileFetch& m_fetch;
     KyDirectoryFetch& m_directory;
     KyTferClientMembers& m_members;
+    bool m_cleared = false;  // the last value of the request point was empty; for DataChange alone
 };
 
 }  // namespace ky_engine

@@ -20,6 +20,10 @@ KyTferStatusMsg::KyTferStatusMsg(const KyTferStatusMsg& other) : KyTferStatusMsg
     KyTferStatusMsg::Copy(&other);
 }
 
+KyTferStatusMsg::KyTferStatusMsg(KyTferStatusMsg&& other) noexcept : KyTferStatusMsg(1024) {
+    Swap(other);
+}
+
 KyTferStatusMsg::~KyTferStatusMsg() = default;
 
 KyTferStatusMsg& KyTferStatusMsg::operator=(const KyTferStatusMsg& other) {

@@ -35,6 +35,9 @@ public:
 
     /// A copy of every field of `other`, those of the message base included.
     KyTferStatusMsg(const KyTferStatusMsg& other);
+
+    /// Takes every field from `other`, which is a new message afterwards. Does not throw.
+    KyTferStatusMsg(KyTferStatusMsg&& other) noexcept;
     ~KyTferStatusMsg() override;
 
     /// Writes the fields of the wire; the kind of transaction is not among them.
