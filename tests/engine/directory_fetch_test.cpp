@@ -56,9 +56,9 @@ TEST_F(DirectoryFetch, Endings) {
 
 TEST_F(DirectoryFetch, RefusalsAndOneWithoutAMonitor) {
     Start();
-    device->FailPoint(SimAccess::WRITE, 8602, 5);
+    device->FailPoint(SimAccess::WRITE, 8602, -5);
     const Status refused = engine->GetDirectoryFromDevRequest();
-    EXPECT_EQ(Outcome(refused), "failed: Failed to send directory request to server. Status=5");
+    EXPECT_EQ(Outcome(refused), "failed: Failed to send directory request to server. Status=-5");
     EXPECT_EQ(refused.GetReqType(), Status::TFER_REQ_DIRECTORY);
     EXPECT_EQ(Record().GetReqType(), Status::TFER_REQ_NONE);
     EXPECT_EQ(Outcome(Record()), "none: ");

@@ -115,4 +115,14 @@ TEST_F(ValueChange, RequestPoint) {
     }
 }
 
+/// The "NONE" of Init was once taken for the one that the device says.
+TEST_F(ValueChange, DeviceThatReportsNoOwnWritesSaysNone) {
+    Build();
+    device->SetListener(nullptr);
+    engine->Init(3, device.get());
+    engine->GetDirectoryFromDevRequest();
+    Request("NONE");
+    EXPECT_TRUE(WaitForOutcome("failed: File transfer Failed - timedout"));
+}
+
 }  // namespace
