@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "engine/KyTferClient.h"
-#include "engine/LogGates.h"
 #include "simdevice/SimDevice.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"

@@ -118,42 +118,15 @@ TEST_F(Fetch, MonitorReportsEachSizeOnceAndEndsTheTransaction) {
     EXPECT_EQ(log->Texts("MonitorGetFileRequest").back(), "Leave success");
 }
 
-TEST_F(Fetch, LimitIsReachedWithAndWithoutTheTimeOutStep) {
-    const std::string step =
-        "Timed out waiting for file transfer(/var/local/tal/pldserver/3/missing) bytes transferred(0)";
-    const struct {
-        std::chrono::seconds passed;
-        const char* outcome;
-        Strings errors;
-    } rows[] = {{179s, kNothingYet, {}}, {180s, kTimedOut, {}}, {181s, kTimedOut, {step}}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.passed.count());
-        Start();
-        LogGates gates({"startTime("});
-        engine->GetFileFromDevRequest("missing", 5);
-        ASSERT_NE(gates.Arrival("startTime("), "");
-        SteppedTime::Advance(row.passed);
-        gates.Open("startTime(");
-        EXPECT_TRUE(WaitForOutcome(row.outcome));
-        EXPECT_TRUE(WaitForThreads(row.outcome == kTimedOut ? 0 : 1));
-        EXPECT_EQ(gates.Leave(), row.errors);
-        TearDown();
-    }
-}
-
-TEST_F(Fetch, MonitorEndsFirstAndTheWorkersTextIsTheLast) {
+TEST_F(Fetch, LimitIsReachedInItsLastSecond) {
     Start();
-    LogGates gates({"Retrieved file(", "Send value(SUCCESS)"});
-    engine->GetFileFromDevRequest("f", 1000);
-    EXPECT_EQ(gates.Arrival("Retrieved file("), "t-getFileWorker");
-    ASSERT_TRUE(WaitForOutcome(kArrived));
-    EXPECT_EQ(Record().GetFilePath(), kLanding) << "provisional: the file has not been moved";
-    gates.Open("Retrieved file(");
-    ASSERT_NE(gates.Arrival("Send value(SUCCESS)"), "");
-    EXPECT_EQ(Outcome(Record()), Fetched("f")) << "the record tells of it before the device hears";
-    gates.Leave();
-    ASSERT_TRUE(WaitUntilQuiet());
-    EXPECT_EQ(Outcome(Record()), Fetched("f"));
+    Request("missing", 5);
+    SteppedTime::Advance(179s);
+    EXPECT_TRUE(WaitForOutcome(kNothingYet));
+    EXPECT_TRUE(WaitForThreads(1));
+    SteppedTime::Advance(1s);
+    EXPECT_TRUE(WaitForOutcome(kTimedOut) && WaitForThreads(0));
+    EXPECT_EQ(Errors(), Strings{}) << "the time-out step comes a second later";
 }
 
 TEST_F(Fetch, DeviceThatSaysReadyAgainChangesNoCompletedRecordAndGetsFewThreads) {
