@@ -1,20 +1,17 @@
 // What only the host's platform does; platform-check has the rest.
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <regex>
-#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -114,28 +111,6 @@ TEST(HostLog, TheSinkTakesTheLines) {
         __dlog_printfex(level, "Src", "Fun", "a\n%d", level);
     ky_host::SetLogSink(nullptr, nullptr);
     EXPECT_EQ(lines, (Lines{"3Src|Fun|a\n3", "4Src|Fun|a\n4"}));
-}
-
-TEST(HostLog, NoCallOfASinkOutlivesItsSetting) {
-    static std::atomic<int> s_calls{0}, s_late{0};
-    const auto note = [](void* set, int, const char*, const char*, const char*) {
-        sched_yield();
-        ++(*static_cast<std::atomic<bool>*>(set) ? s_calls : s_late);
-    };
-    std::atomic<bool> set[2] = {}, stop{false};
-    std::thread writer([&] {
-        while (!stop)
-            __dlog_printfex(7, "Src", "Fun", "text");
-    });
-    for (int round = 0; round < 500 || s_calls < 10; ++round) {
-        set[round % 2] = true;
-        ky_host::SetLogSink(note, &set[round % 2]);
-        set[(round + 1) % 2] = false;
-    }
-    stop = true;
-    writer.join();
-    ky_host::SetLogSink(nullptr, nullptr);
-    EXPECT_EQ(s_late, 0);
 }
 
 TEST(FileUtils, OddPaths) {
