@@ -51,15 +51,6 @@ Entries Read(const std::string& lines) {
     return Texts(directory);
 }
 
-TEST(ParseFile, TracesItsReading) {
-    const LogCapture log;
-    Read("event.log,\n");
-    EXPECT_EQ(log.Texts("ParseFile", true),
-              (Entries{"1st header(1\n)", "2nd header(header\n)", "Input  11: [event.log,]",
-                       "Field   9: [event.log]", "Field   0: []"}));
-    EXPECT_EQ(log.Texts("AddEntry", true), Entries{" event.log   0 ..."});
-}
-
 TEST(ParseFile, Headers) {
     const TempDir dir;
     WriteFile(dir / "one line", "7\n");

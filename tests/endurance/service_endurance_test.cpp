@@ -1,5 +1,4 @@
-// The service, in a process of its own, under many requests and many sudden ends. The choices are random; KY_SEED
-// repeats those of a run, which prints it.
+// The service, in a process of its own, under many requests and many sudden ends.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
@@ -24,9 +23,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
 using Choice = std::mt19937::result_type;
-using Message = std::unique_ptr<KyTferMsg>;
 
 constexpr char kDownloaded[] = "/var/local/tal/pldserver/3/tferFiles/f";
 constexpr int kFileSize = 20'000;
@@ -44,8 +41,7 @@ void Pause(Choice microseconds) {
 struct Tally {
     std::atomic<bool> stop{false};
     std::atomic<int> answered{0};
-    std::atomic<int> deserted{0};  // waited for the answer of a service that was killed
-    std::atomic<int> wrong{0};     // an answer of another kind than the request's, or late news of a kill
+    std::atomic<int> wrong{0};  // an answer of another kind than the request's, or late news of a kill
 };
 
 KyTferMsg* Ask(TferSvcMsgClient& client, Choice choice) {
@@ -58,19 +54,16 @@ KyTferMsg* Ask(TferSvcMsgClient& client, Choice choice) {
 
 /// Makes that many requests, unless told to stop.
 int BeCaller(Tally& tally, int requests, Choice seed) {
-    const auto count = [](void* context, int, const char*, const char*, const char* text) {
-        static_cast<Tally*>(context)->deserted += std::string(text).rfind("No response from server", 0) == 0;
-    };
-    ky_host::SetLogSink(count, &tally, 3);
     std::mt19937 random(seed);
     TferSvcMsgClient client;
     for (int i = 0; i < requests && !tally.stop; ++i) {
-        const auto begin = Clock::now();
+        const auto begin = std::chrono::steady_clock::now();
         // Many transactions at first: what they need at once, the service then has.
         const Choice choice = random() % (i < kFirst / kCallers ? 4 : 64);
         const auto type = choice < 4 ? KyTferMsg::TFER_MSG_RESP : KyTferMsg::TFER_MSG_STATUS;
-        const Message answer(Ask(client, choice));
-        tally.wrong += (answer && answer->GetMsgType() != type) || Clock::now() - begin > kDeadline / 6;
+        const std::unique_ptr<KyTferMsg> answer(Ask(client, choice));
+        tally.wrong += (answer && answer->GetMsgType() != type) ||
+                       std::chrono::steady_clock::now() - begin > kDeadline / 6;
         tally.answered += answer != nullptr;
         if (!answer) Pause(1000);  // leaves the machine to the next service
     }
@@ -91,7 +84,6 @@ std::map<std::string, long> FiguresOf(const std::string& directory) {
 class ServiceEndurance : public testing::Test {
 protected:
     ServiceEndurance() {
-        std::cout << "KY_SEED=" << m_seed << std::endl;
         fs::create_directory(m_temp / "device");
         WriteFile(m_temp / "device/f", m_bytes);
         setenv("KY_IPC_DIR", m_fifos.c_str(), 1);
@@ -136,9 +128,7 @@ protected:
         EXPECT_EQ(EntriesOf(m_fifos), std::multiset<std::string>{"tfersvc.lock"});
     }
 
-    const char* const m_given = std::getenv("KY_SEED");
-    const Choice m_seed = m_given ? std::strtoul(m_given, nullptr, 10) : std::random_device()();
-    std::mt19937 m_random{m_seed};
+    std::mt19937 m_random;  // its choices are the same in each run, the moments of the kills are not
     const TempDir m_temp;
     const std::string m_fifos = m_temp / "ipc", m_log = m_temp / "log";
     const std::string m_bytes = std::string(kFileSize / 2, 'a') + std::string(kFileSize / 2, 'z');
@@ -162,7 +152,6 @@ TEST_F(ServiceEndurance, KillsHinderNeitherCallersNorTheNextService) {
     Await();
     ExpectCallersEndAndFetch();
     EXPECT_GT(m_tally.answered, kKills);
-    EXPECT_GT(m_tally.deserted, kKills / 10) << "the kills have hit nobody";
     ExpectEnd();
 }
 

@@ -15,7 +15,6 @@
 #include <tuple>
 #include <vector>
 
-#include "host/KyHostLog.h"
 #include "platform/KyDlog.h"
 #include "platform/KyIpcMsgBuffer.h"
 #include "platform/tal_fileutils.h"
@@ -97,20 +96,6 @@ TEST(HostLog, PrefixForTheJournalAndErrno) {
         ASSERT_EQ(writes.size(), 1u);
         EXPECT_EQ(writes[0] == "<4>Src Fun: text 1\n", journal) << writes[0];
     }
-}
-
-TEST(HostLog, TheSinkTakesTheLines) {
-    Lines lines;
-    const auto sink = [](void* context, int level, const char* source, const char* function,
-                         const char* text) {
-        static_cast<Lines*>(context)->push_back(std::to_string(level) + source + "|" + function + "|" + text);
-        __dlog_printfex(3, "Sink", "Collect", "a sink's own lines are dropped");
-    };
-    ky_host::SetLogSink(sink, &lines, 4);
-    for (int level = 3; level < 8; ++level)
-        __dlog_printfex(level, "Src", "Fun", "a\n%d", level);
-    ky_host::SetLogSink(nullptr, nullptr);
-    EXPECT_EQ(lines, (Lines{"3Src|Fun|a\n3", "4Src|Fun|a\n4"}));
 }
 
 TEST(FileUtils, OddPaths) {

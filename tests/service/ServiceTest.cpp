@@ -35,6 +35,15 @@ constexpr char kDownload[] = "/var/local/tal/pldserver/3/tferFiles/";
 constexpr char kCallers[] = "/var/local/tal/pldserver/callers/";  // where callers stage what they push
 constexpr char kSource[] = "/var/local/tal/pldserver/callers/settings.cfg";
 constexpr char kControl[] = "tfersvc-CtrlFifo";
+
+/// How often the text stands in the bytes.
+int Count(const std::string& bytes, const std::string& text) {
+    int count = 0;
+    for (size_t at = 0; (at = bytes.find(text, at)) != std::string::npos; at += text.size())
+        ++count;
+    return count;
+}
+
 /// A service over a simulated device 3 of some files, and the test's process as its caller. At the end SIGTERM
 /// must end the service, with no descriptor lost and nothing but its lock file left beside the FIFOs.
 class ServiceTest : public testing::Test {
@@ -151,12 +160,12 @@ protected:
     }
 
     /// How often the text stands in the service's log.
-    int Logged(const std::string& text) const {
-        const std::string log = ReadFile(m_log);
-        int count = 0;
-        for (size_t at = 0; (at = log.find(text, at)) != std::string::npos; at += text.size())
-            ++count;
-        return count;
+    int Logged(const std::string& text) const { return Count(ReadFile(m_log), text); }
+
+    /// Makes a FIFO for answers. @return its reading end
+    KyFd MakeFifo(const std::string& name) const {
+        EXPECT_EQ(mkfifo((m_fifos + name).c_str(), 0600), 0);
+        return KyFd(open((m_fifos + name).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     }
 
     bool AwaitLogged(const std::string& text) const {
@@ -346,18 +355,42 @@ std::string Request(KyTferMsg::TferMsgType type, const std::string& fifo, size_t
     return Frame(body, std::min(length, body.GetLength()));
 }
 
+TEST_F(ServiceTest, FewRequestsWaitAndTheEndIsToldToThem) {
+    constexpr int kMost = 64;
+    Put("event.log", 1);
+    Start("--fault fetch=stuck");
+    EXPECT_EQ(fs::status(m_fifos + kControl).permissions(), fs::perms(0660)) << "callers share its group";
+    ASSERT_EQ(Fetch("event.log", 1), "accepted: ");
+    ASSERT_TRUE(AwaitLogged("request file(event.log) from pldproxy"));
+    std::string answers(60'000, '\0');
+    {
+        const KyFd fifo = MakeFifo("many");
+        for (int i = 0; i < kMost + 2; ++i)
+            WriteFile(m_fifos + kControl, Request(KyTferMsg::TFER_MSG_GET_DEV_DIR, "many"));
+        Status();  // by now they have been taken
+        EXPECT_EQ(m_service->End(SIGTERM), 0);
+        answers.resize(
+            static_cast<size_t>(std::max<ssize_t>(0, read(fifo.Get(), answers.data(), answers.size()))));
+    }
+    fs::remove(m_fifos + "many");
+    m_service.reset();
+    EXPECT_EQ(Count(answers, "Too many requests are waiting"), 2);
+    EXPECT_EQ(Count(answers, "The transfer service is ending"), kMost);
+}
+
 TEST_F(ServiceTest, SurvivesHostileCallers) {
     Start();
-    std::vector<std::vector<int>> numbers = {std::vector<int>(13)};  // a status request and a number too many
-    numbers.front().front() = KyTferMsg::TFER_MSG_STATUS;
-    for (const int number : {-1, INT_MIN, INT_MAX, ky_frame::MOST_BODY, 7, 0}) {
-        numbers.push_back({KyTferMsg::TFER_MSG_STATUS, 0, number});
-        numbers.push_back({number});
-    }
     Writes damaged;
-    for (const std::vector<int>& message : numbers) {
+    // A status request and a number too many, a length without a text, and unknown types.
+    constexpr int kStatus = KyTferMsg::TFER_MSG_STATUS;
+    for (const auto& numbers : {std::vector<int>{kStatus, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
+                                {kStatus, 0, INT_MAX},
+                                {kStatus, 0, -1},
+                                {7},
+                                {0},
+                                {-1}}) {
         KyIpcMsgBuffer body(0);
-        for (const int number : message)
+        for (const int number : numbers)
             KyIpcMsgUtil::PutInteger(&body, number);
         damaged.push_back(Frame(body, body.GetLength()));
     }
@@ -367,9 +400,7 @@ TEST_F(ServiceTest, SurvivesHostileCallers) {
     for (int length = 0; fetch(length) != fetch(INT_MAX); ++length)
         damaged.push_back(fetch(length));
 
-    const std::string deafFifo = m_fifos + "deaf";
-    ASSERT_EQ(mkfifo(deafFifo.c_str(), 0600), 0);
-    const KyFd deaf(open(deafFifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const KyFd deaf = MakeFifo("deaf");
     const auto reply = [](const std::string& fifo) -> Writes {
         return {Request(KyTferMsg::TFER_MSG_STATUS, fifo),
                 Request(KyTferMsg::TFER_MSG_CANCEL_TRANS, fifo, 100'000)};
@@ -404,7 +435,7 @@ TEST_F(ServiceTest, SurvivesHostileCallers) {
         ExpectNoDescriptorLost();
         ASSERT_EQ(EntriesOf(m_fifos), entries);
     }
-    fs::remove(deafFifo);
+    fs::remove(m_fifos + "deaf");
 }
 
 }  // namespace

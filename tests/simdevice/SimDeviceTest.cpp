@@ -1,78 +1,45 @@
-// The simulated device's faults, each of which the tests of the engine take for granted.
+// The simulated device's ways to answer wrongly. The tests of engine and service would fail without the other faults.
 #include "simdevice/SimDevice.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <filesystem>
 #include <utility>
 
-#include "support/SteppedTime.h"
 #include "support/TempDir.h"
 
 namespace {
 
-constexpr unsigned short kDevice = 3;
-constexpr SimOperation kOperations[] = {SimOperation::FETCH, SimOperation::PUSH, SimOperation::DIRECTORY};
-
-// "word " for the request point, "number " for the size.
+// "size " or "word ", of which only the first letter counts here.
 std::string Describe(const KyValChgInfo& info) {
-    unsigned int number = 0;
-    if (info.pntId == sim_point::XFER_FILE_SIZE) {
-        std::memcpy(&number, info.value, sizeof number);
-        return std::to_string(number) + " ";
-    }
-    std::string text;
-    for (std::size_t i = 0; i < info.valLength; ++i) {
-        unsigned short unit = 0;  // in the processor's byte order
-        std::memcpy(&unit, static_cast<const char*>(info.value) + 2 * i, sizeof unit);
-        text += static_cast<char>(unit);
-    }
-    return text + " ";
+    unsigned int size = 0;
+    unsigned short letter = 0;  // in the processor's byte order
+    std::memcpy(&size, info.value, info.pntId == sim_point::XFER_FILE_SIZE ? sizeof size : 0);
+    std::memcpy(&letter, info.value, sizeof letter);
+    return (info.valLength == 0 ? std::to_string(size) : std::string(1, static_cast<char>(letter))) + " ";
 }
 
-TEST(SimDeviceFaults, OfAnswersAndFiles) {
-    const std::string bytes = std::string(70000, 'a') + std::string(70000, 'b');
-    const struct {
-        void (*set)(SimFault&);
-        std::string answer;
-        std::string arrived = "none";
-        bool result = true;
-    } rows[] = {
-        {[](SimFault&) {}, "f 140000 READY ", bytes},
-        {[](SimFault& f) { f.answer = SimAnswer::SILENT; }, "f ", bytes},
-        {[](SimFault& f) { f.answer = SimAnswer::NONE_VALUE; }, "f NONE ", bytes},
-        {[](SimFault& f) { f.answer = SimAnswer::READY_TWICE; }, "f 140000 READY READY ", bytes},
-        {[](SimFault& f) { f.announceSize = false; }, "f READY ", bytes},
-        {[](SimFault& f) { f.announceSizeDelta = -140001; }, "f 0 READY ", bytes},
-        {[](SimFault& f) { f.delayMs = 200000; }, "f 140000 READY ", bytes},
-        {[](SimFault& f) { f.sizeDelta = -1; }, "f 140000 READY ", bytes.substr(0, 139999)},
-        {[](SimFault& f) { f.sizeDelta = 70000; }, "f 140000 READY ", bytes + std::string(70000, '\0')},
-        {[](SimFault& f) { f.noFile = true; }, "f 140000 READY "},
-        {[](SimFault& f) { f.refuse = true; }, "f 140000 READY ", "none", false},
+TEST(SimDevice, Answers) {
+    const std::pair<void (*)(SimFault&), const char*> rows[] = {
+        {[](SimFault&) {}, "f 3 R "},
+        {[](SimFault& f) { f.answer = SimAnswer::READY_TWICE; }, "f 3 R R "},
+        {[](SimFault& f) { f.announceSize = false; }, "f R "},
+        {[](SimFault& f) { f.announceSizeDelta = -4; }, "f 0 R "},
     };
-    const TempDir files, landing;
-    WriteFile(files / "f", bytes);
-    SimDevice::Builder builder(files.Path());
-    const auto device = builder.LandingDirectory(landing.Path()).Build();
+    const TempDir files;
+    WriteFile(files / "f", "abc");
+    const auto device = SimDevice::Builder(files.Path()).Build();
     std::string reported;  // read only while the device is idle
     device->SetListener([&](const KyValChgInfo& info) { reported += Describe(info); });
-    for (const auto& row : rows) {
-        SimFault fault;
-        row.set(fault);
-        for (const SimOperation operation : kOperations)
-            device->SetFault(operation, fault);
-        const auto before = SteppedTime::TotalSlept();
-        device->SetMaiString("f", kDevice, sim_point::CLIENT_FILE_REQ, 2, 0, 0, 0, 0, 1000);
-        EXPECT_TRUE(device->WaitIdle(10000));
-        EXPECT_EQ(std::exchange(reported, ""), row.answer);
-        EXPECT_GE(SteppedTime::TotalSlept() - before, std::chrono::milliseconds(fault.delayMs));
-        EXPECT_EQ(device->GetDevFile(kDevice, "", "f"), row.result);
-        EXPECT_EQ(device->PutDevFile(kDevice, files.Path() + "/", "f", "up"), row.result);
-        for (const std::string& path : {landing / "f", files / "up"}) {
-            const std::string arrived = std::filesystem::exists(path) ? ReadFile(path) : "none";
-            EXPECT_TRUE(arrived == row.arrived) << path << " " << arrived.size();
-            std::filesystem::remove(path);
+    for (const auto& [set, answer] : rows) {
+        for (const bool beforeReturn : {false, true}) {
+            SimFault fault;
+            set(fault);
+            fault.answerBeforeReturn = beforeReturn;
+            device->SetFault(SimOperation::FETCH, fault);
+            device->SetMaiString("f", 3, sim_point::CLIENT_FILE_REQ, 2, 0, 0, 0, 0, 1000);
+            EXPECT_TRUE(beforeReturn || device->WaitIdle(10000));
+            EXPECT_EQ(std::exchange(reported, ""), answer);
         }
     }
 }

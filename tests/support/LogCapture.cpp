@@ -31,15 +31,9 @@ int LogCapture::Count(int level, const std::string& part) const {
     }));
 }
 
-LogCapture::Line LogCapture::Find(const std::string& part) const {
-    for (const Line& line : Lines())
-        if (line.text.find(part) != std::string::npos) return line;
-    return {-1, "", "", ""};
-}
-
-std::vector<std::string> LogCapture::Texts(const std::string& function, bool traces) const {
+std::vector<std::string> LogCapture::Texts(const std::string& function) const {
     std::vector<std::string> texts;
     for (const Line& line : Lines())
-        if (line.function == function && (traces || line.level != KY_DLOG_TRACE)) texts.push_back(line.text);
+        if (line.function == function && line.level != KY_DLOG_TRACE) texts.push_back(line.text);
     return texts;
 }

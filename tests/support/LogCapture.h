@@ -24,10 +24,8 @@ public:
 
     /// How many lines of the level contain `part`.
     int Count(int level, const std::string& part) const;
-    /// The first line that contains `part`; level -1 and empty texts when there is none.
-    Line Find(const std::string& part) const;
-    /// The texts that the operation logged, in order; those of level 7 only with `traces`.
-    std::vector<std::string> Texts(const std::string& function, bool traces = false) const;
+    /// The texts that the operation logged, in order, but for those of level 7.
+    std::vector<std::string> Texts(const std::string& function) const;
     std::vector<Line> Lines() const;
 
 private:

@@ -2,31 +2,26 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cerrno>
-#include <mutex>
 
 namespace {
 
 struct Fault {
-    int error = 0;
-    int count = 0;
-};
+    std::atomic<int> error{0}, count{0};
 
-std::mutex s_faultsMutex;
-Fault s_thread, s_mutex, s_rename;
-
-void Set(Fault& fault, int error, int count) {
-    const std::lock_guard<std::mutex> lock(s_faultsMutex);
-    fault = {error, count};
-}
-
-/// The error to fail with this time, 0 for none.
-int Take(Fault& fault) {
-    const std::lock_guard<std::mutex> lock(s_faultsMutex);
-    if (fault.count == 0) return 0;
-    if (fault.count > 0) --fault.count;
-    return fault.error;
-}
+    void Set(int newError, int newCount) {
+        error = newError;
+        count = newCount;
+    }
+    /// The error to fail with this time, 0 for none.
+    int Take() {
+        int left = count;
+        while (left > 0 && !count.compare_exchange_weak(left, left - 1)) {
+        }
+        return left != 0 ? error.load() : 0;
+    }
+} s_thread, s_mutex, s_rename;
 
 }  // namespace
 
@@ -38,17 +33,17 @@ int __real_rename(const char*, const char*);
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
                           void* argument) {
-    const int error = Take(s_thread);
+    const int error = s_thread.Take();
     return error != 0 ? error : __real_pthread_create(thread, attributes, start, argument);
 }
 
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
-    const int error = Take(s_mutex);
+    const int error = s_mutex.Take();
     return error != 0 ? error : __real_pthread_mutex_init(mutex, attributes);
 }
 
 int __wrap_rename(const char* from, const char* to) {
-    const int error = Take(s_rename);
+    const int error = s_rename.Take();
     if (error == 0) return __real_rename(from, to);
     errno = error;
     return -1;
@@ -58,18 +53,19 @@ int __wrap_rename(const char* from, const char* to) {
 namespace systemfaults {
 
 void FailNextThread(int error, int count) {
-    Set(s_thread, error, count);
+    s_thread.Set(error, count);
 }
 void FailNextMutex(int error, int count) {
-    Set(s_mutex, error, count);
+    s_mutex.Set(error, count);
 }
 void FailRename(int error, int count) {
-    Set(s_rename, error, count);
+    s_rename.Set(error, count);
 }
 
 void ClearFaults() {
-    for (Fault* fault : {&s_thread, &s_mutex, &s_rename})
-        Set(*fault, 0, 0);
+    FailNextThread(0, 0);
+    FailNextMutex(0, 0);
+    FailRename(0, 0);
 }
 
 }  // namespace systemfaults

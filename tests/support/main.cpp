@@ -8,7 +8,7 @@
 
 namespace {
 
-/// No test leaves a held clock or a failing call to the next one.
+/// No test leaves a moved clock or a failing call to the next one.
 class Restorer : public testing::EmptyTestEventListener {
     void OnTestEnd(const testing::TestInfo&) override {
         SteppedTime::Reset();

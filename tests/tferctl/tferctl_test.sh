@@ -79,12 +79,24 @@ grep -q . "$WORK/out" || fail "help says nothing"
 start_service
 expect "ls" 0 "" "$TFERCTL" ls
 grep -q 'trend.csv .*200000' "$WORK/out" || fail "ls: $(cat "$WORK/out")"
+second=$(sed -n '3s/ .*//p' "$WORK/out")
+expect "ls, a page" 0 "" "$TFERCTL" ls --skip 1 --take 1
+[ "$(sed -n '2s/ .*//p;3p' "$WORK/out")" = "$second"$'\n'"Files 2 to 2 of 2" ] || fail "ls: $(cat "$WORK/out")"
 expect "ls, a page as JSON" 0 "" "$TFERCTL" ls --skip 1 --take 1 --json
+[ "$(grep -c '"tfername"' "$WORK/out")" = 1 ] || fail "ls --json, more than one: $(cat "$WORK/out")"
+grep -q "\"tfername\":\"$second\"" "$WORK/out" || fail "ls --json, another: $(cat "$WORK/out")"
 grep -q '"totalFiles":2' "$WORK/out" || fail "ls --json: $(cat "$WORK/out")"
 for name in trend.csv "two words.txt"; do  # the listing has no blanks in names
     expect "get $name" 0 "" "$TFERCTL" get "${name/ /_}" -o "$WORK/got"
     cmp "$DEVICE/$name" "$WORK/got" || fail "get $name: another file"
 done
+umask 027
+install -m 604 /dev/null "$WORK/there"
+for row in new:640 there:604; do  # a new file has the umask's mode, an older one keeps its own
+    expect "get to $row" 0 "" "$TFERCTL" get trend.csv -o "$WORK/${row%:*}"
+    [ "$(stat -c %a "$WORK/${row%:*}")" = "${row#*:}" ] || fail "get to $row: $(stat -c %a "$WORK/${row%:*}")"
+done
+umask 022
 expect "get, no such file" 1 "." "$TFERCTL" get nothing -o "$WORK/nothing"
 [ ! -e "$WORK/nothing" ] || fail "a file that is not there was made"
 expect "get over a directory" 1 "." "$TFERCTL" get trend.csv -o "$WORK"
@@ -99,6 +111,9 @@ nothing_left "all went well"
 
 start_service --fault push=refuse
 expect "the device refuses" 1 "." "$TFERCTL" put "$WORK/mine.cfg"
+start_service --fault fetch=size:-1 --fault fetch=announce:-1
+expect "get, other than listed" 1 'does not have the 200000 bytes' "$TFERCTL" get trend.csv -o "$WORK/short"
+[ ! -e "$WORK/short" ] || fail "a file that is not whole was handed over"
 start_service --fault fetch=stuck --fault push=stuck
 expect "nothing moves" 4 "." "$TFERCTL" get trend.csv --timeout 1 -o "$WORK/late"
 expect "somebody else's transfer" 3 "." "$TFERCTL" ls --no-wait
@@ -134,7 +149,12 @@ kill -TERM "$CLIENT"  # timeout(1) sends it twice too
 ended "interrupted put" 143 '^tferctl: Interrupted; the transfer has been cancelled\.$'
 
 begin trend.csv get trend.csv
-expect "get that waits, interrupted" 124 "Waiting for another" timeout 1 "$TFERCTL" get trend.csv
+for command in "get trend.csv -o $WORK/waits" "put $WORK/mine.cfg"; do
+    # shellcheck disable=SC2086  # its words
+    expect "$command that waits, interrupted" 124 "Waiting for another" timeout 1 "$TFERCTL" $command
+    left=$(find "$WORK" "$STAGING" -name '.tferctl*')
+    [ -z "$left" ] || fail "$command that was interrupted left $left"
+done
 expect "foreign identifier" 3 "^tferctl: That transfer is not in progress\.$" "$TFERCTL" cancel another
 "$TFERCTL" status | grep -q 'in progress' || fail "another's transfer was ended"
 : >"$WORK/err"
@@ -148,6 +168,21 @@ kill -CONT "$SERVICE"
 begin trend.csv get trend.csv
 "$TFERCTL" cancel >/dev/null || fail "cancel ended with $?"
 ended "cancelled by somebody else" 1 '^tferctl: Somebody else has cancelled the transfer\.$'
+
+# While the client is stopped its transfer ends, and another caller's begins and ends. That one cannot take its turn,
+# as if it were no tferctl. Both files have the same size.
+head -c 200000 /dev/urandom >"$DEVICE/other.csv"
+start_service --line-rate 200000
+begin trend.csv get trend.csv -o "$WORK/mine"
+kill -STOP "$CLIENT"
+"$TFERCTL" cancel >/dev/null || fail "cancel ended with $?"
+chmod u-r "$STAGING"
+expect "get by another caller" 0 "" "$TFERCTL" get other.csv -o "$WORK/theirs"
+chmod u+r "$STAGING"
+cmp "$DEVICE/other.csv" "$WORK/theirs" || fail "get by another caller: another file"
+kill -CONT "$CLIENT"
+ended "another caller's fetch" 1 '^tferctl: Another transfer began before '
+[ ! -e "$WORK/mine" ] || fail "another caller's file was taken for one's own"
 
 stop_service
 rm -rf "$WORK"
