@@ -106,8 +106,9 @@ void Scheduler::FallBehind() {
 
 void Scheduler::Look(const char* what, Time pause) {
     if (m_listening) return;
+    const bool again = m_current->workSeen == m_work && m_current->pause == pause;
+    m_current->looks = again ? m_current->looks + 1 : 0;
     m_current->pause = pause;
-    m_current->looks = m_current->workSeen == m_work ? m_current->looks + 1 : 0;
     m_current->workSeen = m_work;
     m_yields = m_current->looks > 1;
     if (m_yields) m_current->priority = --m_lowest;

@@ -319,7 +319,7 @@ void World::CheckStory(const Role& role) {
         const char* story;
         bool allowed;
     } kStories[] = {{"get move complete SUCCESS 0 ", true},
-                    {"get move SUCCESS 0 ", complete || twice},
+                    {"get move SUCCESS 0 ", complete || twice || transfer.crossed},
                     {"get 0 ", complete || transfer.moved || transfer.failed},
                     {"get other ERROR 0 ", true},
                     {"get ERROR 0 ", transfer.left || (transfer.reported && LongHeldUp())},
