@@ -72,7 +72,7 @@ int KyDevicePoints::Write(unsigned int value, unsigned short pointId) {
         return proxy.SetMaiUint32(value, m_deviceId, pointId, m_mmIdx, kIdx, kUom, kNorm,
                                   kUint32WriteTimeout);
     });
-    if (status != 0) TakeEcho(pointId, std::to_string(value));
+    SettleEcho(pointId, std::to_string(value), status);
     return status;
 }
 
@@ -97,8 +97,8 @@ int KyDevicePoints::Send(const std::string& value, unsigned short pointId) {
     WriteText("", pointId);
     ExpectEcho(pointId, value);
     const int status = WriteText(value.c_str(), pointId);
+    SettleEcho(pointId, value, status);
     if (status != 0) {
-        TakeEcho(pointId, value);
         __dlog_printfex(
             KY_DLOG_ERROR, kSource, "MaiStringSend",
             "Could not set string(%s) pntId(%d) mmIdx(%d) idx(%d) uom(%d) norm(%d) timeout(%d) on "
@@ -144,6 +144,16 @@ void KyDevicePoints::ExpectEcho(unsigned short pointId, const std::string& value
     const std::lock_guard<std::mutex> lock(m_ownWritesMutex);
     m_ownWrites[m_nextOwnWrite++ % m_ownWrites.size()] = {HashOf(pointId, value),
                                                           WallClockSeconds() + kEchoSeconds};
+}
+
+// The echo may come before the write returns, and a write may take longer than the echo is expected.
+void KyDevicePoints::SettleEcho(unsigned short pointId, const std::string& value, int status) {
+    const std::size_t what = HashOf(pointId, value);
+    const long long until = WallClockSeconds() + kEchoSeconds;
+    const std::lock_guard<std::mutex> lock(m_ownWritesMutex);
+    for (OwnWrite& write : m_ownWrites) {
+        if (write.what == what) write.until = status == 0 ? until : 0;
+    }
 }
 
 bool KyDevicePoints::TakeEcho(unsigned short pointId, const std::string& value) {

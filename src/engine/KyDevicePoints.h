@@ -53,6 +53,7 @@ private:
 
     int WriteText(const char* value, unsigned short pointId);
     void ExpectEcho(unsigned short pointId, const std::string& value);
+    void SettleEcho(unsigned short pointId, const std::string& value, int status);
 
     const std::atomic<KyPldProxy*>& m_proxy;
     const std::atomic<unsigned short>& m_deviceId;
