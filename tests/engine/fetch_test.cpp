@@ -1,6 +1,3 @@
-#include <atomic>
-#include <thread>
-
 #include "engine/EngineFixture.h"
 
 namespace {
@@ -157,30 +154,6 @@ TEST_F(Fetch, NamesOfTheDeviceDoNotLeadElsewhere) {
         SteppedTime::Advance(181s);
         ASSERT_TRUE(WaitForOutcome(kTimedOut) && WaitUntilQuiet());
     }
-}
-
-TEST_F(Fetch, StopWaitsForTheWorkerAndNothingReachesTheProxyAfterwards) {
-    Start();
-    device->SetFault(SimOperation::FETCH, Fault([](SimFault& f) { f.stuck = true; }));
-    engine->GetFileFromDevRequest("f", 1000);
-    ASSERT_TRUE(WaitUntil([&] { return engine->WorkerRunning() && Written().size() == 3; }));
-    std::atomic<bool> stopped{false};
-    std::thread stop([&] {
-        engine->Stop();
-        stopped = true;
-    });
-    ASSERT_TRUE(WaitForOutcome(kTimedOut)) << "the monitor ends by itself";
-    EXPECT_FALSE(stopped);
-    device->Abort();
-    stop.join();
-    const size_t calls = device->Calls().size();
-    EXPECT_EQ(Outcome(engine->GetFileFromDevRequest("f", 1000)), kNotInitialized);
-    SayReady();
-    ASSERT_TRUE(device->WaitIdle(10000));
-    EXPECT_NE(engine->MaiStringSend("X", 8602), 0);
-    EXPECT_EQ(device->Calls().size(), calls);
-    EXPECT_EQ(log->Count(5, "kick off file fetch thread"), 2) << "the second was refused";
-    EXPECT_FALSE(engine->WorkerRunning());
 }
 
 }  // namespace
