@@ -235,6 +235,7 @@ void KyTransactionRecord::RefuseListing(const Transaction& listing) {
     if (listing.number != m_current.number) return;
     m_listingReserved = false;
     m_current = std::move(m_before);
+    m_current.watched = false;  // its monitor may have left meanwhile
     m_members.m_status.SetReqType(Status::TFER_REQ_NONE);
     m_requestType = Status::TFER_REQ_NONE;
 }
