@@ -57,7 +57,7 @@ void EngineTest::Start(size_t size) {
 
 Status EngineTest::Request(const std::string& name, int size) {
     const int watching = log->Count(5, ") Diff(180)");
-    const Status accepted = engine->GetFileFromDevRequest(name, size);
+    Status accepted = engine->GetFileFromDevRequest(name, size);
     EXPECT_TRUE(WaitUntil([&] { return log->Count(5, ") Diff(180)") > watching; }));
     return accepted;
 }
