@@ -170,9 +170,9 @@ begin trend.csv get trend.csv
 ended "cancelled by somebody else" 1 '^tferctl: Somebody else has cancelled the transfer\.$'
 
 # While the client is stopped its transfer ends, and another caller's begins and ends. That one cannot take its turn,
-# as if it were no tferctl. Both files have the same size.
+# as if it were no tferctl. Both files have the same size, and take some seconds.
 head -c 200000 /dev/urandom >"$DEVICE/other.csv"
-start_service --line-rate 200000
+start_service --line-rate 1000
 begin trend.csv get trend.csv -o "$WORK/mine"
 kill -STOP "$CLIENT"
 "$TFERCTL" cancel >/dev/null || fail "cancel ended with $?"
