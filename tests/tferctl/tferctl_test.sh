@@ -169,21 +169,6 @@ begin trend.csv get trend.csv
 "$TFERCTL" cancel >/dev/null || fail "cancel ended with $?"
 ended "cancelled by somebody else" 1 '^tferctl: Somebody else has cancelled the transfer\.$'
 
-# While the client is stopped its transfer ends, and another caller's begins and ends. That one cannot take its turn,
-# as if it were no tferctl. Both files have the same size, and take some seconds.
-head -c 200000 /dev/urandom >"$DEVICE/other.csv"
-start_service --line-rate 1000
-begin trend.csv get trend.csv -o "$WORK/mine"
-kill -STOP "$CLIENT"
-"$TFERCTL" cancel >/dev/null || fail "cancel ended with $?"
-chmod u-r "$STAGING"
-expect "get by another caller" 0 "" "$TFERCTL" get other.csv -o "$WORK/theirs"
-chmod u+r "$STAGING"
-cmp "$DEVICE/other.csv" "$WORK/theirs" || fail "get by another caller: another file"
-kill -CONT "$CLIENT"
-ended "another caller's fetch" 1 '^tferctl: Another transfer began before '
-[ ! -e "$WORK/mine" ] || fail "another caller's file was taken for one's own"
-
 stop_service
 rm -rf "$WORK"
 [ "$FAILED" -eq 0 ] && echo "all is well"
