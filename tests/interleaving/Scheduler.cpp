@@ -227,7 +227,11 @@ void Scheduler::Enter() {
         __sanitizer_finish_switch_fiber(nullptr, first ? &run.m_mainStack : nullptr,
                                         first ? &run.m_mainStackSize : nullptr);
     }
-    run.m_current->body();
+    try {
+        run.m_current->body();
+    } catch (const std::exception& exception) {
+        run.Fail(std::string("an exception leaves a thread: ") + exception.what());
+    }
     run.m_current->body = nullptr;
     if (!run.m_current->joined) run.m_listener.ThreadEnds(*run.m_current);
     run.Trace("ends", "");

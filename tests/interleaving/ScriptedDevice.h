@@ -45,6 +45,7 @@ public:
     }
 
     int GetMaiString(std::string& value, u16, u16, u16 mmIdx, u16, u16, short, u32) override {
+        const Outside outside;
         value = mmIdx == kModule ? tal_netutils::KyNetUtils::GetMAC() : "another";
         return 0;
     }
@@ -54,6 +55,7 @@ public:
     int GetPointReportId(u32& reportId, u16, u16) override { return Give(reportId, 9); }
 
     int SetMaiString(const char* value, u16, u16 point, u16 mmIdx, u16, u16, short, u32, u32) override {
+        const Outside outside;
         const std::string text = value;
         Call("writes " + std::to_string(point) + "=" + text, mmIdx);
         m_world.Told(point, text);
@@ -63,6 +65,7 @@ public:
     }
 
     int SetMaiUint32(u32 value, u16, u16 point, u16 mmIdx, u16, u16, short, u32) override {
+        const Outside outside;
         Call("writes " + std::to_string(point) + "=" + std::to_string(value), mmIdx);
         if (point != kSizePoint) return 0;
         m_world.Told(point, std::to_string(value));
@@ -74,6 +77,7 @@ public:
     }
 
     void AbortTransfer(u16) override {
+        const Outside outside;
         Call("aborts", kModule);
         m_run.Wake(this);
     }
@@ -98,7 +102,8 @@ private:
     void Call(const std::string& what, u16 mmIdx) {
         const bool service = m_world.Me().kind == World::Role::SERVICE;
         m_world.Require(!m_world.stopped || service, "a stopped engine leaves the proxy alone");
-        m_world.Require(mmIdx == kModule || m_world.stopping, "the module is known when it is addressed");
+        m_world.Require(mmIdx == kModule || m_world.stopping || m_world.shortOfMemory,
+                        "the module is known when it is addressed");
         m_run.Point("device", Scheduler::WORK, what);
         if (m_run.Random(8) == 0) m_run.Sleep(10 * kMillisecond);
     }
@@ -116,7 +121,7 @@ private:
         CheckMeant(change);
         const std::u16string units(change.text.begin(), change.text.end());
         const void* const value = text ? static_cast<const void*>(units.data()) : &change.number;
-        m_world.engine.DataChange({change.point, kModule, u16(units.size()), value});
+        Inside(), m_world.engine.DataChange({change.point, kModule, u16(units.size()), value});
         CheckMeant(change);
     }
 
@@ -160,6 +165,7 @@ private:
 
     void Name(Time delay, const Transfer& transfer, const std::string& name, const Action& action) {
         m_world.named[name] = {&action, transfer.request, transfer.size};
+        if (m_world.shortOfMemory) m_world.Add(action, transfer.request, name, transfer.size);
         Announce(delay, transfer, name);
     }
 
@@ -178,6 +184,7 @@ private:
     }
 
     bool DoGetDevFile(u16, const std::string&, const std::string& fileName) override {
+        const Outside outside;
         Call("gets " + fileName, kModule);
         m_world.Asked(fileName);
         const Transfer& transfer = *m_world.Me().transfer;
@@ -201,6 +208,7 @@ private:
 
     bool DoPutDevFile(u16, const std::string& directory, const std::string& fileName,
                       const std::string& xferFileName) override {
+        const Outside outside;
         Call("puts " + directory + fileName + " " + xferFileName, kModule);
         m_world.Pushed(directory, fileName, xferFileName);
         return Continues(*m_world.Me().transfer);

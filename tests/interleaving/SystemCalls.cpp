@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "interleaving/World.h"
 #include "platform/KyDlog.h"
@@ -16,10 +18,10 @@
 #include "platform/tal_fileutils.h"
 
 /// REPLACES(function, parameters, arguments, its result within a run)
-#define REPLACES(function, parameters, arguments, result)                                \
-    extern "C" int __real_##function parameters;                                         \
-    extern "C" int __wrap_##function parameters {                                        \
-        return Scheduler::Running() == nullptr ? __real_##function arguments : (result); \
+#define REPLACES(function, parameters, arguments, result)                                             \
+    extern "C" int __real_##function parameters;                                                      \
+    extern "C" int __wrap_##function parameters {                                                     \
+        return Scheduler::Running() == nullptr ? __real_##function arguments : (Outside(), (result)); \
     }
 
 namespace {
@@ -32,7 +34,7 @@ Scheduler& Run() {
 
 int Start(pthread_t* thread, void* (*start)(void*), void* argument) {
     Run().Point("create");
-    Fiber* const fiber = Run().StartThread([=] { start(argument); });
+    Fiber* const fiber = Run().StartThread([=] { Inside(), start(argument); });
     *thread = reinterpret_cast<pthread_t>(fiber);
     Run().Point("created");
     return fiber == nullptr ? EAGAIN : 0;
@@ -94,6 +96,7 @@ REPLACES(prctl, (int option, const char* name), (option, name),
          (Run().Current().name += std::string(" ") + name, 0))
 
 extern "C" void __dlog_printfex(int, const char*, const char*, const char* format, ...) {
+    const Outside outside;
     char text[256];
     va_list arguments;
     va_start(arguments, format);
@@ -103,9 +106,24 @@ extern "C" void __dlog_printfex(int, const char*, const char*, const char* forma
 }
 
 std::string tal_netutils::KyNetUtils::GetMAC() {
+    const Outside outside;
     return "02:00:00:00:00:03";
 }
 
 bool tal_fileutils::MakeDirPath(const std::string&, unsigned int, bool) {
     return true;
+}
+
+// The forms for arrays use these. Inlined, g++ takes malloc() and delete for a pair that does not match.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    const bool fails = g_inEngine && World::Current().AllocationFails();
+    void* const block = fails ? nullptr : std::malloc(size);
+    if (block == nullptr) throw std::bad_alloc();
+    return block;
+}
+[[gnu::noinline]] void operator delete(void* block) noexcept {
+    std::free(block);
+}
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept {
+    std::free(block);
 }

@@ -52,6 +52,12 @@ void World::Require(bool holds, const std::string& what) {
     if (!holds) scheduler.Fail(what);
 }
 
+bool World::AllocationFails() {
+    if (memoryBack || scheduler.Random(shortage) != 0) return false;
+    scheduler.Trace("no memory", "");
+    return true;
+}
+
 template <typename Predicate>
 bool World::Any(Predicate predicate) const {
     return std::any_of(m_transfers.begin(), m_transfers.end(), predicate);
@@ -82,6 +88,7 @@ bool World::Busy() const {
 // The record.
 
 void World::Unlocked() {
+    if (shortOfMemory) return;
     const Record row = engine.GetStatus("");
     if (Shown(row) != Shown(m_row)) Changed(row);
     // A listing takes its place before its row is written.
@@ -227,8 +234,12 @@ void World::Told(unsigned short point, const std::string& value) {
 }
 
 void World::Asked(const std::string& name) {
-    Require(Me().kind == Role::WORKER && name == Me().transfer->name, "a worker asks for its own file");
-    Me().story += "get ";
+    Role& me = Me();
+    // The worker may have been taken for a monitor that could not start.
+    if (shortOfMemory) me.kind = Role::WORKER;
+    if (shortOfMemory && Last(name) != nullptr) me.transfer = Last(name);
+    Require(me.kind == Role::WORKER && name == me.transfer->name, "a worker asks for its own file");
+    me.story += "get ";
 }
 
 void World::Pushed(const std::string& directory, const std::string& name, const std::string& xferName) {
@@ -300,6 +311,7 @@ bool World::ThreadStarts(Fiber& creator, Fiber& thread) {
 
 void World::ThreadEnds(Fiber& thread) {
     const Role& role = m_roles[&thread];
+    if (shortOfMemory) return;
     if (role.kind == Role::WORKER) CheckStory(role);
     if (role.kind == Role::PUSH_WORKER) Require(role.transfer->pushed == 1, "a push asks the device once");
     Require(role.kind != Role::MONITOR || !Any([&](const Transfer& transfer) {
@@ -340,6 +352,10 @@ void World::CheckStopped() {
 }
 
 void World::CheckEnd() {
+    const auto status = engine.GetStatus("").GetStatus();
+    Require(status != Record::TFER_STATUS_INPROGRESS && (stopping || status != Record::TFER_STATUS_NONE),
+            "the last transaction has ended");
+    if (shortOfMemory) return;
     Require(!Busy(), "nothing is in progress in the end");
     for (const Transfer& transfer : m_transfers)
         if (transfer.began != 0) CheckTransfer(transfer);

@@ -51,6 +51,16 @@ struct Transfer {
     int pushed = 0;     ///< calls of the proxy
 };
 
+/// Marks the engine's own code, for the length of an expression or a block. Memory runs out in that code only.
+inline bool g_inEngine = false;
+template <bool kInEngine>
+struct Mark {
+    ~Mark() { g_inEngine = before; }
+    const bool before = std::exchange(g_inEngine, kInEngine);
+};
+using Inside = Mark<true>;
+using Outside = Mark<false>;
+
 /// What surrounds one engine in one run: the files of the card, and the rules that every run must keep. It looks at
 /// the record whenever the engine has released its mutex, so that it knows which fiber has written which row.
 class World : public Scheduler::Listener {
@@ -82,13 +92,18 @@ public:
 
     Scheduler scheduler;
     KyTferClient engine;
-    std::map<std::string, unsigned> files;  ///< sizes by path
+    /// Allocations of the engine fail at random. Then only the rules hold that do not depend on rows.
+    const bool shortOfMemory = scheduler.Random(8) == 0;
+    const unsigned shortage = unsigned(scheduler.Pick({5, 25, 125}));  ///< one allocation of so many fails
+    bool memoryBack = !shortOfMemory;                                  ///< for the last fetch
+    std::map<std::string, unsigned> files;                             ///< sizes by path
     std::map<std::string, Named> named;
     Transfer* current = nullptr;  ///< the fetch or listing, or the file that was named for it
     int rows = 0;                 ///< changes of the record
     bool stopping = false;        ///< Stop has been called
     bool stopped = false;         ///< and has returned
 
+    bool AllocationFails();
     Role& Me() { return m_roles[&scheduler.Current()]; }
     void Require(bool holds, const std::string& what);
     Transfer& Add(const Action& action, int request, const std::string& name, unsigned size);
