@@ -1,15 +1,12 @@
 #include <gtest/gtest.h>
-#include <jansson.h>
 
 #include <climits>
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <numeric>
 #include <tuple>
 #include <vector>
 
-#include "directory/KyTferDirectory.h"
 #include "messages/KyTferMsgFactory.h"
 #include "messages/KyTferPutDevFile.h"
 #include "messages/KyTferRespMsg.h"
@@ -141,40 +138,6 @@ TEST(StatusMessage, Document) {
     }
   ]
 })");
-}
-
-// JSON's allocations so far, and the first of two in a row that fail.
-int s_allocations = 0, s_failing = INT_MAX;
-
-void* Allocate(size_t size) {
-    const int past = s_allocations++ - s_failing;
-    return past == 0 || past == 1 ? nullptr : std::malloc(size);
-}
-
-TEST(Json, IsWholeOrEmptyWhenMemoryRunsOut) {
-    Status status(512);
-    FillStatus(status);
-    KyTferDirectory listing;
-    listing.AddEntry("path", "orig", "xfer", "type", 1, 1);
-    const std::function<std::string()> documents[] = {
-        [&] { return status.GetJsonStatus(); },
-        [&] { return listing.GetEntryList(0, 1).at(0).GetEntryAsJSONString(); },
-        [&] { return listing.GetEntryListAsJSONString("context", 0, 1, "", Status::TFER_STATUS_COMPLETE); },
-    };
-    json_set_alloc_funcs(Allocate, std::free);
-    for (const auto& make : documents) {
-        s_failing = INT_MAX;
-        const std::string whole = make();
-        s_failing = -1;
-        do {
-            ++s_failing;
-            s_allocations = 0;
-            const std::string text = make();
-            EXPECT_TRUE(text.empty() || (text == whole && s_failing > 0)) << s_failing << text;
-        } while (s_allocations > s_failing);
-        EXPECT_GT(s_failing, 10);
-    }
-    json_set_alloc_funcs(std::malloc, std::free);
 }
 
 TEST(StatusMessage, ForeignWriterMayPutAnyNumber) {
