@@ -101,7 +101,9 @@ KyTferStatusMsg RecordCheck::Check() {
     const bool retrieved =
         record.GetStatus() == Status::TFER_STATUS_COMPLETE && BeginsWith(record.GetStatusMsg(), kRetrieved);
     if (m_requesting) return record;
-    Require(retrieved || !m_completed || m_pushed, "a completed fetch stays complete: " + shown);
+    // A device may name another file for a listing that has ended.
+    const bool listing = record.GetReqType() == Status::TFER_REQ_DIRECTORY;
+    Require(retrieved || !m_completed || m_pushed || listing, "a completed fetch stays complete: " + shown);
     m_completed = retrieved;
     if (retrieved && !m_sizeChanged && record.GetReqType() == Status::TFER_REQ_GET_FILE) {
         Require(record.GetBytesTransfered() == record.GetBytesRequested(),

@@ -46,13 +46,15 @@ private:
         m_device.FailPoints(failing, m_input.Byte() % 2 == 1);
         m_device.SetValue(m_input.Byte() % 4);
         int sleeps = 0;
+        std::thread stop;
         SteppedTime::OnSleep([&] {
-            if (++sleeps != 100) return;
-            m_engine.Stop();  // the device does not know the card: this would go on for ever
-            m_stopped = true;
+            // The device does not know the card: this would go on for ever.
+            if (++sleeps == 100) stop = std::thread([this] { m_engine.Stop(); });
         });
         m_engine.Init(3, &m_device);
         SteppedTime::OnSleep(nullptr);
+        m_stopped = stop.joinable();
+        if (m_stopped) stop.join();
         m_device.FailPoints(0, false);
         if (m_stopped) Stop();
     }
