@@ -113,7 +113,7 @@ Transfer& World::Writer(const Record& row) {
     const bool push = row.GetFilePath() == kStaging;
     const bool inProgress = row.GetStatus() == Record::TFER_STATUS_INPROGRESS;
     bool names = me.kind == Role::DEVICE && inProgress;
-    // Whoever comes next ends what no monitor watches, perhaps before its row was seen.
+    // The next request or status ends what no monitor watches, perhaps before its row was seen.
     if (!push && row.GetStatus() == Record::TFER_STATUS_FAIL && current != nullptr &&
         (!current->watched || current->reopened) && scheduler.Now() > current->began + current->limit)
         return row.GetXferFileName() == current->name ? *current : NameFile(row.GetXferFileName());
