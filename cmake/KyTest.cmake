@@ -2,9 +2,7 @@
 #
 # Adds the test program NAME and its test. The program links Google Test, the test support with its main(), and
 # the listed libraries; it runs in a sandbox of its own, so that tests can run side by side without root.
-#
-# Tests of another processor run in an emulator, and KYTFER_SANDBOX_RUN names a sandbox-run of this machine.
-set(KYTFER_SANDBOX_RUN "" CACHE FILEPATH "The sandbox-run to start the tests with; the one that is built if empty")
+set(KY_SANDBOX ${PROJECT_SOURCE_DIR}/tests/sandbox.sh)
 function(ky_add_test NAME)
     cmake_parse_arguments(PARSE_ARGV 1 KY "" "TIMEOUT" "SOURCES;LIBS")
     if(KY_UNPARSED_ARGUMENTS OR NOT KY_SOURCES)
@@ -15,12 +13,7 @@ function(ky_add_test NAME)
     endif()
     add_executable(${NAME} ${KY_SOURCES})
     target_link_libraries(${NAME} PRIVATE kytfer_build_flags kytest_support ${KY_LIBS} GTest::gtest)
-    if(KYTFER_SANDBOX_RUN)
-        set(sandbox_run ${KYTFER_SANDBOX_RUN})
-    else()
-        set(sandbox_run $<TARGET_FILE:sandbox-run>)
-    endif()
-    add_test(NAME ${NAME} COMMAND ${sandbox_run} -- ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${NAME}>)
+    add_test(NAME ${NAME} COMMAND ${KY_SANDBOX} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${NAME}>)
     set(environment
         "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1"
         "ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1"

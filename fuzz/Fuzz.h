@@ -63,7 +63,7 @@ inline void SilenceLog(int maxLevel = INT_MAX) {
 /// Ends a fuzzer that would write into the machine's own directories.
 inline void RequireSandbox() {
     if (std::getenv("KY_SANDBOX") != nullptr) return;
-    std::fputs("This fuzzer runs in sandbox-run only; see fuzz/run.sh.\n", stderr);
+    std::fputs("This fuzzer needs a sandbox: tests/sandbox.sh\n", stderr);
     std::exit(1);
 }
 

@@ -4,7 +4,7 @@
 # Runs every fuzzer of the build over its seeds in corpus/, as many at a time as there are processors, for so many
 # seconds each (otherwise 60), and prints one line for each. What a run finds out about the code it keeps in
 # BUILD_DIR/fuzz/found/, where the next one goes on. The exit status is 1 if any has found a fault: its input is
-# then in BUILD_DIR/fuzz/faults/, and `sandbox-run -- TARGET FILE` shows it again.
+# then in BUILD_DIR/fuzz/faults/, and `tests/sandbox.sh TARGET FILE` shows it again.
 set -euo pipefail
 
 usage() {
@@ -19,6 +19,7 @@ if [ $# -eq 2 ]; then
 fi
 if [ $# -ne 1 ] || ! [[ $SECONDS_EACH =~ ^[1-9][0-9]*$ ]]; then usage; fi
 SEEDS=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/corpus
+SANDBOX=$SEEDS/../../tests/sandbox.sh
 BUILD=$(readlink -e "$1") || usage
 
 # Stacks that live on after their functions cost each thread more than all it does here; freed memory that is
@@ -45,7 +46,7 @@ stat() {
 fuzz() {
     local target=$1 log=$BUILD/fuzz/$1.log found=$BUILD/fuzz/found/$1 faults=$BUILD/fuzz/faults/$1 status=0
     mkdir -p "$found" "$faults"
-    "$BUILD/sandbox/sandbox-run" -- "$BUILD/fuzz/$target" \
+    "$SANDBOX" "$BUILD/fuzz/$target" \
         -max_total_time="$SECONDS_EACH" -timeout=10 -rss_limit_mb=512 -malloc_limit_mb=64 \
         -max_len="$(longest "$target")" -artifact_prefix="$faults/" -print_final_stats=1 -print_funcs=0 \
         "$found" "$SEEDS/$target" >"$log" 2>&1 || status=$?

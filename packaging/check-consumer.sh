@@ -1,10 +1,9 @@
 #!/usr/bin/env bash
-# usage: packaging/check-consumer.sh PREFIX_OR_DEB_DIR SANDBOX_RUN
+# usage: packaging/check-consumer.sh PREFIX_OR_DEB_DIR
 #
 # Builds examples/consumer outside of the tree against the installed library - below PREFIX, or in the packages of
-# DEB_DIR, which are only unpacked - in four ways: pkg-config and CMake, each shared and static. Runs each with
-# SANDBOX_RUN, the build's sandbox-run, and checks what it says and which libraries it loads. Compiles each
-# installed header alone, too. Takes about fifteen seconds, eight of them the engine's.
+# DEB_DIR, which are only unpacked - in four ways: pkg-config and CMake, each shared and static. Runs each in
+# a sandbox, and checks what it says and which libraries it loads. Compiles each installed header alone, too. Takes about fifteen seconds, eight of them the engine's.
 set -euo pipefail
 
 SOURCE=$(dirname "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")")
@@ -55,7 +54,7 @@ build_and_run() {
         return 1
     fi
     [ "$2" = static ] || export LD_LIBRARY_PATH=$LIBDIR
-    KY_LOG_LEVEL=3 "$SANDBOX" -- "$program" >output 2>errors || status=$?
+    KY_LOG_LEVEL=3 "$SOURCE/tests/sandbox.sh" "$program" >output 2>errors || status=$?
     if [ "$status" -ne 0 ] || ! grep -qxF "$EXPECTED" output || ! grep -q '"TFER_STATUS_COMPLETE"' output ||
         [ -s errors ]; then
         echo "ended with status $status and said:"
@@ -75,9 +74,8 @@ check_headers() {
     [ "$count" -ge 20 ] || { echo "only $count headers are installed"; return 1; }
 }
 
-[ $# -eq 2 ] || { echo "usage: packaging/check-consumer.sh PREFIX_OR_DEB_DIR SANDBOX_RUN" >&2; exit 2; }
+[ $# -eq 1 ] || { echo "usage: packaging/check-consumer.sh PREFIX_OR_DEB_DIR" >&2; exit 2; }
 PREFIX=$(readlink -f "$1")
-SANDBOX=$(readlink -f "$2")
 WORK=$(mktemp -d /tmp/kytfer-consumer.XXXXXX)  # neither in the tree nor in /var/tmp, which the sandbox hides
 trap 'rm -rf "$WORK"' EXIT
 if compgen -G "$PREFIX/*.deb" >/dev/null; then unpack "$PREFIX"; fi

@@ -21,8 +21,8 @@ class Restorer : public testing::EmptyTestEventListener {
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     if (std::getenv("KY_SANDBOX") == nullptr && !testing::GTEST_FLAG(list_tests)) {
-        std::cerr << "The tests write to /var/local and /var/tmp and run in a sandbox only:\n"
-                  << "  build/debug/sandbox/sandbox-run -- " << argv[0] << '\n';
+        std::cerr << "The tests write to /var/local and /var/tmp and therefore need a sandbox:\n"
+                  << "  tests/sandbox.sh " << argv[0] << '\n';
         return 1;
     }
     testing::UnitTest::GetInstance()->listeners().Append(new Restorer);
