@@ -1,5 +1,0 @@
-#include "Sandbox.h"
-
-int main(int argc, char** argv) {
-    return sandbox::Main(argc, argv);
-}
