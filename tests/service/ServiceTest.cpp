@@ -51,7 +51,6 @@ protected:
     ServiceTest() {
         fs::create_directories(m_files);
         fs::create_directories(kCallers);
-        if (m_launcher) fs::create_directory("/var/tmp/dmp");
         setenv("KY_IPC_DIR", m_fifos.c_str(), 1);
     }
 
@@ -67,9 +66,8 @@ protected:
 
     /// Runs a service, as the argument of another command if there is one.
     std::unique_ptr<Process> Run(const std::string& options, const std::string& log, const std::string& by) {
-        return std::make_unique<Process>(by + (m_launcher ? m_launcher : "") +
-                                         " " TFERSVC_PROGRAM " --device-id 3 --simulate " + m_files + " " +
-                                         options + " >" + log + " 2>&1");
+        return std::make_unique<Process>(by + " " TFERSVC_PROGRAM " --device-id 3 --simulate " + m_files +
+                                         " " + options + " >" + log + " 2>&1");
     }
 
     /// Ends the service. After a signal that it can take, nothing but its lock file is left beside the FIFOs.
@@ -172,11 +170,9 @@ protected:
         return WaitUntil([&] { return Logged(text) > 0; }, kDeadline);
     }
 
-    // A launcher puts the service under the restrictions of its unit, in the unit's directories.
-    const char* const m_launcher = getenv("TFERSVC_LAUNCHER");
     const TempDir m_temp;
-    const std::string m_files = m_launcher ? "/var/lib/tfersvc/device/" : m_temp / "device/";
-    const std::string m_fifos = m_launcher ? "/run/ky-ipc/" : m_temp / "ipc/";
+    const std::string m_files = m_temp / "device/";
+    const std::string m_fifos = m_temp / "ipc/";
     const std::string m_log = m_temp / "log";
     const LogCapture m_clientLog{KY_DLOG_ERROR};
     TferSvcMsgClient m_client;
