@@ -15,18 +15,20 @@
 #include "platform/KyIpcMsgBuffer.h"
 #include "platform/tal_fileutils.h"
 
+using ky_service::kAccepted;
+using ky_service::kCancelled;
+using ky_service::kControlFifo;
+using ky_service::kRefused;
+
 namespace {
 
 constexpr char kSource[] = "TferService";
-constexpr char kControlFifo[] = "tfersvc-CtrlFifo";
-constexpr unsigned int kControlFifoMode = 0660;
 constexpr char kLockFile[] = "/tfersvc.lock";
 constexpr char kFlagDirectory[] = "/var/tmp/dmp";
 constexpr char kStarting[] = "The transfer service is still looking for its place in the device";
 constexpr char kBadName[] = "The name of the file is not acceptable";
 constexpr char kEnding[] = "The transfer service is ending";
 constexpr char kTooMany[] = "Too many requests are waiting";
-constexpr char kCancelled[] = "File transfer cancelled";
 constexpr char kNothing[] = "No transfer is in progress";
 constexpr char kNotThat[] = "That transfer is not in progress";
 constexpr char kNotAlone[] = "Two transfers are in progress; only a cancel without identifier ends them";
@@ -120,7 +122,7 @@ bool TferService::OpenControlFifo() {
                         strerror(error));
         return false;
     }
-    status = m_control.OpenReadFifo(kControlFifo, kControlFifoMode);
+    status = m_control.OpenReadFifo(kControlFifo, ky_service::kControlFifoMode);
     if (status != KyIpcFifoSession::IPC_OK) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "Start", "cannot open %s/%s, status %d", directory.c_str(),
                         kControlFifo, status);

@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "engine/KyTferClient.h"
-#include "messages/KyTferRespMsg.h"
+#include "messages/KyServiceContract.h"
 #include "platform/KyIpcFifoSession.h"
 #include "service/DeviceLink.h"
 #include "service/RequestQueue.h"
@@ -41,9 +41,6 @@ class KyIpcMsgBuffer;
 /// answer.
 class TferService {
 public:
-    static constexpr auto kAccepted = static_cast<KyTferRespMsg::TferMsgResult>(1);
-    static constexpr auto kRefused = static_cast<KyTferRespMsg::TferMsgResult>(2);
-
     static constexpr unsigned int kDefaultPollPauseMs = 20;
 
     /// @param link         the way to the device; lives longer than the service

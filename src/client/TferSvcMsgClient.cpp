@@ -5,6 +5,7 @@
 #include <exception>
 #include <new>
 
+#include "messages/KyServiceContract.h"
 #include "messages/KyTferGetDevDirMsg.h"
 #include "messages/KyTferGetDevFile.h"
 #include "messages/KyTferMsgFactory.h"
@@ -15,15 +16,14 @@
 #include "platform/KyIpcFifoSession.h"
 #include "platform/KyIpcMsgBuffer.h"
 
+using ky_service::kControlFifo;
+
 namespace {
 
-constexpr char SOURCE[] = "TferSvcMsgClient";
-constexpr char CONTROL_FIFO[] = "tfersvc-CtrlFifo";
-constexpr unsigned int REPLY_FIFO_MODE = 0777;  // the service may run as any user
-constexpr int REPLY_BOUND = 60000;              // ms
+constexpr char kSource[] = "TferSvcMsgClient";
 
 void Trace(const char* checkPoint) {
-    __dlog_printfex(KY_DLOG_TRACE, SOURCE, "DoRequest", "%s", checkPoint);
+    __dlog_printfex(KY_DLOG_TRACE, kSource, "DoRequest", "%s", checkPoint);
 }
 
 /// Returns what `make` returns, or null, with an error in the log, if it throws.
@@ -32,9 +32,9 @@ auto OrNull(const char* function, Make make) -> decltype(make()) {
     try {
         return make();
     } catch (const std::exception& failure) {
-        __dlog_printfex(KY_DLOG_ERROR, SOURCE, function, "Request given up: %s", failure.what());
+        __dlog_printfex(KY_DLOG_ERROR, kSource, function, "Request given up: %s", failure.what());
     } catch (...) {
-        __dlog_printfex(KY_DLOG_ERROR, SOURCE, function, "Request given up: unknown exception");
+        __dlog_printfex(KY_DLOG_ERROR, kSource, function, "Request given up: unknown exception");
     }
     return nullptr;
 }
@@ -55,8 +55,7 @@ TferSvcMsgClient* TferSvcMsgClient::GetInstance() {
     });
 }
 
-TferSvcMsgClient::TferSvcMsgClient()
-    : m_clientName("TferSvcClnt-" + std::to_string(static_cast<unsigned int>(getpid()))) {}
+TferSvcMsgClient::TferSvcMsgClient() : m_clientName(ky_service::CallerSession(getpid())) {}
 
 TferSvcMsgClient::~TferSvcMsgClient() {
     EndSession();
@@ -75,36 +74,36 @@ KyTferMsg* TferSvcMsgClient::DoRequest(KyTferMsg* request) {
 KyTferMsg* TferSvcMsgClient::RoundTrip(KyTferMsg& request) {
     m_session =
         std::make_unique<KyIpcFifoSession>(m_clientName.c_str(), KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
-    const std::string replyFifo = m_clientName + "-ClntRxFifo";
+    const std::string replyFifo = ky_service::ReplyFifo(m_clientName);
     if (!OpenFifos(replyFifo) || !Send(request, replyFifo)) return nullptr;
     return Receive(replyFifo);
 }
 
 /// The reply FIFO comes first: the service may answer as soon as it has the request.
 bool TferSvcMsgClient::OpenFifos(const std::string& replyFifo) {
-    __dlog_printfex(KY_DLOG_TRACE, SOURCE, "DoRequest", "Open read FIFO(%s) for Client(%s)",
+    __dlog_printfex(KY_DLOG_TRACE, kSource, "DoRequest", "Open read FIFO(%s) for Client(%s)",
                     replyFifo.c_str(), m_clientName.c_str());
-    int status = m_session->OpenReadFifo(replyFifo.c_str(), REPLY_FIFO_MODE);
+    int status = m_session->OpenReadFifo(replyFifo.c_str(), ky_service::kReplyFifoMode);
     if (status != 0) {
-        __dlog_printfex(KY_DLOG_ERROR, SOURCE, "DoRequest",
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "DoRequest",
                         "Failed to open read FIFO: %s, for session: %s, session status: %d",
                         replyFifo.c_str(), m_clientName.c_str(), status);
         return false;
     }
-    __dlog_printfex(KY_DLOG_TRACE, SOURCE, "DoRequest",
+    __dlog_printfex(KY_DLOG_TRACE, kSource, "DoRequest",
                     "CP#1.1 Opened read FIFO: %s, for session: %s, session status: %d", replyFifo.c_str(),
                     m_clientName.c_str(), status);
-    status = m_session->OpenCtrlFifo(CONTROL_FIFO);
+    status = m_session->OpenCtrlFifo(kControlFifo);
     if (status != 0) {
-        __dlog_printfex(KY_DLOG_ERROR, SOURCE, "DoRequest",
-                        "Failed to open control FIFO: %s, for session: %s, session status: %d", CONTROL_FIFO,
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "DoRequest",
+                        "Failed to open control FIFO: %s, for session: %s, session status: %d", kControlFifo,
                         m_clientName.c_str(), status);
     }
     return status == 0;
 }
 
 bool TferSvcMsgClient::Send(KyTferMsg& request, const std::string& replyFifo) {
-    __dlog_printfex(KY_DLOG_TRACE, SOURCE, "DoRequest", "Send msg to server with return fifo(%s)",
+    __dlog_printfex(KY_DLOG_TRACE, kSource, "DoRequest", "Send msg to server with return fifo(%s)",
                     replyFifo.c_str());
     KyIpcMsgBuffer buffer(1024);
     request.SetRespFifo(replyFifo);
@@ -113,27 +112,27 @@ bool TferSvcMsgClient::Send(KyTferMsg& request, const std::string& replyFifo) {
     const int status =
         m_session->WriteCtrl(reinterpret_cast<const char*>(buffer.GetBuf()), buffer.GetLength());
     if (status != 0) {
-        __dlog_printfex(KY_DLOG_ERROR, SOURCE, "DoRequest",
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "DoRequest",
                         "Failed to write to control FIFO: %s, for session: %s, session status: %d",
-                        CONTROL_FIFO, m_clientName.c_str(), status);
+                        kControlFifo, m_clientName.c_str(), status);
     }
     return status == 0;
 }
 
 KyTferMsg* TferSvcMsgClient::Receive(const std::string& replyFifo) {
     KyIpcMsgBuffer buffer(200);
-    __dlog_printfex(KY_DLOG_TRACE, SOURCE, "DoRequest", "Read the read FIFO(%s) waiting for a response",
+    __dlog_printfex(KY_DLOG_TRACE, kSource, "DoRequest", "Read the read FIFO(%s) waiting for a response",
                     replyFifo.c_str());
-    const int status = m_session->Read(&buffer, REPLY_BOUND);
+    const int status = m_session->Read(&buffer, ky_service::kReplyTimeoutMs);
     if (status == KyIpcFifoSession::IPC_TIMEOUT) {
         // The text tells another bound than the one in force; those who search logs know it as it is.
-        __dlog_printfex(KY_DLOG_ERROR, SOURCE, "DoRequest",
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "DoRequest",
                         "Timeout from server for session: %s, exceeded 30 seconds bytes in buf(%d)",
                         m_clientName.c_str(), buffer.GetLength());
         return nullptr;
     }
     if (status != 0) {
-        __dlog_printfex(KY_DLOG_ERROR, SOURCE, "DoRequest",
+        __dlog_printfex(KY_DLOG_ERROR, kSource, "DoRequest",
                         "No response from server for session: %s, session status: %d", m_clientName.c_str(),
                         status);
         return nullptr;
@@ -162,12 +161,12 @@ void TferSvcMsgClient::CancelTransaction(const std::string& transId) {
 }
 
 KyTferRespMsg* TferSvcMsgClient::GetDevDirectory() {
-    __dlog_printfex(KY_DLOG_NOTICE, SOURCE, "GetDevDirectory", "Enter - requesting directory");
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, "GetDevDirectory", "Enter - requesting directory");
     return OrNull("GetDevDirectory", [&] { return Narrow(DoRequest(new KyTferGetDevDirMsg(512))); });
 }
 
 KyTferRespMsg* TferSvcMsgClient::PutDevFile(const std::string& srcPath) {
-    __dlog_printfex(KY_DLOG_NOTICE, SOURCE, "PutDevFile", "Enter - requesting file(%s)", srcPath.c_str());
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, "PutDevFile", "Enter - requesting file(%s)", srcPath.c_str());
     return OrNull("PutDevFile", [&] {
         auto request = std::make_unique<KyTferPutDevFile>(1024);
         request->SetSrcPath(srcPath);
@@ -177,7 +176,7 @@ KyTferRespMsg* TferSvcMsgClient::PutDevFile(const std::string& srcPath) {
 
 KyTferRespMsg* TferSvcMsgClient::GetDevFile(const std::string& xferFileName, const std::string& /*unused*/,
                                             unsigned int fileSize) {
-    __dlog_printfex(KY_DLOG_NOTICE, SOURCE, "GetDevFile", "Enter - requesting file(%s)",
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, "GetDevFile", "Enter - requesting file(%s)",
                     xferFileName.c_str());
     return OrNull("GetDevFile", [&] {
         auto request = std::make_unique<KyTferGetDevFile>(1024);

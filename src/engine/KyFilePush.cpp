@@ -19,7 +19,7 @@ constexpr unsigned int kPauseBeforeNameSeconds = 1;
 }  // namespace
 
 void KyFilePush::Request(const std::string& directory, const std::string& fileName, KyTferStatusMsg& result) {
-    const std::string stagedPath = std::string(kPldServerDir) + "/" + fileName;
+    const std::string stagedPath = std::string(kStagingDirectory) + "/" + fileName;
     if (!Stage(directory + "/" + fileName, stagedPath, result)) return;
     Transaction job;
     try {
@@ -80,7 +80,7 @@ Transaction KyFilePush::Announce(const std::string& fileName, const std::string&
     push.kind = Transaction::PUSH;
     push.originalName = fileName;
     push.expectedSize = size;
-    push.Place(NextTransferName(), std::string(kPldServerDir) + "/");
+    push.Place(NextTransferName(), std::string(kStagingDirectory) + "/");
     const int nameStatus = m_points.Send(push.name, PNT_XFER_FILE_NAME);
 
     const bool announced = sizeStatus == 0 && nameStatus == 0;

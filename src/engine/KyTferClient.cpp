@@ -121,8 +121,8 @@ int KyTferClient::Init(unsigned short deviceId, KyPldProxy* proxy) {
 
 void Engine::MakeDirectories() const {
     const std::string id = std::to_string(members.m_deviceId.load());
-    const std::string landing = std::string(kPldServerDir) + "/" + id + "/";
-    const std::string download = landing + "tferFiles" + "/";
+    const std::string landing = std::string(kStagingDirectory) + "/" + id + "/";
+    const std::string download = landing + ky_service::kDownloadDirectory + "/";
     KyTferClientMembers::SetDirectories(landing, download);
     tal_fileutils::MakeDirPath(download, 0777, true);
     tal_fileutils::MakeDirPath(landing + id + "/", 0777, true);
@@ -150,7 +150,7 @@ KyTferStatusMsg KyTferClient::GetFileFromDevRequest(const std::string& fileName,
     return m_engine->Admit(kFunction, [&](KyTferStatusMsg& result) {
         const std::lock_guard<std::mutex> turn(m_engine->conversation);
         if (!m_engine->fetch.Request(fileName, static_cast<unsigned int>(fileSize), result))
-            Refuse(result, kFunction, kInProgress);
+            Refuse(result, kFunction, kAlreadyInProgress);
     });
 }
 
@@ -165,7 +165,7 @@ KyTferStatusMsg KyTferClient::GetDirectoryFromDevRequest() {
     return m_engine->Admit(kFunction, [&](KyTferStatusMsg& result) {
         const std::lock_guard<std::mutex> turn(m_engine->conversation);
         const std::optional<int> status = m_engine->directory.Request(result);
-        if (!status) return Refuse(result, kFunction, kInProgress);
+        if (!status) return Refuse(result, kFunction, kAlreadyInProgress);
         if (*status == 0) return;
         const std::string text =
             "Failed to send directory request to server. Status=" + std::to_string(*status);

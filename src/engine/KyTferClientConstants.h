@@ -1,6 +1,8 @@
 #ifndef ENGINE_KYTFERCLIENTCONSTANTS_H
 #define ENGINE_KYTFERCLIENTCONSTANTS_H
 
+#include "messages/KyServiceContract.h"
+
 /// What the engine's sources share: the device's points, the values of the request point, limits and texts.
 /// Internal to the engine.
 namespace ky_engine {
@@ -24,7 +26,7 @@ constexpr unsigned short PNT_MAX_USB_SPEED = 8632;  ///< 2 or less: full speed o
 
 /// Values of PNT_CLIENT_FILE_REQ.
 constexpr char kRequestNone[] = "NONE";
-constexpr char kRequestDirectory[] = "DIRREQ";
+using ky_service::kRequestDirectory;
 constexpr char kRequestReady[] = "READY";
 constexpr char kRequestSuccess[] = "SUCCESS";
 constexpr char kRequestError[] = "ERROR";
@@ -41,19 +43,19 @@ constexpr int kNoMemory = -3;
 constexpr int kStopped = -4;
 constexpr char kOutOfMemory[] = "Out of memory";
 
-/// Directory of the platform's file server; files to push are staged in it.
-constexpr char kPldServerDir[] = "/var/local/tal/pldserver";
+/// Directory of the platform's file server; the directories of the devices are in it too.
+using ky_service::kStagingDirectory;
 
 /// Texts that more than one flow uses.
 constexpr char kNotInitialized[] = "LOGIC ERROR - KyTferRespClient not initialized";
-constexpr char kInProgress[] = "Transaction already in progress";
-constexpr char kTransferInProgress[] = "File transfer inprogress";
+using ky_service::kAlreadyInProgress;
+using ky_service::kTransferInProgress;
 constexpr char kTransferComplete[] = "File Transfer Complete";
 constexpr char kTimedOut[] = "File transfer Failed - timeout";
 constexpr char kListingRequested[] = "Directory listing has been requested";
 constexpr char kPushInProgress[] = "In Progress";
 constexpr char kRequestFailed[] = "Request failed";
-constexpr char kCancelled[] = "File transfer cancelled";
+using ky_service::kCancelled;
 constexpr char kNothingToReport[] = "In Progress - No progress to report";
 
 }  // namespace ky_engine

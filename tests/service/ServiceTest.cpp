@@ -12,6 +12,7 @@
 #include "client/TferSvcMsgClient.h"
 #include "host/KyFd.h"
 #include "host/KyIpcFrame.h"
+#include "messages/KyServiceContract.h"
 #include "messages/KyTferGetDevFile.h"
 #include "messages/KyTferMsgFactory.h"
 #include "messages/KyTferRespMsg.h"
@@ -20,7 +21,6 @@
 #include "platform/KyIpcMsgBuffer.h"
 #include "platform/KyIpcMsgUtil.h"
 #include "service/Process.h"
-#include "service/TferService.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -182,7 +182,7 @@ private:
     static std::string Told(KyTferRespMsg* response) {
         const std::unique_ptr<KyTferRespMsg> owned(response);
         if (response == nullptr) return "null";
-        return (response->GetResultStatus() == TferService::kAccepted ? "accepted: " : "refused: ") +
+        return (response->GetResultStatus() == ky_service::kAccepted ? "accepted: " : "refused: ") +
                response->GetResultMsg();
     }
 

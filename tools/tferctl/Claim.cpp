@@ -1,11 +1,10 @@
 #include "tferctl/Claim.h"
 
+#include "messages/KyServiceContract.h"
 #include "tferctl/Record.h"
 
 namespace ky_tferctl {
 namespace {
-
-constexpr char s_listingRequest[] = "DIRREQ";
 
 /// Whether the name is the one that was seen first, which this one is if there was none.
 bool IsFirst(std::string& first, const std::string& name) {
@@ -26,8 +25,9 @@ bool PushClaim::Holds(const KyTferStatusMsg& record) {
 
 // The engine keeps the word as the record's other name. Another's request for the listing is as good as ours.
 bool ListingClaim::Holds(const KyTferStatusMsg& record) {
-    if (record.GetOrigFileName() != s_listingRequest || IsInStagingDirectory(record)) return false;
-    if (record.GetXferFileName() == s_listingRequest) return true;
+    if (record.GetOrigFileName() != ky_service::kRequestDirectory || IsInStagingDirectory(record))
+        return false;
+    if (record.GetXferFileName() == ky_service::kRequestDirectory) return true;
     return IsFirst(m_transferName, record.GetXferFileName());
 }
 

@@ -4,16 +4,13 @@
 #include <thread>
 
 #include "common/Text.h"
+#include "messages/KyServiceContract.h"
 
 namespace ky_tferctl {
 namespace {
 
 using ky_tools::Printable;
 using Status = KyTferStatusMsg::TferStatus;
-
-constexpr char s_downloadEnd[] = "/tferFiles/";
-constexpr char s_arriving[] = "File transfer inprogress";
-constexpr char s_cancelled[] = "File transfer cancelled";  // and perhaps a reason
 
 bool EndsWith(const std::string& text, const std::string& end) {
     return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
@@ -23,7 +20,7 @@ bool EndsWith(const std::string& text, const std::string& end) {
 bool CountsItself(const KyTferStatusMsg& record) {
     if (record.GetStatus() == KyTferStatusMsg::TFER_STATUS_COMPLETE) return true;
     return record.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS &&
-           record.GetStatusMsg() == s_arriving;
+           record.GetStatusMsg() == ky_service::kTransferInProgress;
 }
 
 std::string StatusText(const KyTferStatusMsg& record) {
@@ -62,16 +59,16 @@ std::string Fingerprint(const KyTferStatusMsg& record) {
 }  // namespace
 
 bool IsInDownloadDirectory(const KyTferStatusMsg& record) {
-    return EndsWith(record.GetFilePath(), s_downloadEnd);
+    return EndsWith(record.GetFilePath(), std::string("/") + ky_service::kDownloadDirectory + "/");
 }
 
 bool IsInStagingDirectory(const KyTferStatusMsg& record) {
-    return record.GetFilePath() == std::string(s_stagingDirectory) + "/";
+    return record.GetFilePath() == std::string(ky_service::kStagingDirectory) + "/";
 }
 
 bool IsCancelled(const KyTferStatusMsg& record) {
     return record.GetStatus() == KyTferStatusMsg::TFER_STATUS_FAIL &&
-           record.GetStatusMsg().rfind(s_cancelled, 0) == 0;
+           record.GetStatusMsg().rfind(ky_service::kCancelled, 0) == 0;
 }
 
 bool IsUnderWay(const KyTferStatusMsg& record) {

@@ -9,9 +9,6 @@
 /// What the service's status record says of a transfer.
 namespace ky_tferctl {
 
-/// The directory from which files are sent; its path as a record has it ends with "/".
-constexpr char s_stagingDirectory[] = "/var/local/tal/pldserver";
-
 /// Whether the record's file path is the directory in which fetched files end up.
 bool IsInDownloadDirectory(const KyTferStatusMsg& record);
 bool IsInStagingDirectory(const KyTferStatusMsg& record);

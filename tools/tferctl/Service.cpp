@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "messages/KyServiceContract.h"
 #include "messages/KyTferCancelTransMsg.h"
 #include "messages/KyTferGetDevDirMsg.h"
 #include "messages/KyTferGetDevFile.h"
@@ -12,15 +13,13 @@
 namespace ky_tferctl {
 namespace {
 
-constexpr char s_controlFifo[] = "tfersvc-CtrlFifo";
-constexpr auto s_accepted = static_cast<KyTferRespMsg::TferMsgResult>(1);
-constexpr auto s_answerBound = std::chrono::seconds(60);  // the client's
+constexpr auto s_answerBound = std::chrono::milliseconds(ky_service::kReplyTimeoutMs);
 constexpr auto s_slack = std::chrono::seconds(1);
 
 /// Whether a service reads requests at this moment. @return a KyIpcFifoSession::IpcStatus
 int Probe() {
     KyIpcFifoSession session("tferctl", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
-    return session.OpenCtrlFifo(s_controlFifo);
+    return session.OpenCtrlFifo(ky_service::kControlFifo);
 }
 
 }  // namespace
@@ -58,7 +57,7 @@ Answer Service::Cancel(const std::string& id) {
 }
 
 std::string Service::ReplyFifo() {
-    return "TferSvcClnt-" + std::to_string(static_cast<unsigned int>(getpid())) + "-ClntRxFifo";
+    return ky_service::ReplyFifo(ky_service::CallerSession(getpid()));
 }
 
 std::unique_ptr<KyTferMsg> Service::Ask(std::unique_ptr<KyTferMsg> request) {
@@ -76,7 +75,7 @@ Answer Service::AskForAnswer(std::unique_ptr<KyTferMsg> request, const std::stri
     const auto* const response = dynamic_cast<const KyTferRespMsg*>(reply.get());
     if (response == nullptr)
         throw Failure(ExitStatus::FAILED, "The transfer service answered with something else than a result.");
-    return {response->GetResultStatus() == s_accepted, response->GetResultMsg()};
+    return {response->GetResultStatus() == ky_service::kAccepted, response->GetResultMsg()};
 }
 
 // The client says only that there was no answer.

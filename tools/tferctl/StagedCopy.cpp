@@ -8,9 +8,9 @@
 #include <limits>
 
 #include "common/Text.h"
+#include "messages/KyServiceContract.h"
 #include "tferctl/ExitStatus.h"
 #include "tferctl/FileCopy.h"
-#include "tferctl/Record.h"
 #include "tferctl/Signals.h"
 
 namespace ky_tferctl {
@@ -42,11 +42,11 @@ StagedCopy::StagedCopy(const std::string& source) : m_name(source.substr(source.
 // this user is no member himself, the service has to be root, and needs no group.
 void StagedCopy::MakeDirectory() {
     struct stat staging = {};
-    if (stat(s_stagingDirectory, &staging) != 0) FailOn("use", s_stagingDirectory);
+    if (stat(ky_service::kStagingDirectory, &staging) != 0) FailOn("use", ky_service::kStagingDirectory);
     m_group = staging.st_gid;
-    m_directoryPath = std::string(s_stagingDirectory) + "/.tferctl-XXXXXX";
+    m_directoryPath = std::string(ky_service::kStagingDirectory) + "/.tferctl-XXXXXX";
     const SignalsHeld held;
-    if (mkdtemp(m_directoryPath.data()) == nullptr) FailOn("write to", s_stagingDirectory);
+    if (mkdtemp(m_directoryPath.data()) == nullptr) FailOn("write to", ky_service::kStagingDirectory);
     m_directory.emplace(Leftover::DIRECTORY, m_directoryPath);
     const bool grouped = chown(m_directoryPath.c_str(), static_cast<uid_t>(-1), m_group) == 0;
     if (grouped && chmod(m_directoryPath.c_str(), s_directoryMode) != 0) FailOn("write to", m_directoryPath);

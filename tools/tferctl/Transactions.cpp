@@ -5,16 +5,11 @@
 #include <chrono>
 
 #include "common/Text.h"
+#include "messages/KyServiceContract.h"
 #include "tferctl/ExitStatus.h"
 
 namespace ky_tferctl {
 namespace {
-
-// The engine's word for what can also happen between our look at the record and our request.
-constexpr char s_busy[] = "Transaction already in progress";
-
-// The service's word for a request of ours that waited and was cancelled.
-constexpr char s_cancelled[] = "File transfer cancelled";
 
 constexpr char s_cancelledByOther[] = "Somebody else has cancelled the transfer";
 
@@ -57,8 +52,8 @@ bool Transactions::TryToBegin(const Ask& ask, const KyTferStatusMsg& record) {
     const Answer answer = ask(m_service, m_id);
     if (answer.accepted) return true;
     m_interruption.reset();
-    if (answer.text == s_cancelled) throw Failure(ExitStatus::FAILED, s_cancelledByOther);
-    if (answer.text != s_busy)
+    if (answer.text == ky_service::kCancelled) throw Failure(ExitStatus::FAILED, s_cancelledByOther);
+    if (answer.text != ky_service::kAlreadyInProgress)
         throw Failure(ExitStatus::REFUSED, "The transfer service refused: " + Quoted(answer.text));
     return false;
 }

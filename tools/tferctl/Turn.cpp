@@ -5,13 +5,14 @@
 
 #include <cerrno>
 
-#include "tferctl/Record.h"
+#include "messages/KyServiceContract.h"
 
 namespace ky_tferctl {
 
 bool Turn::Take() {
     if (m_taken) return true;
-    if (!m_directory) m_directory = KyFd(open(s_stagingDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!m_directory)
+        m_directory = KyFd(open(ky_service::kStagingDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     m_taken = !m_directory || flock(m_directory.Get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
     return m_taken;
 }
