@@ -12,7 +12,7 @@ namespace ky_engine {
 namespace {
 
 constexpr char kFunction[] = "GetDirectoryFromDevRequest";
-constexpr std::size_t kMostListings = 16;
+constexpr std::size_t kMaxListings = 16;
 
 }  // namespace
 
@@ -20,7 +20,7 @@ constexpr std::size_t kMostListings = 16;
 std::optional<int> KyDirectoryFetch::Request(KyTferStatusMsg& result) {
     const auto listing = m_record.ReserveListing();
     if (!listing) return std::nullopt;
-    const int status = m_points.Send(kRequestDirectory, PNT_CLIENT_FILE_REQ);
+    const int status = m_device.Send(kRequestDirectory, PNT_CLIENT_FILE_REQ);
     if (status != 0) {
         m_record.RefuseListing(*listing);
         return status;
@@ -28,7 +28,7 @@ std::optional<int> KyDirectoryFetch::Request(KyTferStatusMsg& result) {
     try {
         if (m_record.AcceptListing(*listing, result)) Begin(*listing);
     } catch (...) {
-        m_record.EndWorkerWithoutMemory(*listing);
+        m_record.FailWorkerOutOfMemory(*listing);
         throw;
     }
     return 0;
@@ -36,11 +36,11 @@ std::optional<int> KyDirectoryFetch::Request(KyTferStatusMsg& result) {
 
 void KyDirectoryFetch::Begin(const Transaction& listing) {
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "%s", kListingRequested);
-    const int error = m_threads.Start(
-        KyEngineThreads::MONITOR, "t-getDirMonitor", m_members.m_getDirMonitorThread, listing,
-        [this](const Transaction& watched) { m_monitor.Watch(watched.kind, watched.request); });
+    const int error =
+        m_threads.Start(KyEngineThreads::MONITOR, "t-getDirMonitor", m_members.m_getDirMonitorThread, listing,
+                        [this](const Transaction& own) { m_monitor.Watch(own.kind, own.requestNumber); });
     if (error != 0) {
-        m_record.Unwatch(listing.request);
+        m_record.SetUnmonitored(listing.requestNumber);
         __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction,
                         "Error creating directory monitor thread.  error=%d", error);
     }
@@ -56,7 +56,7 @@ void KyDirectoryFetch::Answered(const std::string& answer, bool early) {
     }
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Fetch the directory file(%s)", answer.c_str());
     bool repeated = false;
-    const auto job = m_record.NameListing(answer, early, repeated);
+    const auto job = m_record.SetListingFile(answer, early, repeated);
     if (!job) return;
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Kick off thread to fetch the directory file(%s)",
                     answer.c_str());
@@ -71,7 +71,7 @@ void KyDirectoryFetch::CreateDirectoryFromFile(const std::string& path) {
     auto& listings = m_members.m_directoryMap;
     const auto place = listings.try_emplace(path, KyTferClientMembers::Listing{std::move(listing), 0}).first;
     place->second.lastRead = ++m_readings;
-    if (listings.size() <= kMostListings) return;
+    if (listings.size() <= kMaxListings) return;
     const auto older = [](const auto& one, const auto& other) {
         return one.second.lastRead < other.second.lastRead;
     };

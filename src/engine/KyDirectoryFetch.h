@@ -13,9 +13,9 @@ namespace ky_engine {
 class KyDirectoryFetch {
 public:
     /// @param members  for the handles of its threads and for the listings
-    KyDirectoryFetch(KyDevicePoints& points, KyTransactionRecord& record, KyEngineThreads& threads,
+    KyDirectoryFetch(KyDeviceAccess& device, KyStatusRecord& record, KyEngineThreads& threads,
                      KyTransferMonitor& monitor, KyFileFetch& fetch, KyTferClientMembers& members)
-        : m_points(points),
+        : m_device(device),
           m_record(record),
           m_threads(threads),
           m_monitor(monitor),
@@ -35,8 +35,8 @@ public:
 private:
     void Begin(const Transaction& listing);
 
-    KyDevicePoints& m_points;
-    KyTransactionRecord& m_record;
+    KyDeviceAccess& m_device;
+    KyStatusRecord& m_record;
     KyEngineThreads& m_threads;
     KyTransferMonitor& m_monitor;
     KyFileFetch& m_fetch;

@@ -17,10 +17,10 @@ namespace {
 
 // A device decides how often it says "READY". More than two workers at a time mean that it does not keep to the
 // protocol.
-constexpr int kMostRepeatedWorkers = 8;
+constexpr int kMaxRepeatedWorkers = 8;
 
 // A new transaction gets its worker even if earlier ones hang in their last point write.
-constexpr int kMostWorkers = 64;
+constexpr int kMaxWorkers = 64;
 
 }  // namespace
 
@@ -58,7 +58,7 @@ int KyEngineThreads::Launch(Kind kind, const char* name, pthread_t& handle, std:
     if (!body) return ENOMEM;
     KyRequestLock lock(m_mutex);
     if (m_closed) return ESHUTDOWN;
-    const int most = kind == WORKER ? kMostWorkers : kMostRepeatedWorkers;
+    const int most = kind == WORKER ? kMaxWorkers : kMaxRepeatedWorkers;
     if (kind != MONITOR && m_runningWorkers.load() >= most) return EAGAIN;
     JoinEnded();
     // In the list before it exists, so that a started thread cannot get lost when memory runs out.
@@ -95,23 +95,23 @@ void KyEngineThreads::Close() {
         KyRequestLock lock(m_mutex);
         m_closed = true;
     }
-    Await(&KyEngineThreads::NoCalls);
+    WaitUntil(&KyEngineThreads::NoCalls);
 }
 
 void KyEngineThreads::JoinAll() {
-    Await(&KyEngineThreads::AllEnded);
+    WaitUntil(&KyEngineThreads::AllEnded);
     KyRequestLock lock(m_mutex);
     JoinEnded();
 }
 
 // A monitor needs a second to end. What takes longer is a call of the proxy.
-void KyEngineThreads::Await(Condition condition) {
-    constexpr unsigned int kPatienceMs = 1500;
+void KyEngineThreads::WaitUntil(Condition condition) {
+    constexpr unsigned int kWarnAfterMs = 1500;
     {
         KyRequestLock lock(m_mutex);
         int error = 0;
         while (error == 0 && !(this->*condition)())
-            error = WaitFor(m_changed, m_mutex, kPatienceMs);
+            error = WaitFor(m_changed, m_mutex, kWarnAfterMs);
         if ((this->*condition)()) return;
     }
     __dlog_printfex(KY_DLOG_WARNING, kSource, "Stop", "Waiting for a call of the device proxy to return");

@@ -92,7 +92,7 @@ private:
     int Launch(Kind kind, const char* name, pthread_t& handle, std::function<void()> body);
     using Condition = bool (KyEngineThreads::*)() const;
 
-    void Await(Condition condition);
+    void WaitUntil(Condition condition);
     bool NoCalls() const KY_REQUIRES(m_mutex) { return m_calls == 0; }
     bool AllEnded() const KY_REQUIRES(m_mutex);
     void JoinEnded() KY_REQUIRES(m_mutex);

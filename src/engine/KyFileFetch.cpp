@@ -18,18 +18,18 @@ constexpr char kFunction[] = "GetFileFromDevice";
 bool KyFileFetch::Request(const std::string& fileName, unsigned int fileSize, KyTferStatusMsg& result) {
     const auto job = m_record.AcceptFetch(fileName, fileSize, result);
     if (!job) return false;
-    const int error = m_threads.Start(
-        KyEngineThreads::MONITOR, "t-getFileMonitor", m_members.m_getFileMonitorThread, *job,
-        [this](const Transaction& watched) { m_monitor.Watch(watched.kind, watched.request); });
-    if (error != 0) m_record.Unwatch(job->request);
-    m_points.Send(fileName, PNT_CLIENT_FILE_REQ);
+    const int error =
+        m_threads.Start(KyEngineThreads::MONITOR, "t-getFileMonitor", m_members.m_getFileMonitorThread, *job,
+                        [this](const Transaction& own) { m_monitor.Watch(own.kind, own.requestNumber); });
+    if (error != 0) m_record.SetUnmonitored(job->requestNumber);
+    m_device.Send(fileName, PNT_CLIENT_FILE_REQ);
     return true;
 }
 
 void KyFileFetch::Ready() {
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "kick off file fetch thread");
     bool repeated = false;
-    const auto job = m_record.Ready(repeated);
+    const auto job = m_record.AcceptReady(repeated);
     if (job) StartWorker(*job, repeated, m_members.m_fileFetchThread);
 }
 
@@ -50,19 +50,20 @@ void KyFileFetch::GetFileFromDevice() {
 void KyFileFetch::GetFileFromDevice(const Transaction& job) {
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "Enter");
     try {
-        if (m_record.Begin(job)) Fetch(job);
+        if (m_record.BeginWorker(job)) Fetch(job);
     } catch (...) {
-        m_record.EndWorkerWithoutMemory(job);
+        m_record.FailWorkerOutOfMemory(job);
     }
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "Exit");
 }
 
 void KyFileFetch::Fetch(Transaction job) {
-    __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "request file(%s) from pldproxy", job.name.c_str());
-    if (!job.leavesDirectory) m_points.FetchFile(job.name);
-    if (!End(job)) return;
-    m_record.WroteSize(0);
-    const int status = m_points.Write(0, PNT_XFER_FILE_SIZE);
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "request file(%s) from pldproxy",
+                    job.transferName.c_str());
+    if (!job.leavesDirectory) m_device.FetchFile(job.transferName);
+    if (!FinishFetch(job)) return;
+    m_record.SetWrittenSize(0);
+    const int status = m_device.Write(0, PNT_XFER_FILE_SIZE);
     if (status != 0) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction,
                         "Could not set xfer file size back to zero. status(%d)", status);
@@ -70,16 +71,16 @@ void KyFileFetch::Fetch(Transaction job) {
 }
 
 // Returns false if the transaction has been replaced: then the device is told nothing.
-bool KyFileFetch::End(Transaction& job) {
+bool KyFileFetch::FinishFetch(Transaction& job) {
     unsigned long long size = 0;
     const bool present = !job.leavesDirectory && GetFileSize(job.path, size);
     switch (m_record.Claim(job, present, size)) {
-        case Arrival::MISSING:
-            return FetchedNothing(job);
-        case Arrival::OTHER_SIZE:
-            return FetchedOtherSize(job, size);
-        case Arrival::WHOLE:
-            return MoveClaimed(job);
+        case FetchOutcome::MISSING:
+            return HandleMissingFile(job);
+        case FetchOutcome::WRONG_SIZE:
+            return HandleWrongSize(job, size);
+        case FetchOutcome::COMPLETE:
+            return MoveFile(job);
         default:
             __dlog_printfex(KY_DLOG_WARNING, kSource, kFunction,
                             "The transaction has been replaced. Dropping file(%s)", job.path.c_str());
@@ -88,29 +89,29 @@ bool KyFileFetch::End(Transaction& job) {
 }
 
 // Nobody else ends a transaction that has been claimed.
-bool KyFileFetch::MoveClaimed(const Transaction& job) {
+bool KyFileFetch::MoveFile(const Transaction& job) {
     try {
-        FetchedWhole(job);
+        HandleCompleteFile(job);
         return true;
     } catch (...) {
-        m_record.EndWorkerWithoutMemory(job);
+        m_record.FailWorkerOutOfMemory(job);
         return false;
     }
 }
 
-bool KyFileFetch::FetchedNothing(const Transaction& job) {
+bool KyFileFetch::HandleMissingFile(const Transaction& job) {
     const std::string text =
-        "Failed to get file(" + job.name + ") from device. and " + "place it here(" + job.path + ")";
-    const bool tellDevice = m_record.Fail(job, text);
+        "Failed to get file(" + job.transferName + ") from device. and " + "place it here(" + job.path + ")";
+    const bool tellDevice = m_record.FailFetch(job, text);
     __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "%s", text.c_str());
     return tellDevice;
 }
 
-void KyFileFetch::FetchedWhole(const Transaction& job) {
+void KyFileFetch::HandleCompleteFile(const Transaction& job) {
     const std::string text =
-        "Retrieved file(" + job.name + ") successfully. and placed it " + "in (" + job.path + ")";
+        "Retrieved file(" + job.transferName + ") successfully. and placed it " + "in (" + job.path + ")";
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "%s", text.c_str());
-    const std::string finalPath = job.downloadDirectory + job.name;
+    const std::string finalPath = job.downloadDirectory + job.transferName;
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "rename %s --> %s", job.path.c_str(),
                     finalPath.c_str());
     if (rename(job.path.c_str(), finalPath.c_str()) != 0) {
@@ -119,16 +120,16 @@ void KyFileFetch::FetchedWhole(const Transaction& job) {
                         "Failed to move file(%s) --> file(%s) errno(%d) - %s", job.path.c_str(),
                         finalPath.c_str(), error, strerror(error));
     }
-    if (job.worker == Transaction::CLAIMED) m_record.Complete(job, text);
-    m_points.Send(kRequestSuccess, PNT_CLIENT_FILE_REQ);
+    if (job.worker == Transaction::CLAIMED) m_record.CompleteFetch(job, text);
+    m_device.Send(kRequestSuccess, PNT_CLIENT_FILE_REQ);
 }
 
-bool KyFileFetch::FetchedOtherSize(const Transaction& job, unsigned long long size) {
-    const std::string text = "Failed to get file(" + job.name + ") from device. " + "Expecting(" +
+bool KyFileFetch::HandleWrongSize(const Transaction& job, unsigned long long size) {
+    const std::string text = "Failed to get file(" + job.transferName + ") from device. " + "Expecting(" +
                              std::to_string(job.expectedSize) + ") bytes only received(" +
                              std::to_string(size) + ") bytes.";
-    const bool tellDevice = m_record.Fail(job, text);
-    if (tellDevice) m_points.Send(kRequestError, PNT_CLIENT_FILE_REQ);
+    const bool tellDevice = m_record.FailFetch(job, text);
+    if (tellDevice) m_device.Send(kRequestError, PNT_CLIENT_FILE_REQ);
     __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "%s", text.c_str());
     return tellDevice;
 }

@@ -3,9 +3,9 @@
 
 #include <string>
 
-#include "engine/KyDevicePoints.h"
+#include "engine/KyDeviceAccess.h"
 #include "engine/KyEngineThreads.h"
-#include "engine/KyTransactionRecord.h"
+#include "engine/KyStatusRecord.h"
 #include "engine/KyTransferMonitor.h"
 
 namespace ky_engine {
@@ -14,9 +14,9 @@ namespace ky_engine {
 class KyFileFetch {
 public:
     /// @param members  for the handles of its threads
-    KyFileFetch(KyDevicePoints& points, KyTransactionRecord& record, KyEngineThreads& threads,
+    KyFileFetch(KyDeviceAccess& device, KyStatusRecord& record, KyEngineThreads& threads,
                 KyTransferMonitor& monitor, KyTferClientMembers& members)
-        : m_points(points), m_record(record), m_threads(threads), m_monitor(monitor), m_members(members) {}
+        : m_device(device), m_record(record), m_threads(threads), m_monitor(monitor), m_members(members) {}
 
     /// @return false if a transaction is in progress
     bool Request(const std::string& fileName, unsigned int fileSize, KyTferStatusMsg& result);
@@ -33,14 +33,14 @@ public:
 private:
     void GetFileFromDevice(const Transaction& job);
     void Fetch(Transaction job);
-    bool End(Transaction& job);
-    bool FetchedNothing(const Transaction& job);
-    bool MoveClaimed(const Transaction& job);
-    void FetchedWhole(const Transaction& job);
-    bool FetchedOtherSize(const Transaction& job, unsigned long long size);
+    bool FinishFetch(Transaction& job);
+    bool HandleMissingFile(const Transaction& job);
+    bool MoveFile(const Transaction& job);
+    void HandleCompleteFile(const Transaction& job);
+    bool HandleWrongSize(const Transaction& job, unsigned long long size);
 
-    KyDevicePoints& m_points;
-    KyTransactionRecord& m_record;
+    KyDeviceAccess& m_device;
+    KyStatusRecord& m_record;
     KyEngineThreads& m_threads;
     KyTransferMonitor& m_monitor;
     KyTferClientMembers& m_members;

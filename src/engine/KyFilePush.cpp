@@ -57,7 +57,7 @@ bool KyFilePush::Stage(const std::string& sourcePath, const std::string& stagedP
 bool KyFilePush::MeasureStaged(const std::string& stagedPath, unsigned int& size, KyTferStatusMsg& result) {
     unsigned long long bytes = 0;
     if (GetFileSize(stagedPath, bytes)) {
-        size = CountOf(bytes);
+        size = SaturateTo32Bits(bytes);
         return true;
     }
     const std::string text = "Failed to get size for file(" + stagedPath + ")";
@@ -70,18 +70,18 @@ bool KyFilePush::MeasureStaged(const std::string& stagedPath, unsigned int& size
 // Tells the device the size and, a second later, the name. The name is written even if the size was not taken.
 Transaction KyFilePush::Announce(const std::string& fileName, const std::string& stagedPath,
                                  unsigned int size, KyTferStatusMsg& result) {
-    m_record.WroteSize(size);
+    m_record.SetWrittenSize(size);
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kRequestFunction, "Write file size to server(%d)",
                     static_cast<int>(size));
-    const int sizeStatus = m_points.Write(size, PNT_XFER_FILE_SIZE);
+    const int sizeStatus = m_device.Write(size, PNT_XFER_FILE_SIZE);
     const std::atomic<bool> never{false};
     SleepUnlessStopped(kPauseBeforeNameSeconds, never);
     Transaction push;
     push.kind = Transaction::PUSH;
     push.originalName = fileName;
     push.expectedSize = size;
-    push.Place(NextTransferName(), std::string(kStagingDirectory) + "/");
-    const int nameStatus = m_points.Send(push.name, PNT_XFER_FILE_NAME);
+    push.SetFile(NextTransferName(), std::string(kStagingDirectory) + "/");
+    const int nameStatus = m_device.Send(push.transferName, PNT_XFER_FILE_NAME);
 
     const bool announced = sizeStatus == 0 && nameStatus == 0;
     if (!announced) {
@@ -113,10 +113,10 @@ void KyFilePush::PutFileToDevice() {
 
 void KyFilePush::PutFileToDevice(const Transaction& job) {
     const char* const original = job.originalName.c_str();
-    const char* const name = job.name.c_str();
+    const char* const name = job.transferName.c_str();
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kWorkerFunction,
                     "PLD Transfer Start orig file(%s) xfer file(%s)", original, name);
-    const bool pushed = m_points.PushFile(job.directory, job.originalName, job.name);
+    const bool pushed = m_device.PushFile(job.directory, job.originalName, job.transferName);
     if (pushed) {
         __dlog_printfex(KY_DLOG_NOTICE, kSource, kWorkerFunction,
                         "PLD Transfer of orig file(%s) as xfer file(%s) complete", original, name);
@@ -127,7 +127,7 @@ void KyFilePush::PutFileToDevice(const Transaction& job) {
     try {
         m_record.EndPush(job, pushed);
     } catch (...) {
-        m_record.EndWorkerWithoutMemory(job);
+        m_record.FailWorkerOutOfMemory(job);
     }
 }
 

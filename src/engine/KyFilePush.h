@@ -3,9 +3,9 @@
 
 #include <string>
 
-#include "engine/KyDevicePoints.h"
+#include "engine/KyDeviceAccess.h"
 #include "engine/KyEngineThreads.h"
-#include "engine/KyTransactionRecord.h"
+#include "engine/KyStatusRecord.h"
 
 namespace ky_engine {
 
@@ -13,9 +13,9 @@ namespace ky_engine {
 class KyFilePush {
 public:
     /// @param members  for the device's identifier and the handle of its thread
-    KyFilePush(KyDevicePoints& points, KyTransactionRecord& record, KyEngineThreads& threads,
+    KyFilePush(KyDeviceAccess& device, KyStatusRecord& record, KyEngineThreads& threads,
                KyTferClientMembers& members)
-        : m_points(points), m_record(record), m_threads(threads), m_members(members) {}
+        : m_device(device), m_record(record), m_threads(threads), m_members(members) {}
 
     /// Blocks for a second and two point writes.
     void Request(const std::string& directory, const std::string& fileName, KyTferStatusMsg& result);
@@ -31,8 +31,8 @@ private:
                          KyTferStatusMsg& result);
     std::string NextTransferName();
 
-    KyDevicePoints& m_points;
-    KyTransactionRecord& m_record;
+    KyDeviceAccess& m_device;
+    KyStatusRecord& m_record;
     KyEngineThreads& m_threads;
     KyTferClientMembers& m_members;
 };

@@ -13,17 +13,17 @@ namespace ky_engine {
 namespace {
 
 constexpr char kFunction[] = "AcquireMaiMmIdx";
-constexpr unsigned int kLastModule = 0xFFFF;
+constexpr unsigned int kMaxModules = 0xFFFF;
 constexpr int kMatchesNeeded = 4;
 constexpr unsigned int kPauseSeconds = 2;
 
-bool GetModuleCount(const KyDevicePoints& points, unsigned int& count) {
+bool GetModuleCount(const KyDeviceAccess& device, unsigned int& count) {
     unsigned int reportId = 0;
-    if (points.GetReport(reportId, PNT_MON_AGENT_INFO) != 0) {
+    if (device.GetReport(reportId, PNT_MON_AGENT_INFO) != 0) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "MonAgentInfo report is not in the device FDM.");
         return false;
     }
-    if (points.GetModuleCount(count, reportId) != 0) {
+    if (device.GetModuleCount(count, reportId) != 0) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "Failed to get max module count, report ID: %lu",
                         static_cast<unsigned long>(reportId));
         return false;
@@ -31,11 +31,11 @@ bool GetModuleCount(const KyDevicePoints& points, unsigned int& count) {
     return true;
 }
 
-bool ConfirmModule(const KyDevicePoints& points, unsigned short mmIdx, const std::string& mac,
+bool ConfirmModule(const KyDeviceAccess& device, unsigned short mmIdx, const std::string& mac,
                    const std::atomic<bool>& stop) {
     for (int matches = 1;; ++matches) {
         std::string agent;
-        if (points.ReadText(agent, PNT_MON_AGENT_INFO, mmIdx) != 0 || agent != mac) return false;
+        if (device.ReadText(agent, PNT_MON_AGENT_INFO, mmIdx) != 0 || agent != mac) return false;
         if (matches == kMatchesNeeded) return true;
         // Reads that follow each other without the pause prove nothing.
         if (!SleepUnlessStopped(kPauseSeconds, stop)) return false;
@@ -44,28 +44,28 @@ bool ConfirmModule(const KyDevicePoints& points, unsigned short mmIdx, const std
 
 // One pass. The candidate is wider than an index: a device may claim as many modules as an index can number, or
 // more, and the pass must end then too. @return the index, 0 if there is none
-unsigned short SearchModules(const KyDevicePoints& points, unsigned int count, const std::string& mac,
+unsigned short SearchModules(const KyDeviceAccess& device, unsigned int count, const std::string& mac,
                              const std::atomic<bool>& stop) {
-    const unsigned int last = std::min(count, kLastModule);
+    const unsigned int last = std::min(count, kMaxModules);
     for (unsigned int candidate = 1; candidate <= last && (candidate == 1 || !stop); ++candidate) {
         const auto mmIdx = static_cast<unsigned short>(candidate);
-        if (ConfirmModule(points, mmIdx, mac, stop)) return mmIdx;
+        if (ConfirmModule(device, mmIdx, mac, stop)) return mmIdx;
     }
     return 0;
 }
 
 }  // namespace
 
-bool FindModule(const KyDevicePoints& points, std::atomic<unsigned short>& mmIdx,
+bool FindModule(const KyDeviceAccess& device, std::atomic<unsigned short>& mmIdx,
                 const std::atomic<bool>& stop) try {
     const std::string mac = tal_netutils::KyNetUtils::GetMAC();
     unsigned int count = 0;
     // A card that does not know its own address would find itself in the first module without a text.
-    if (!GetModuleCount(points, count) || mac.empty()) return false;
+    if (!GetModuleCount(device, count) || mac.empty()) return false;
     unsigned short found = 0;
     while (found == 0) {
         if (stop) return false;
-        found = SearchModules(points, count, mac, stop);
+        found = SearchModules(device, count, mac, stop);
         if (found != 0) mmIdx = found;
         SleepUnlessStopped(kPauseSeconds, stop);
     }

@@ -3,7 +3,7 @@
 
 #include <atomic>
 
-#include "engine/KyDevicePoints.h"
+#include "engine/KyDeviceAccess.h"
 
 namespace ky_engine {
 
@@ -11,7 +11,7 @@ namespace ky_engine {
 ///
 /// @param mmIdx  gets the index that was found
 /// @param stop   ends the search
-bool FindModule(const KyDevicePoints& points, std::atomic<unsigned short>& mmIdx,
+bool FindModule(const KyDeviceAccess& device, std::atomic<unsigned short>& mmIdx,
                 const std::atomic<bool>& stop);
 
 }  // namespace ky_engine

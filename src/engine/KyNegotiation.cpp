@@ -18,7 +18,7 @@ namespace {
 constexpr char kFunction[] = "Init";
 constexpr unsigned int kClientVersion = 1;
 constexpr unsigned int kClientMaxFileSize = 307200;
-constexpr unsigned int kFastestFullSpeed = 2;
+constexpr unsigned int kMaxFullSpeed = 2;
 
 void LogFailure(const char* action, const char* path, const char* function, int error) {
     __dlog_printfex(KY_DLOG_ERROR, kSource, function, "Error %s '%s' (%d: %s)", action, path, error,
@@ -71,7 +71,7 @@ void TraceLimits(const KyTferClientMembers& members) {
     }
 }
 
-int NegotiateSorrel485(KyDevicePoints& points, KyTferClientMembers& members, unsigned int xferFileSize) {
+int NegotiateSorrel485(KyDeviceAccess& device, KyTferClientMembers& members, unsigned int xferFileSize) {
     const struct {
         std::atomic<unsigned int>* read;  // null for a write
         unsigned int written;
@@ -89,8 +89,8 @@ int NegotiateSorrel485(KyDevicePoints& points, KyTferClientMembers& members, uns
     int status = 0;
     for (const auto& step : steps) {
         unsigned int value = 0;
-        status = step.read != nullptr ? points.Read(value, step.pointId)
-                                      : points.Write(step.written, step.pointId);
+        status = step.read != nullptr ? device.Read(value, step.pointId)
+                                      : device.Write(step.written, step.pointId);
         if (status != 0) {
             __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "Could not %s. status(%d)", step.what, status);
         } else if (step.read != nullptr) {
@@ -98,13 +98,13 @@ int NegotiateSorrel485(KyDevicePoints& points, KyTferClientMembers& members, uns
         }
     }
     TraceLimits(members);
-    points.Send(kRequestNone, PNT_CLIENT_FILE_REQ);
+    device.Send(kRequestNone, PNT_CLIENT_FILE_REQ);
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "download dir is(%s)",
                     KyTferClient::GetHmiDownloadDirectory().c_str());
     return status;
 }
 
-int ProbeUsb(const KyDevicePoints& points) {
+int ProbeUsb(const KyDeviceAccess& device) {
     unsigned int supported = 0;
     unsigned int speed = 0;
     const struct {
@@ -114,7 +114,7 @@ int ProbeUsb(const KyDevicePoints& points) {
     } reads[] = {{supported, PNT_DMP_SUPPORTED, "DMP support flag"},
                  {speed, PNT_MAX_USB_SPEED, "Max USB Speed"}};
     for (const auto& read : reads) {
-        const int status = points.Read(read.value, read.pointId);
+        const int status = device.Read(read.value, read.pointId);
         if (status != 0) {
             LogUnsupported(read.what, status, "USB");
             SetDmpSupported(false);
@@ -127,7 +127,7 @@ int ProbeUsb(const KyDevicePoints& points) {
         return 0;
     }
     SetDmpSupported(true);
-    const bool fullSpeed = speed <= kFastestFullSpeed;
+    const bool fullSpeed = speed <= kMaxFullSpeed;
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "Server indicates DMP is supported at %s.",
                     fullSpeed ? "Full Speed (12 Mbit/s) or lower" : "High Speed (480 Mbit/s) or greater");
     SetFlagFile("/var/tmp/dmp/usb_force_fs", kFunction, fullSpeed);
@@ -140,15 +140,15 @@ void SetDmpSupported(bool supported) {
     SetFlagFile("/var/tmp/dmp/dmp_supported", "SetDmpSupported", supported);
 }
 
-int Negotiate(KyDevicePoints& points, KyTferClientMembers& members, unsigned int xferFileSize) {
+int Negotiate(KyDeviceAccess& device, KyTferClientMembers& members, unsigned int xferFileSize) {
     unsigned int minVersion = 0;
-    const int status = points.Read(minVersion, PNT_SERVER_MIN_VERSION);
+    const int status = device.Read(minVersion, PNT_SERVER_MIN_VERSION);
     if (status == 0) {
         members.m_serverMinVersion = minVersion;
-        return NegotiateSorrel485(points, members, xferFileSize);
+        return NegotiateSorrel485(device, members, xferFileSize);
     }
     LogUnsupported("min version", status, "Sorrel 485");
-    return ProbeUsb(points);
+    return ProbeUsb(device);
 }
 
 }  // namespace ky_engine

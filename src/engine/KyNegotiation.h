@@ -1,7 +1,7 @@
 #ifndef ENGINE_KYNEGOTIATION_H
 #define ENGINE_KYNEGOTIATION_H
 
-#include "engine/KyDevicePoints.h"
+#include "engine/KyDeviceAccess.h"
 #include "engine/KyTferClientMembers.h"
 
 namespace ky_engine {
@@ -12,7 +12,7 @@ namespace ky_engine {
 /// @param members       get what the device supports
 /// @param xferFileSize  written to the device's file size point
 /// @return the status of that write over Sorrel 485; over USB that of the read that failed, or 0
-int Negotiate(KyDevicePoints& points, KyTferClientMembers& members, unsigned int xferFileSize);
+int Negotiate(KyDeviceAccess& device, KyTferClientMembers& members, unsigned int xferFileSize);
 
 /// As KyTferClient::SetDmpSupported.
 void SetDmpSupported(bool supported);

@@ -8,10 +8,10 @@ namespace {
 
 // A poll holds the mutex for some microseconds; a thread that sleeps in the kernel is back after fifty or
 // more.
-constexpr int kTriesBeforeSleeping = 200;
+constexpr int kSpinCount = 200;
 
 // Yielding costs some tenths of a microsecond: this bounds the monitor's patience to a few milliseconds.
-constexpr int kYieldsToOthers = 10000;
+constexpr int kMaxYields = 10000;
 
 }  // namespace
 
@@ -25,20 +25,20 @@ KyRequestMutex::~KyRequestMutex() {
 void KyRequestMutex::Lock() {
     if (pthread_mutex_trylock(&m_mutex) == 0) return;
     m_waiting.fetch_add(1);
-    if (!TryLockForAMoment()) pthread_mutex_lock(&m_mutex);
+    if (!SpinTryLock()) pthread_mutex_lock(&m_mutex);
     m_waiting.fetch_sub(1);
 }
 
-bool KyRequestMutex::TryLockForAMoment() {
-    for (int i = 0; i < kTriesBeforeSleeping; ++i) {
+bool KyRequestMutex::SpinTryLock() {
+    for (int i = 0; i < kSpinCount; ++i) {
         if (pthread_mutex_trylock(&m_mutex) == 0) return true;
         sched_yield();
     }
     return false;
 }
 
-void KyRequestMutex::LockBehindOthers() {
-    for (int i = 0; i < kYieldsToOthers && m_waiting.load() > 0; ++i)
+void KyRequestMutex::LockAfterWaiters() {
+    for (int i = 0; i < kMaxYields && m_waiting.load() > 0; ++i)
         sched_yield();
     pthread_mutex_lock(&m_mutex);
 }

@@ -14,7 +14,7 @@ namespace ky_engine {
 ///
 /// A monitor polls back to back, and a mutex gives no turn to those who wait: a thread that unlocks and locks
 /// at once usually wins against one that has to be woken up. So Lock counts those who wait, and
-/// LockBehindOthers lets them go first. A waiting thread tries for a moment before it sleeps, since the
+/// LockAfterWaiters lets them go first. A waiting thread tries for a moment before it sleeps, since the
 /// monitor leaves within microseconds.
 class KY_CAPABILITY("mutex") KyRequestMutex {
 public:
@@ -31,13 +31,13 @@ public:
 
     /// Takes the mutex when nobody waits for it any more, or after some milliseconds in which there was
     /// always somebody: others go first, but cannot keep the caller out for ever.
-    void LockBehindOthers() KY_ACQUIRE();
+    void LockAfterWaiters() KY_ACQUIRE();
 
     /// For a condition variable that is used with this mutex.
     pthread_mutex_t* Native() { return &m_mutex; }
 
 private:
-    bool TryLockForAMoment() KY_TRY_ACQUIRE(true);
+    bool SpinTryLock() KY_TRY_ACQUIRE(true);
 
     pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
     int m_creationError;
@@ -56,11 +56,11 @@ private:
     KyRequestMutex& m_mutex;
 };
 
-/// As KyRequestLock, for a thread that polls: see KyRequestMutex::LockBehindOthers.
+/// As KyRequestLock, for a thread that polls: see KyRequestMutex::LockAfterWaiters.
 class KY_SCOPED_CAPABILITY KyPollingLock {
 public:
     explicit KyPollingLock(KyRequestMutex& mutex) KY_ACQUIRE(mutex) : m_mutex(mutex) {
-        mutex.LockBehindOthers();
+        mutex.LockAfterWaiters();
     }
     ~KyPollingLock() KY_RELEASE() { m_mutex.Unlock(); }
     KyPollingLock(const KyPollingLock&) = delete;

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <optional>
 
-#include "engine/KyDevicePoints.h"
+#include "engine/KyDeviceAccess.h"
 #include "engine/KyDirectoryFetch.h"
 #include "engine/KyEngineThreads.h"
 #include "engine/KyEngineTime.h"
@@ -13,11 +13,11 @@
 #include "engine/KyFilePush.h"
 #include "engine/KyModuleSearch.h"
 #include "engine/KyNegotiation.h"
+#include "engine/KyPointChangeHandler.h"
+#include "engine/KyStatusRecord.h"
 #include "engine/KyTferClientConstants.h"
 #include "engine/KyTferClientMembers.h"
-#include "engine/KyTransactionRecord.h"
 #include "engine/KyTransferMonitor.h"
-#include "engine/KyValueChanges.h"
 #include "platform/KyDlog.h"
 #include "platform/tal_fileutils.h"
 
@@ -49,17 +49,17 @@ void Refuse(KyTferStatusMsg& result, const char* function, const char* reason) {
 struct ky_engine::Engine {
     KyTferClientMembers members;
     KyEngineThreads threads;
-    KyDevicePoints points{members.m_pldProxy, members.m_deviceId, members.m_maiMmIdx};
-    KyTransactionRecord record{members};
+    KyDeviceAccess device{members.m_pldProxy, members.m_deviceId, members.m_maiMmIdx};
+    KyStatusRecord record{members};
     KyTransferMonitor monitor{record, members.m_transactionActive};
-    KyFileFetch fetch{points, record, threads, monitor, members};
-    KyFilePush push{points, record, threads, members};
-    KyDirectoryFetch directory{points, record, threads, monitor, fetch, members};
-    KyValueChanges changes{points, record, fetch, directory, members};
+    KyFileFetch fetch{device, record, threads, monitor, members};
+    KyFilePush push{device, record, threads, members};
+    KyDirectoryFetch directory{device, record, threads, monitor, fetch, members};
+    KyPointChangeHandler pointChanges{device, record, fetch, directory, members};
 
     // Held while a request is accepted and sent to the device, so that nothing comes in between. Taken before all
     // other locks.
-    std::mutex conversation;
+    std::mutex deviceRequestMutex;
 
     void MakeDirectories() const;
 
@@ -102,7 +102,7 @@ int KyTferClient::Init(unsigned short deviceId, KyPldProxy* proxy) {
                     members.m_physicalSlot);
     int status = kNoMemory;
     try {
-        FindModule(m_engine->points, members.m_maiMmIdx, members.m_stopRequested);
+        FindModule(m_engine->device, members.m_maiMmIdx, members.m_stopRequested);
         __dlog_printfex(KY_DLOG_NOTICE, kSource, "Init",
                         "MAI multi-module index (1-based) that we will use: %d", members.m_maiMmIdx.load());
         m_engine->MakeDirectories();
@@ -111,7 +111,7 @@ int KyTferClient::Init(unsigned short deviceId, KyPldProxy* proxy) {
             __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "error initializing request mutex. error=%d",
                             error);
         }
-        status = Negotiate(m_engine->points, members, m_engine->record.XferFileSize());
+        status = Negotiate(m_engine->device, members, m_engine->record.XferFileSize());
     } catch (...) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "Init", "%s", kOutOfMemory);
     }
@@ -148,7 +148,7 @@ void KyTferClient::SetPollPause(unsigned int milliseconds) {
 KyTferStatusMsg KyTferClient::GetFileFromDevRequest(const std::string& fileName, int fileSize) {
     static constexpr char kFunction[] = "GetFileFromDevRequest";
     return m_engine->Admit(kFunction, [&](KyTferStatusMsg& result) {
-        const std::lock_guard<std::mutex> turn(m_engine->conversation);
+        const std::lock_guard<std::mutex> lock(m_engine->deviceRequestMutex);
         if (!m_engine->fetch.Request(fileName, static_cast<unsigned int>(fileSize), result))
             Refuse(result, kFunction, kAlreadyInProgress);
     });
@@ -163,7 +163,7 @@ KyTferStatusMsg KyTferClient::PutFileToDevRequest(const std::string& directory, 
 KyTferStatusMsg KyTferClient::GetDirectoryFromDevRequest() {
     static constexpr char kFunction[] = "GetDirectoryFromDevRequest";
     return m_engine->Admit(kFunction, [&](KyTferStatusMsg& result) {
-        const std::lock_guard<std::mutex> turn(m_engine->conversation);
+        const std::lock_guard<std::mutex> lock(m_engine->deviceRequestMutex);
         const std::optional<int> status = m_engine->directory.Request(result);
         if (!status) return Refuse(result, kFunction, kAlreadyInProgress);
         if (*status == 0) return;
@@ -199,10 +199,10 @@ KyTferStatusMsg KyTferClient::AbandonTransaction(const std::string& reason) {
         const auto abandoned = m_engine->record.Abandon(text, result);
         if (!abandoned.any || !call) return result;
         __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "%s", text.c_str());
-        const std::lock_guard<std::mutex> turn(m_engine->conversation);
+        const std::lock_guard<std::mutex> lock(m_engine->deviceRequestMutex);
         if (!m_engine->record.IsCurrent(abandoned.number)) return result;
-        m_engine->points.AbortTransfer();
-        if (abandoned.unanswered) m_engine->points.Send(kRequestNone, PNT_CLIENT_FILE_REQ);
+        m_engine->device.AbortTransfer();
+        if (abandoned.unanswered) m_engine->device.Send(kRequestNone, PNT_CLIENT_FILE_REQ);
     } catch (...) {
         Refuse(result, kFunction, kOutOfMemory);
     }
@@ -225,7 +225,7 @@ bool KyTferClient::WorkerRunning() const {
 
 void KyTferClient::DataChange(const KyValChgInfo& info) {
     try {
-        m_engine->changes.Take(info);
+        m_engine->pointChanges.Handle(info);
     } catch (...) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "DataChange", "%s", kOutOfMemory);
     }
@@ -237,18 +237,18 @@ void KyTferClient::SetDmpSupported(bool supported) {
 
 int KyTferClient::MaiStringSend(const std::string& value, unsigned short pointId) {
     const Call call(m_engine->threads);
-    return call ? m_engine->points.Send(value, pointId) : kStopped;
+    return call ? m_engine->device.Send(value, pointId) : kStopped;
 }
 
 int KyTferClient::MaiStringGet(std::string& value, unsigned short pointId) {
     const Call call(m_engine->threads);
-    return call ? m_engine->points.ReadText(value, pointId, m_engine->members.m_maiMmIdx) : kStopped;
+    return call ? m_engine->device.ReadText(value, pointId, m_engine->members.m_maiMmIdx) : kStopped;
 }
 
 bool KyTferClient::AcquireMaiMmIdx() {
     KyTferClientMembers& members = m_engine->members;
     const Call call(m_engine->threads);
-    return call && FindModule(m_engine->points, members.m_maiMmIdx, members.m_stopRequested);
+    return call && FindModule(m_engine->device, members.m_maiMmIdx, members.m_stopRequested);
 }
 
 bool KyTferClient::SleepUnlessStopped(unsigned int seconds, std::atomic<bool>& stop) {

@@ -16,12 +16,12 @@
 
 namespace ky_engine {
 
-class KyTransactionRecord;
+class KyStatusRecord;
 
 /// The state of one engine. Its parts get what they need of it by reference. What the mutex guards is written
-/// by KyTransactionRecord alone.
+/// by KyStatusRecord alone.
 class KyTferClientMembers {
-    friend class KyTransactionRecord;
+    friend class KyStatusRecord;
 
 public:
     /// A kept listing, and when it was last read from its file: a count of readings.

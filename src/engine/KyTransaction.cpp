@@ -7,14 +7,14 @@
 namespace ky_engine {
 
 // A device chooses names: one with a part ".." must not lead to the card's own files.
-void Transaction::Place(const std::string& fileName, const std::string& inDirectory) {
-    name = fileName;
+void Transaction::SetFile(const std::string& fileName, const std::string& inDirectory) {
+    transferName = fileName;
     directory = inDirectory;
     path = inDirectory + fileName;
     leavesDirectory = ("/" + fileName + "/").find("/../") != std::string::npos;
 }
 
-unsigned int CountOf(unsigned long long size) {
+unsigned int SaturateTo32Bits(unsigned long long size) {
     return size < UINT_MAX ? static_cast<unsigned int>(size) : UINT_MAX;
 }
 

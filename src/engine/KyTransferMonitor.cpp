@@ -22,19 +22,19 @@ void LogStart(int level, const char* function, long long start, long long end) {
 
 void LogPoll(const MonitorRules& rules, const Poll& poll, unsigned int& sizeLogged) {
     const auto size = static_cast<int>(poll.size);
-    if (poll.newSize) {
+    if (poll.logSize) {
         __dlog_printfex(KY_DLOG_NOTICE, kSource, rules.function,
                         "Looking for file(%s) bytesreq(%d) haverec(%d)", poll.path.c_str(),
                         static_cast<int>(poll.expectedSize), size);
         sizeLogged = poll.size;
     }
-    if (poll.end == Poll::TIMED_OUT) {
+    if (poll.result == Poll::TIMED_OUT) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, rules.function,
                         "Timed out waiting for file transfer(%s) bytes transferred(%d)", poll.path.c_str(),
                         size);
     }
-    if (poll.farewell != nullptr) {
-        __dlog_printfex(KY_DLOG_NOTICE, kSource, rules.function, "%s", poll.farewell);
+    if (poll.logLine != nullptr) {
+        __dlog_printfex(KY_DLOG_NOTICE, kSource, rules.function, "%s", poll.logLine);
     }
 }
 
@@ -44,7 +44,7 @@ void KyTransferMonitor::Watch(Transaction::Kind kind, unsigned long long request
     try {
         Run(RulesOf(kind), request);
     } catch (...) {
-        m_record.EndMonitorWithoutMemory(request);
+        m_record.FailMonitorOutOfMemory(request);
     }
 }
 
@@ -58,16 +58,16 @@ void KyTransferMonitor::Run(const MonitorRules& rules, unsigned long long reques
     while (goOn) {
         const Poll poll = m_record.PollFile(rules, request, end, sizeLogged);
         LogPoll(rules, poll, sizeLogged);
-        if (poll.end == Poll::LEAVE) return;
-        timedOut = poll.end == Poll::TIMED_OUT;
+        if (poll.result == Poll::EXIT) return;
+        timedOut = poll.result == Poll::TIMED_OUT;
         if (timedOut) break;
-        if (m_pauseMs != 0) m_record.Wait(poll.change, m_pauseMs);
+        if (m_pauseMs != 0) m_record.WaitForChange(poll.changeCount, m_pauseMs);
         // Returns at once while the flag is set. Otherwise this is the second that the worker is given.
         SleepUnlessStopped(1, m_active);
         goOn = m_active && WallClockSeconds() < end;
     }
-    m_record.EndByTime(rules, request, timedOut);
-    __dlog_printfex(KY_DLOG_NOTICE, kSource, rules.function, "%s", rules.finalFarewell);
+    m_record.EndTimedOut(rules, request, timedOut);
+    __dlog_printfex(KY_DLOG_NOTICE, kSource, rules.function, "%s", rules.finalLog);
 }
 
 void KyTransferMonitor::HoldForPush() {

@@ -3,7 +3,7 @@
 
 #include <atomic>
 
-#include "engine/KyTransactionRecord.h"
+#include "engine/KyStatusRecord.h"
 
 namespace ky_engine {
 
@@ -16,7 +16,7 @@ namespace ky_engine {
 class KyTransferMonitor {
 public:
     /// @param active  the engine's flag; belongs to the engine
-    KyTransferMonitor(KyTransactionRecord& record, const std::atomic<bool>& active)
+    KyTransferMonitor(KyStatusRecord& record, const std::atomic<bool>& active)
         : m_record(record), m_active(active) {}
 
     /// @param milliseconds  between two polls; 0, the default, for none
@@ -36,7 +36,7 @@ private:
     void Run(const MonitorRules& rules, unsigned long long request);
     void Hold();
 
-    KyTransactionRecord& m_record;
+    KyStatusRecord& m_record;
     const std::atomic<bool>& m_active;
     std::atomic<unsigned int> m_pauseMs{0};
 };

@@ -1,5 +1,5 @@
-#ifndef ENGINE_KYTRANSACTIONRECORD_H
-#define ENGINE_KYTRANSACTIONRECORD_H
+#ifndef ENGINE_KYSTATUSRECORD_H
+#define ENGINE_KYSTATUSRECORD_H
 
 #include <pthread.h>
 
@@ -17,16 +17,16 @@ namespace ky_engine {
 
 /// What distinguishes the two monitors. Null texts are not logged or recorded.
 struct MonitorRules {
-    const char* function;           ///< named in log lines
-    Transaction::Kind kind;         ///< FETCH or LISTING
-    long long limitSeconds;         ///< how long a transaction may take
-    const char* arrivedText;        ///< recorded when the whole file has landed
-    const char* arrivedFarewell;    ///< logged then
-    const char* completedFarewell;  ///< logged if the worker has completed the transaction
-    const char* noneFarewell;       ///< logged if there is no transaction
-    const char* timeOutText;        ///< recorded at once when a poll finds the limit passed
-    const char* finalText;          ///< recorded at the end otherwise
-    const char* finalFarewell;      ///< logged then
+    const char* function;            ///< named in log lines
+    Transaction::Kind kind;          ///< FETCH or LISTING
+    long long limitSeconds;          ///< how long a transaction may take
+    const char* completeText;        ///< recorded when the whole file has landed
+    const char* completeLog;         ///< logged then
+    const char* workerCompletedLog;  ///< logged if the worker has completed the transaction
+    const char* noTransactionLog;    ///< logged if there is no transaction
+    const char* timeOutText;         ///< recorded at once when a poll finds the limit passed
+    const char* finalText;           ///< recorded at the end otherwise
+    const char* finalLog;            ///< logged then
 };
 
 /// The limits and texts of a fetch or of a listing.
@@ -34,22 +34,22 @@ const MonitorRules& RulesOf(Transaction::Kind kind);
 
 /// What one poll of a monitor has found.
 struct Poll {
-    enum End { GO_ON, LEAVE, TIMED_OUT };
+    enum Result { CONTINUE, EXIT, TIMED_OUT };
 
-    End end = GO_ON;
-    const char* farewell = nullptr;  ///< to be logged by a monitor that leaves
-    unsigned int size = 0;           ///< of the arriving file, in bytes
+    Result result = CONTINUE;
+    const char* logLine = nullptr;  ///< to be logged by a monitor that leaves
+    unsigned int size = 0;          ///< of the arriving file, in bytes
     unsigned int expectedSize = 0;
-    bool newSize = false;           ///< the size is to be logged
-    std::string path;               ///< of the arriving file, if its size or the time-out is to be logged
-    unsigned long long change = 0;  ///< for KyTransactionRecord::Wait
+    bool logSize = false;  ///< the size is to be logged
+    std::string path;      ///< of the arriving file, if its size or the time-out is to be logged
+    unsigned long long changeCount = 0;  ///< for KyStatusRecord::Wait
 };
 
 /// What a worker has to do with the file that it has fetched.
-enum class Arrival {
+enum class FetchOutcome {
     MISSING,     ///< there is none
-    OTHER_SIZE,  ///< it is not the one that was expected
-    WHOLE,       ///< move it
+    WRONG_SIZE,  ///< it is not the one that was expected
+    COMPLETE,    ///< move it
     REPLACED,    ///< it has been removed: another transaction is current
 };
 
@@ -91,12 +91,12 @@ enum class Arrival {
 ///
 /// All operations may be called from any thread, and may throw std::bad_alloc. None blocks but for the mutex, one
 /// `stat` or `unlink`, Wait, and where a claimed file is waited for. The request mutex is a leaf.
-class KyTransactionRecord {
+class KyStatusRecord {
 public:
-    explicit KyTransactionRecord(KyTferClientMembers& members);
-    ~KyTransactionRecord();
-    KyTransactionRecord(const KyTransactionRecord&) = delete;
-    KyTransactionRecord& operator=(const KyTransactionRecord&) = delete;
+    explicit KyStatusRecord(KyTferClientMembers& members);
+    ~KyStatusRecord();
+    KyStatusRecord(const KyStatusRecord&) = delete;
+    KyStatusRecord& operator=(const KyStatusRecord&) = delete;
 
     /// A copy of the record. Ends a transaction without a monitor whose deadline has passed.
     KyTferStatusMsg Copy();
@@ -128,12 +128,12 @@ public:
     /// The file to push could not be staged.
     void FailStaging(const std::string& text, KyTferStatusMsg& result);
     /// The card has written this size to the device's point.
-    void WroteSize(unsigned int size);
+    void SetWrittenSize(unsigned int size);
     /// @param announced  the device has taken size and name; otherwise the row is a failed one
     Transaction AcceptPush(Transaction push, bool announced, KyTferStatusMsg& result);
 
     /// No monitor thread could be started for this request.
-    void Unwatch(unsigned long long request);
+    void SetUnmonitored(unsigned long long request);
 
     /// Ends the current transaction as failed, or the push that the record shows. If a worker is moving its file,
     /// waits until it is complete; then there is nothing to end.
@@ -153,22 +153,22 @@ public:
     // transaction is current. `repeated` tells whether the device has answered before, `early` whether the answer
     // is one that was kept.
 
-    std::optional<Transaction> Ready(bool& repeated);
-    std::optional<Transaction> NameListing(const std::string& name, bool early, bool& repeated);
+    std::optional<Transaction> AcceptReady(bool& repeated);
+    std::optional<Transaction> SetListingFile(const std::string& name, bool early, bool& repeated);
     /// "NONE": the device has no listing.
     void NoListing(bool early);
-    void SizeChanged(unsigned int size, bool echo);
+    void SetAnnouncedSize(unsigned int size, bool echo);
 
     // Workers.
 
     /// @return false if the transaction has been replaced
-    bool Begin(const Transaction& job);
+    bool BeginWorker(const Transaction& job);
     /// Decides what becomes of the file that was fetched. Sets the job's expected size, and its `worker` to
     /// CLAIMED if it is to write the last row.
-    Arrival Claim(Transaction& job, bool present, unsigned long long size);
+    FetchOutcome Claim(Transaction& job, bool present, unsigned long long size);
     /// @return false if the device must not be told, because the transaction has been replaced
-    bool Fail(const Transaction& job, const std::string& text);
-    void Complete(const Transaction& job, const std::string& text);
+    bool FailFetch(const Transaction& job, const std::string& text);
+    void CompleteFetch(const Transaction& job, const std::string& text);
     void EndPush(const Transaction& push, bool pushed);
 
     // Monitors.
@@ -177,9 +177,9 @@ public:
     Poll PollFile(const MonitorRules& rules, unsigned long long request, long long end,
                   unsigned int sizeLogged);
     /// The monitor's last row.
-    void EndByTime(const MonitorRules& rules, unsigned long long request, bool afterTimeOut);
+    void EndTimedOut(const MonitorRules& rules, unsigned long long request, bool afterTimeOut);
     /// Waits until something has happened since the poll that gave `change`, or the time is over.
-    void Wait(unsigned long long change, unsigned int milliseconds);
+    void WaitForChange(unsigned long long changeCount, unsigned int milliseconds);
     /// Ends all waits, for Stop.
     void WakeMonitors();
 
@@ -194,8 +194,8 @@ public:
 
     // A thread cannot go on because memory has run out.
 
-    void EndWorkerWithoutMemory(const Transaction& job);
-    void EndMonitorWithoutMemory(unsigned long long request);
+    void FailWorkerOutOfMemory(const Transaction& job);
+    void FailMonitorOutOfMemory(unsigned long long request);
 
 private:
     struct Reported {
@@ -205,40 +205,40 @@ private:
 
     bool IsOpen() const KY_REQUIRES(m_members.m_requestMutex);
     bool InProgress() const KY_REQUIRES(m_members.m_requestMutex);
-    bool Watches(unsigned long long request) const KY_REQUIRES(m_members.m_requestMutex);
+    bool IsMonitored(unsigned long long request) const KY_REQUIRES(m_members.m_requestMutex);
     const Reported* FindReported(unsigned long long number) const KY_REQUIRES(m_members.m_requestMutex);
-    void EndOverdue() KY_REQUIRES(m_members.m_requestMutex);
-    Transaction Answer(bool& repeated) KY_REQUIRES(m_members.m_requestMutex);
-    void Number(Transaction& transaction) const KY_REQUIRES(m_members.m_requestMutex);
-    static void Show(const Transaction& transaction, KyTferStatusMsg& row);
-    void Commit(KyTferStatusMsg& row, unsigned long long number) KY_REQUIRES(m_members.m_requestMutex);
-    void Write(const Transaction& transaction, KyTferStatusMsg::TferStatus status, std::string_view text)
-        KY_REQUIRES(m_members.m_requestMutex);
+    void EndIfOverdue() KY_REQUIRES(m_members.m_requestMutex);
+    Transaction NextJob(bool& repeated) KY_REQUIRES(m_members.m_requestMutex);
+    void AssignNumber(Transaction& transaction) const KY_REQUIRES(m_members.m_requestMutex);
+    static void Describe(const Transaction& transaction, KyTferStatusMsg& update);
+    void Commit(KyTferStatusMsg& update, unsigned long long number) KY_REQUIRES(m_members.m_requestMutex);
+    void WriteStatus(const Transaction& transaction, KyTferStatusMsg::TferStatus status,
+                     std::string_view text) KY_REQUIRES(m_members.m_requestMutex);
     void WriteInProgress() KY_REQUIRES(m_members.m_requestMutex);
     void Reopen() KY_REQUIRES(m_members.m_requestMutex);
     void EndCurrent() KY_REQUIRES(m_members.m_requestMutex);
-    void AwaitClaim() KY_REQUIRES(m_members.m_requestMutex);
-    void Wake() KY_REQUIRES(m_members.m_requestMutex);
-    void Drop(const Transaction& job) const KY_REQUIRES(m_members.m_requestMutex);
-    void FailWithoutMemory(const Transaction& job) KY_REQUIRES(m_members.m_requestMutex);
-    bool Measure(Poll& poll, unsigned int sizeLogged) const KY_REQUIRES(m_members.m_requestMutex);
+    void WaitForClaimedMove() KY_REQUIRES(m_members.m_requestMutex);
+    void NotifyChange() KY_REQUIRES(m_members.m_requestMutex);
+    void RemoveFetchedFile(const Transaction& job) const KY_REQUIRES(m_members.m_requestMutex);
+    void FailOutOfMemory(const Transaction& job) KY_REQUIRES(m_members.m_requestMutex);
+    bool MeasureFile(Poll& poll, unsigned int sizeLogged) const KY_REQUIRES(m_members.m_requestMutex);
 
     KyTferClientMembers& m_members;
     pthread_cond_t m_changed;
     std::atomic<KyTferStatusMsg::TferRequestType> m_requestType{KyTferStatusMsg::TFER_REQ_NONE};
 
     unsigned long long m_lastNumber KY_GUARDED_BY(m_members.m_requestMutex) = 0;
-    Transaction m_current KY_GUARDED_BY(m_members.m_requestMutex);  // the fetch or listing
-    Transaction m_before KY_GUARDED_BY(m_members.m_requestMutex);   // a reserved listing
+    Transaction m_current KY_GUARDED_BY(m_members.m_requestMutex);   // the fetch or listing
+    Transaction m_previous KY_GUARDED_BY(m_members.m_requestMutex);  // a reserved listing
     Transaction m_lastPush KY_GUARDED_BY(m_members.m_requestMutex);
     // Whose names are in the record.
-    unsigned long long m_shown KY_GUARDED_BY(m_members.m_requestMutex) = 0;
+    unsigned long long m_shownNumber KY_GUARDED_BY(m_members.m_requestMutex) = 0;
     bool m_listingReserved KY_GUARDED_BY(m_members.m_requestMutex) = false;
     std::string m_earlyAnswer KY_GUARDED_BY(m_members.m_requestMutex);
     // The last transactions that monitors have reported complete: their workers may still have to move the file.
     std::array<Reported, 8> m_reported KY_GUARDED_BY(m_members.m_requestMutex);
     std::size_t m_nextReported KY_GUARDED_BY(m_members.m_requestMutex) = 0;
-    unsigned long long m_changes KY_GUARDED_BY(m_members.m_requestMutex) = 0;
+    unsigned long long m_changeCount KY_GUARDED_BY(m_members.m_requestMutex) = 0;
 };
 
 }  // namespace ky_engine

@@ -1,5 +1,5 @@
-#ifndef ENGINE_KYDEVICEPOINTS_H
-#define ENGINE_KYDEVICEPOINTS_H
+#ifndef ENGINE_KYDEVICEACCESS_H
+#define ENGINE_KYDEVICEACCESS_H
 
 #include <array>
 #include <atomic>
@@ -14,10 +14,10 @@ namespace ky_engine {
 ///
 /// Every operation blocks as long as the proxy does. An operation without a proxy fails, and so does one whose
 /// proxy throws, which is logged. Any thread may call any operation.
-class KyDevicePoints {
+class KyDeviceAccess {
 public:
     /// The arguments belong to the engine and outlive the points.
-    KyDevicePoints(const std::atomic<KyPldProxy*>& proxy, const std::atomic<unsigned short>& deviceId,
+    KyDeviceAccess(const std::atomic<KyPldProxy*>& proxy, const std::atomic<unsigned short>& deviceId,
                    const std::atomic<unsigned short>& mmIdx);
 
     // Each returns the proxy's status, 0 for success. A failed read leaves `value` as it was.
@@ -36,24 +36,25 @@ public:
     void FetchFile(const std::string& name) const;
 
     /// @return true if the device has taken the file
-    bool PushFile(const std::string& directory, const std::string& name, const std::string& xferName) const;
+    bool PushFile(const std::string& directory, const std::string& name,
+                  const std::string& transferName) const;
 
     /// Ends a file call that is under way, if the platform can.
     void AbortTransfer() const;
 
     /// True if a reported value is the echo of a write of our own: devices report those too, some of them when
     /// the write has long returned. An echo is expected once, for two seconds.
-    bool TakeEcho(unsigned short pointId, const std::string& value);
+    bool ConsumeEcho(unsigned short pointId, const std::string& value);
 
 private:
     struct OwnWrite {
-        std::size_t what = 0;  // a hash of point and value; 0 for none
-        long long until = 0;   // wall-clock seconds
+        std::size_t hash = 0;   // a hash of point and value; 0 for none
+        long long expires = 0;  // wall-clock seconds
     };
 
     int WriteText(const char* value, unsigned short pointId);
     void ExpectEcho(unsigned short pointId, const std::string& value);
-    void SettleEcho(unsigned short pointId, const std::string& value, int status);
+    void UpdateEcho(unsigned short pointId, const std::string& value, int status);
 
     const std::atomic<KyPldProxy*>& m_proxy;
     const std::atomic<unsigned short>& m_deviceId;

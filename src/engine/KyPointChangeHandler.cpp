@@ -1,4 +1,4 @@
-#include "engine/KyValueChanges.h"
+#include "engine/KyPointChangeHandler.h"
 
 #include <cstring>
 
@@ -10,16 +10,16 @@ namespace ky_engine {
 
 namespace {
 
-constexpr unsigned int kLongestString = 256;
+constexpr unsigned int kMaxStringUnits = 256;
 
 // Takes the low byte of each unit, up to the first that is 0. The units may stand at any address.
 void ConvertString(const void* units, unsigned int valLength, std::string& out) {
-    if (valLength > kLongestString) {
+    if (valLength > kMaxStringUnits) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "ConvertString",
                         "Parameter valLength(%d) is out of range (>256)", static_cast<int>(valLength));
         return;
     }
-    char text[2 * kLongestString] = {};
+    char text[2 * kMaxStringUnits] = {};
     const auto* bytes = static_cast<const unsigned char*>(units);
     for (unsigned int i = 0; i < valLength && bytes != nullptr; ++i) {
         unsigned short unit = 0;
@@ -36,7 +36,7 @@ bool BeginsWith(const std::string& text, const char* start) {
 
 // False, and the number 0, for a record without a value.
 template <typename Number>
-bool TakeNumber(const KyValChgInfo& info, Number& number) {
+bool ReadNumber(const KyValChgInfo& info, Number& number) {
     number = 0;
     if (info.value == nullptr) return false;
     memcpy(&number, info.value, sizeof number);
@@ -45,7 +45,7 @@ bool TakeNumber(const KyValChgInfo& info, Number& number) {
 
 }  // namespace
 
-void KyValueChanges::Take(const KyValChgInfo& info) {
+void KyPointChangeHandler::Handle(const KyValChgInfo& info) {
     switch (info.pntId) {
         case PNT_XFER_FILE_NAME:
             return FileNameChanged(info);
@@ -60,7 +60,7 @@ void KyValueChanges::Take(const KyValChgInfo& info) {
     }
 }
 
-void KyValueChanges::FileNameChanged(const KyValChgInfo& info) const {
+void KyPointChangeHandler::FileNameChanged(const KyValChgInfo& info) const {
     // The log shows the raw bytes of a value that is too long to convert.
     std::string text;
     if (info.value != nullptr) text.assign(static_cast<const char*>(info.value), info.valLength);
@@ -69,17 +69,17 @@ void KyValueChanges::FileNameChanged(const KyValChgInfo& info) const {
                     static_cast<long>(info.pntId), text.c_str());
 }
 
-void KyValueChanges::FileSizeChanged(const KyValChgInfo& info) {
+void KyPointChangeHandler::FileSizeChanged(const KyValChgInfo& info) {
     unsigned int size = 0;
-    if (!TakeNumber(info, size)) return;
+    if (!ReadNumber(info, size)) return;
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "val_tfer_filesize change pnt(%ld) changed(%d)",
                     static_cast<long>(PNT_XFER_FILE_SIZE), static_cast<int>(size));
-    m_record.SizeChanged(size, m_points.TakeEcho(PNT_XFER_FILE_SIZE, std::to_string(size)));
+    m_record.SetAnnouncedSize(size, m_device.ConsumeEcho(PNT_XFER_FILE_SIZE, std::to_string(size)));
 }
 
-void KyValueChanges::DmpSupportedChanged(const KyValChgInfo& info) const {
+void KyPointChangeHandler::DmpSupportedChanged(const KyValChgInfo& info) const {
     unsigned short value = 0;
-    if (info.mmIdx != m_members.m_maiMmIdx || !TakeNumber(info, value)) return;
+    if (info.mmIdx != m_members.m_maiMmIdx || !ReadNumber(info, value)) return;
     const bool supported = value != 0;
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange",
                     "st_mai_tfer_hmiDmpSupported pnt(%lu) mmIdx(%u) value changed(%s)",
@@ -88,11 +88,11 @@ void KyValueChanges::DmpSupportedChanged(const KyValChgInfo& info) const {
     SetDmpSupported(supported);
 }
 
-void KyValueChanges::FileRequestChanged(const KyValChgInfo& info) {
+void KyPointChangeHandler::FileRequestChanged(const KyValChgInfo& info) {
     std::string answer;
     ConvertString(info.value, info.valLength, answer);
     // The card writes the empty text before each value, and a device that reports the one reports the other.
-    const bool echo = m_cleared && m_points.TakeEcho(PNT_CLIENT_FILE_REQ, answer);
+    const bool echo = m_cleared && m_device.ConsumeEcho(PNT_CLIENT_FILE_REQ, answer);
     m_cleared = answer.empty();
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Client file req point(%ld) len(%d) newVal(%s)",
                     static_cast<long>(info.pntId), static_cast<int>(answer.size()), answer.c_str());
@@ -114,10 +114,10 @@ void KyValueChanges::FileRequestChanged(const KyValChgInfo& info) {
     current = answer;
     // The card's own outcomes and the cleared point need no action, but they do end a row of repeats.
     if (answer.empty() || answer == kRequestSuccess || answer == kRequestError) return;
-    ActOnAnswer(answer, echo);
+    HandleAnswer(answer, echo);
 }
 
-void KyValueChanges::ActOnAnswer(const std::string& answer, bool echo) {
+void KyPointChangeHandler::HandleAnswer(const std::string& answer, bool echo) {
     if (!echo && answer != kRequestDirectory && m_record.KeepEarlyAnswer(answer)) return;
     const KyTferStatusMsg::TferRequestType type = m_record.RequestType();
     switch (type) {

@@ -1,4 +1,4 @@
-#include "engine/KyDevicePoints.h"
+#include "engine/KyDeviceAccess.h"
 
 #include <exception>
 #include <functional>
@@ -52,12 +52,12 @@ void Abort(Proxy&, unsigned short, long) {}
 
 }  // namespace
 
-KyDevicePoints::KyDevicePoints(const std::atomic<KyPldProxy*>& proxy,
+KyDeviceAccess::KyDeviceAccess(const std::atomic<KyPldProxy*>& proxy,
                                const std::atomic<unsigned short>& deviceId,
                                const std::atomic<unsigned short>& mmIdx)
     : m_proxy(proxy), m_deviceId(deviceId), m_mmIdx(mmIdx) {}
 
-int KyDevicePoints::Read(unsigned int& value, unsigned short pointId) const {
+int KyDeviceAccess::Read(unsigned int& value, unsigned short pointId) const {
     return CallProxy(m_proxy, "GetMaiUint32", [&](KyPldProxy& proxy) {
         unsigned int read = 0;
         const int status = proxy.GetMaiUint32(read, m_deviceId, pointId, m_mmIdx, kIdx, kUom, kNorm);
@@ -66,17 +66,17 @@ int KyDevicePoints::Read(unsigned int& value, unsigned short pointId) const {
     });
 }
 
-int KyDevicePoints::Write(unsigned int value, unsigned short pointId) {
+int KyDeviceAccess::Write(unsigned int value, unsigned short pointId) {
     ExpectEcho(pointId, std::to_string(value));
     const int status = CallProxy(m_proxy, "SetMaiUint32", [&](KyPldProxy& proxy) {
         return proxy.SetMaiUint32(value, m_deviceId, pointId, m_mmIdx, kIdx, kUom, kNorm,
                                   kUint32WriteTimeout);
     });
-    SettleEcho(pointId, std::to_string(value), status);
+    UpdateEcho(pointId, std::to_string(value), status);
     return status;
 }
 
-int KyDevicePoints::ReadText(std::string& value, unsigned short pointId, unsigned short mmIdx) const {
+int KyDeviceAccess::ReadText(std::string& value, unsigned short pointId, unsigned short mmIdx) const {
     return CallProxy(m_proxy, "GetMaiString", [&](KyPldProxy& proxy) {
         std::string read;
         const int status = proxy.GetMaiString(read, m_deviceId, pointId, mmIdx, kIdx, kUom, kNorm, kOption);
@@ -85,19 +85,19 @@ int KyDevicePoints::ReadText(std::string& value, unsigned short pointId, unsigne
     });
 }
 
-int KyDevicePoints::WriteText(const char* value, unsigned short pointId) {
+int KyDeviceAccess::WriteText(const char* value, unsigned short pointId) {
     return CallProxy(m_proxy, "SetMaiString", [&](KyPldProxy& proxy) {
         return proxy.SetMaiString(value, m_deviceId, pointId, m_mmIdx, kIdx, kUom, kNorm, kOption,
                                   kStringWriteTimeout);
     });
 }
 
-int KyDevicePoints::Send(const std::string& value, unsigned short pointId) {
+int KyDeviceAccess::Send(const std::string& value, unsigned short pointId) {
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "MaiStringSend", "Send value(%s)", value.c_str());
     WriteText("", pointId);
     ExpectEcho(pointId, value);
     const int status = WriteText(value.c_str(), pointId);
-    SettleEcho(pointId, value, status);
+    UpdateEcho(pointId, value, status);
     if (status != 0) {
         __dlog_printfex(
             KY_DLOG_ERROR, kSource, "MaiStringSend",
@@ -109,60 +109,60 @@ int KyDevicePoints::Send(const std::string& value, unsigned short pointId) {
     return status;
 }
 
-int KyDevicePoints::GetReport(unsigned int& reportId, unsigned short pointId) const {
+int KyDeviceAccess::GetReport(unsigned int& reportId, unsigned short pointId) const {
     return CallProxy(m_proxy, "GetPointReportId", [&](KyPldProxy& proxy) {
         return proxy.GetPointReportId(reportId, m_deviceId, pointId);
     });
 }
 
-int KyDevicePoints::GetModuleCount(unsigned int& count, unsigned int reportId) const {
+int KyDeviceAccess::GetModuleCount(unsigned int& count, unsigned int reportId) const {
     return CallProxy(m_proxy, "GetMaxModuleCount", [&](KyPldProxy& proxy) {
         return proxy.GetMaxModuleCount(count, m_deviceId, static_cast<unsigned short>(reportId & 0xFFFF));
     });
 }
 
-void KyDevicePoints::FetchFile(const std::string& name) const {
+void KyDeviceAccess::FetchFile(const std::string& name) const {
     CallProxy(m_proxy, "GetDevFile",
               [&](KyPldProxy& proxy) { return proxy.GetDevFile(m_deviceId, std::string(), name) ? 0 : 1; });
 }
 
-bool KyDevicePoints::PushFile(const std::string& directory, const std::string& name,
-                              const std::string& xferName) const {
+bool KyDeviceAccess::PushFile(const std::string& directory, const std::string& name,
+                              const std::string& transferName) const {
     return CallProxy(m_proxy, "PutDevFile", [&](KyPldProxy& proxy) {
-               return proxy.PutDevFile(m_deviceId, directory, name, xferName) ? 0 : 1;
+               return proxy.PutDevFile(m_deviceId, directory, name, transferName) ? 0 : 1;
            }) == 0;
 }
 
-void KyDevicePoints::AbortTransfer() const {
+void KyDeviceAccess::AbortTransfer() const {
     CallProxy(m_proxy, "AbortTransfer", [&](KyPldProxy& proxy) {
         Abort(proxy, m_deviceId, 0);
         return 0;
     });
 }
 
-void KyDevicePoints::ExpectEcho(unsigned short pointId, const std::string& value) {
+void KyDeviceAccess::ExpectEcho(unsigned short pointId, const std::string& value) {
     const std::lock_guard<std::mutex> lock(m_ownWritesMutex);
     m_ownWrites[m_nextOwnWrite++ % m_ownWrites.size()] = {HashOf(pointId, value),
                                                           WallClockSeconds() + kEchoSeconds};
 }
 
 // The echo may come before the write returns, and a write may take longer than the echo is expected.
-void KyDevicePoints::SettleEcho(unsigned short pointId, const std::string& value, int status) {
-    const std::size_t what = HashOf(pointId, value);
-    const long long until = WallClockSeconds() + kEchoSeconds;
+void KyDeviceAccess::UpdateEcho(unsigned short pointId, const std::string& value, int status) {
+    const std::size_t hash = HashOf(pointId, value);
+    const long long expires = WallClockSeconds() + kEchoSeconds;
     const std::lock_guard<std::mutex> lock(m_ownWritesMutex);
     for (OwnWrite& write : m_ownWrites) {
-        if (write.what == what) write.until = status == 0 ? until : 0;
+        if (write.hash == hash) write.expires = status == 0 ? expires : 0;
     }
 }
 
-bool KyDevicePoints::TakeEcho(unsigned short pointId, const std::string& value) {
-    const std::size_t what = HashOf(pointId, value);
+bool KyDeviceAccess::ConsumeEcho(unsigned short pointId, const std::string& value) {
+    const std::size_t hash = HashOf(pointId, value);
     const long long now = WallClockSeconds();
     const std::lock_guard<std::mutex> lock(m_ownWritesMutex);
     for (OwnWrite& write : m_ownWrites) {
-        if (write.what != what || write.until < now) continue;
-        write.what = 0;
+        if (write.hash != hash || write.expires < now) continue;
+        write.hash = 0;
         return true;
     }
     return false;

@@ -1,4 +1,4 @@
-#include "engine/KyTransactionRecord.h"
+#include "engine/KyStatusRecord.h"
 
 #include <unistd.h>
 
@@ -45,79 +45,80 @@ const MonitorRules& RulesOf(Transaction::Kind kind) {
     return kind == Transaction::FETCH ? kFetchRules : kListingRules;
 }
 
-KyTransactionRecord::KyTransactionRecord(KyTferClientMembers& members) : m_members(members) {
+KyStatusRecord::KyStatusRecord(KyTferClientMembers& members) : m_members(members) {
     InitCondition(m_changed);
 }
 
-KyTransactionRecord::~KyTransactionRecord() {
+KyStatusRecord::~KyStatusRecord() {
     pthread_cond_destroy(&m_changed);
 }
 
-Status KyTransactionRecord::Copy() {
+Status KyStatusRecord::Copy() {
     KyRequestLock lock(m_members.m_requestMutex);
-    EndOverdue();
+    EndIfOverdue();
     return m_members.m_status;
 }
 
-unsigned int KyTransactionRecord::XferFileSize() {
+unsigned int KyStatusRecord::XferFileSize() {
     KyRequestLock lock(m_members.m_requestMutex);
     return m_members.m_xferFileSize;
 }
 
 // --- What the rules ask
 
-bool KyTransactionRecord::IsOpen() const {
+bool KyStatusRecord::IsOpen() const {
     return m_current.kind != Transaction::NONE && !m_current.ended;
 }
 
-bool KyTransactionRecord::InProgress() const {
-    const bool hidden = IsOpen() && m_shown != m_current.number;
+bool KyStatusRecord::InProgress() const {
+    const bool hidden = IsOpen() && m_shownNumber != m_current.number;
     return hidden || m_members.m_status.GetStatus() == Status::TFER_STATUS_INPROGRESS;
 }
 
-bool KyTransactionRecord::Watches(unsigned long long request) const {
-    return request == m_current.request && m_current.watched && m_current.worker != Transaction::COMPLETED;
+bool KyStatusRecord::IsMonitored(unsigned long long request) const {
+    return request == m_current.requestNumber && m_current.monitored &&
+           m_current.worker != Transaction::COMPLETED;
 }
 
-const KyTransactionRecord::Reported* KyTransactionRecord::FindReported(unsigned long long number) const {
+const KyStatusRecord::Reported* KyStatusRecord::FindReported(unsigned long long number) const {
     for (const Reported& reported : m_reported) {
         if (number != 0 && reported.number == number) return &reported;
     }
     return nullptr;
 }
 
-bool KyTransactionRecord::IsCurrent(unsigned long long number) {
+bool KyStatusRecord::IsCurrent(unsigned long long number) {
     KyRequestLock lock(m_members.m_requestMutex);
     return number == m_current.number;
 }
 
 // --- Writing rows
 
-// Puts into `row` what the transaction is about.
-void KyTransactionRecord::Show(const Transaction& transaction, Status& row) {
+// Puts into `update` what the transaction is about.
+void KyStatusRecord::Describe(const Transaction& transaction, Status& update) {
     const bool delivered = transaction.worker == Transaction::COMPLETED;
-    row.SetFilePath(delivered ? transaction.downloadDirectory : transaction.directory);
-    row.SetXferFileName(transaction.name);
-    row.SetBytesRequested(transaction.expectedSize);
-    if (!transaction.originalName.empty()) row.SetOrigFileName(transaction.originalName);
-    if (transaction.kind != Transaction::PUSH) row.SetReqType(TypeOf(transaction.kind));
+    update.SetFilePath(delivered ? transaction.downloadDirectory : transaction.directory);
+    update.SetXferFileName(transaction.transferName);
+    update.SetBytesRequested(transaction.expectedSize);
+    if (!transaction.originalName.empty()) update.SetOrigFileName(transaction.originalName);
+    if (transaction.kind != Transaction::PUSH) update.SetReqType(TypeOf(transaction.kind));
 }
 
-void KyTransactionRecord::Commit(Status& row, unsigned long long number) {
-    m_members.m_status.Swap(row);
+void KyStatusRecord::Commit(Status& update, unsigned long long number) {
+    m_members.m_status.Swap(update);
     m_requestType = m_members.m_status.GetReqType();
-    m_shown = number;
+    m_shownNumber = number;
 }
 
 // A monitor writes the same again and again, for which no memory is taken.
-void KyTransactionRecord::Write(const Transaction& transaction, Status::TferStatus status,
-                                std::string_view text) {
+void KyStatusRecord::WriteStatus(const Transaction& transaction, Status::TferStatus status,
+                                 std::string_view text) {
     Status& record = m_members.m_status;
-    if (m_shown != transaction.number) {
-        Status row(record);
-        Show(transaction, row);
-        row.SetStatusMsg(std::string(text));
-        Commit(row, transaction.number);
+    if (m_shownNumber != transaction.number) {
+        Status update(record);
+        Describe(transaction, update);
+        update.SetStatusMsg(std::string(text));
+        Commit(update, transaction.number);
     } else if (record.GetStatusMsg() != text) {
         record.SetStatusMsg(std::string(text));
     }
@@ -126,128 +127,128 @@ void KyTransactionRecord::Write(const Transaction& transaction, Status::TferStat
 }
 
 // The text stays as it was.
-void KyTransactionRecord::WriteInProgress() {
-    const bool shown = m_shown == m_current.number;
+void KyStatusRecord::WriteInProgress() {
+    const bool shown = m_shownNumber == m_current.number;
     const std::string_view text =
         shown ? std::string_view(m_members.m_status.GetStatusMsg()) : kNothingToReport;
-    Write(m_current, Status::TFER_STATUS_INPROGRESS, text);
+    WriteStatus(m_current, Status::TFER_STATUS_INPROGRESS, text);
 }
 
-void KyTransactionRecord::EndCurrent() {
+void KyStatusRecord::EndCurrent() {
     m_current.ended = true;
     m_listingReserved = false;
     m_members.m_transactionActive = false;
-    Wake();
+    NotifyChange();
 }
 
-// A worker has the whole file, and is about to write the last row.
-void KyTransactionRecord::AwaitClaim() {
+// A worker has the whole file, and is about to write the last update.
+void KyStatusRecord::WaitForClaimedMove() {
     while (IsOpen() && m_current.worker == Transaction::CLAIMED)
         pthread_cond_wait(&m_changed, m_members.m_requestMutex.Native());
 }
 
 // The monitor may have left.
-void KyTransactionRecord::Reopen() {
+void KyStatusRecord::Reopen() {
     if (!m_current.ended) return;
     m_current.ended = false;
-    m_current.watched = false;
+    m_current.monitored = false;
     m_current.deadline = WallClockSeconds() + RulesOf(m_current.kind).limitSeconds;
 }
 
-void KyTransactionRecord::EndOverdue() {
-    if (!IsOpen() || m_current.watched || m_current.worker != Transaction::OPEN) return;
+void KyStatusRecord::EndIfOverdue() {
+    if (!IsOpen() || m_current.monitored || m_current.worker != Transaction::UNCLAIMED) return;
     if (WallClockSeconds() <= m_current.deadline) return;
-    Write(m_current, Status::TFER_STATUS_FAIL, RulesOf(m_current.kind).finalText);
+    WriteStatus(m_current, Status::TFER_STATUS_FAIL, RulesOf(m_current.kind).finalText);
     EndCurrent();
 }
 
 // --- Requests
 
-void KyTransactionRecord::Number(Transaction& transaction) const {
-    transaction.number = transaction.request = m_lastNumber + 1;
+void KyStatusRecord::AssignNumber(Transaction& transaction) const {
+    transaction.number = transaction.requestNumber = m_lastNumber + 1;
     transaction.deadline = WallClockSeconds() + RulesOf(transaction.kind).limitSeconds;
 }
 
-std::optional<Transaction> KyTransactionRecord::AcceptFetch(const std::string& name, unsigned int size,
-                                                            Status& result) {
+std::optional<Transaction> KyStatusRecord::AcceptFetch(const std::string& name, unsigned int size,
+                                                       Status& result) {
     Transaction fetch;
     fetch.kind = Transaction::FETCH;
-    fetch.Place(name, KyTferClientMembers::LandingDirectory());
+    fetch.SetFile(name, KyTferClientMembers::LandingDirectory());
     fetch.downloadDirectory = KyTferClientMembers::DownloadDirectory();
     fetch.expectedSize = size;
     KyRequestLock lock(m_members.m_requestMutex);
-    EndOverdue();
+    EndIfOverdue();
     if (InProgress()) return std::nullopt;
-    Number(fetch);
-    Status row(m_members.m_status);
-    Show(fetch, row);
-    row.SetStatus(Status::TFER_STATUS_INPROGRESS);
+    AssignNumber(fetch);
+    Status update(m_members.m_status);
+    Describe(fetch, update);
+    update.SetStatus(Status::TFER_STATUS_INPROGRESS);
     Transaction job(fetch);
-    result = row;
+    result = update;
     m_lastNumber = fetch.number;
     m_current = std::move(fetch);
-    Commit(row, m_lastNumber);
+    Commit(update, m_lastNumber);
     m_members.m_xferFileSize = size;
     m_members.m_transactionActive = true;
     return job;
 }
 
 // The record does not tell of it yet.
-std::optional<Transaction> KyTransactionRecord::ReserveListing() {
+std::optional<Transaction> KyStatusRecord::ReserveListing() {
     Transaction listing;
     listing.kind = Transaction::LISTING;
     listing.originalName = kRequestDirectory;
-    listing.Place(kRequestDirectory, KyTferClientMembers::LandingDirectory());
+    listing.SetFile(kRequestDirectory, KyTferClientMembers::LandingDirectory());
     listing.downloadDirectory = KyTferClientMembers::DownloadDirectory();
     KyRequestLock lock(m_members.m_requestMutex);
-    EndOverdue();
+    EndIfOverdue();
     if (InProgress()) return std::nullopt;
-    Number(listing);
+    AssignNumber(listing);
     listing.expectedSize = m_members.m_status.GetBytesRequested();
     Transaction job(listing);
     m_lastNumber = listing.number;
-    m_before = std::exchange(m_current, std::move(listing));
+    m_previous = std::exchange(m_current, std::move(listing));
     m_earlyAnswer.clear();
     m_listingReserved = true;
     return job;
 }
 
-bool KyTransactionRecord::AcceptListing(const Transaction& listing, Status& result) {
+bool KyStatusRecord::AcceptListing(const Transaction& listing, Status& result) {
     KyRequestLock lock(m_members.m_requestMutex);
-    Status row(m_members.m_status);
+    Status update(m_members.m_status);
     const bool current = listing.number == m_current.number;
     if (current) {
-        Show(m_current, row);
-        row.SetStatus(Status::TFER_STATUS_INPROGRESS);
-        row.SetStatusMsg(std::string(kListingRequested));
-        row.SetBytesTransfered(0);
+        Describe(m_current, update);
+        update.SetStatus(Status::TFER_STATUS_INPROGRESS);
+        update.SetStatusMsg(std::string(kListingRequested));
+        update.SetBytesTransfered(0);
     }
-    result = row;
+    result = update;
     if (!current) return false;
-    Commit(row, listing.number);
+    Commit(update, listing.number);
     m_members.m_transactionActive = true;
     return true;
 }
 
 // The record keeps its status. Only its kind is forgotten, so that no late answer of the device starts a worker.
-void KyTransactionRecord::RefuseListing(const Transaction& listing) {
+void KyStatusRecord::RefuseListing(const Transaction& listing) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (listing.number != m_current.number) return;
     m_listingReserved = false;
-    m_current = std::move(m_before);
-    m_current.watched = false;  // its monitor may have left meanwhile
+    m_current = std::move(m_previous);
+    m_current.monitored = false;  // its monitor may have left meanwhile
     m_members.m_status.SetReqType(Status::TFER_REQ_NONE);
     m_requestType = Status::TFER_REQ_NONE;
 }
 
 // A "READY" is an answer to the transaction before.
-bool KyTransactionRecord::KeepEarlyAnswer(const std::string& answer) {
+bool KyStatusRecord::KeepEarlyAnswer(const std::string& answer) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (m_listingReserved && answer != kRequestReady) m_earlyAnswer = answer;
     return m_listingReserved;
 }
 
-std::string KyTransactionRecord::TakeEarlyAnswer() {
+std::string KyStatusRecord::TakeEarlyAnswer() {
     std::string answer;
     KyRequestLock lock(m_members.m_requestMutex);
     answer.swap(m_earlyAnswer);
@@ -255,68 +256,68 @@ std::string KyTransactionRecord::TakeEarlyAnswer() {
     return answer;
 }
 
-void KyTransactionRecord::Unwatch(unsigned long long request) {
+void KyStatusRecord::SetUnmonitored(unsigned long long request) {
     KyRequestLock lock(m_members.m_requestMutex);
-    if (request != m_current.request) return;
-    m_current.watched = false;
+    if (request != m_current.requestNumber) return;
+    m_current.monitored = false;
     // Its worker may have failed it already, and has left the end to the monitor.
     const bool failed =
-        m_shown == m_current.number && m_members.m_status.GetStatus() == Status::TFER_STATUS_FAIL;
+        m_shownNumber == m_current.number && m_members.m_status.GetStatus() == Status::TFER_STATUS_FAIL;
     if (failed) EndCurrent();
 }
 
-void KyTransactionRecord::WroteSize(unsigned int size) {
+void KyStatusRecord::SetWrittenSize(unsigned int size) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (!IsOpen()) m_members.m_xferFileSize = size;
 }
 
 // The names in the record stay, as nothing has been agreed with the device.
-void KyTransactionRecord::FailStaging(const std::string& text, Status& result) {
+void KyStatusRecord::FailStaging(const std::string& text, Status& result) {
     KyRequestLock lock(m_members.m_requestMutex);
-    Status row(m_members.m_status);
-    row.SetStatus(Status::TFER_STATUS_FAIL);
-    row.SetStatusMsg(text);
-    row.SetBytesTransfered(0);
-    result = row;
-    Commit(row, ++m_lastNumber);
+    Status update(m_members.m_status);
+    update.SetStatus(Status::TFER_STATUS_FAIL);
+    update.SetStatusMsg(text);
+    update.SetBytesTransfered(0);
+    result = update;
+    Commit(update, ++m_lastNumber);
 }
 
-Transaction KyTransactionRecord::AcceptPush(Transaction push, bool announced, Status& result) {
+Transaction KyStatusRecord::AcceptPush(Transaction push, bool announced, Status& result) {
     KyRequestLock lock(m_members.m_requestMutex);
-    Number(push);
-    Status row(m_members.m_status);
-    Show(push, row);
-    row.SetStatus(announced ? Status::TFER_STATUS_INPROGRESS : Status::TFER_STATUS_FAIL);
-    row.SetStatusMsg(std::string(announced ? kPushInProgress : kRequestFailed));
+    AssignNumber(push);
+    Status update(m_members.m_status);
+    Describe(push, update);
+    update.SetStatus(announced ? Status::TFER_STATUS_INPROGRESS : Status::TFER_STATUS_FAIL);
+    update.SetStatusMsg(std::string(announced ? kPushInProgress : kRequestFailed));
     Transaction kept(push);
-    result = row;
+    result = update;
     m_lastNumber = push.number;
     m_lastPush = std::move(kept);
-    Commit(row, m_lastNumber);
+    Commit(update, m_lastNumber);
     return push;
 }
 
-KyTransactionRecord::Abandoned KyTransactionRecord::Abandon(const std::string& text, Status& record) {
+KyStatusRecord::Abandoned KyStatusRecord::Abandon(const std::string& text, Status& record) {
     KyRequestLock lock(m_members.m_requestMutex);
-    AwaitClaim();
-    EndOverdue();
+    WaitForClaimedMove();
+    EndIfOverdue();
     Abandoned abandoned;
     abandoned.any = IsOpen() || m_members.m_status.GetStatus() == Status::TFER_STATUS_INPROGRESS;
-    Status row(m_members.m_status);
+    Status update(m_members.m_status);
     if (abandoned.any) {
-        Show(IsOpen() ? m_current : m_lastPush, row);
-        row.SetStatus(Status::TFER_STATUS_FAIL);
-        row.SetStatusMsg(text);
-        row.SetReqType(Status::TFER_REQ_NONE);
+        Describe(IsOpen() ? m_current : m_lastPush, update);
+        update.SetStatus(Status::TFER_STATUS_FAIL);
+        update.SetStatusMsg(text);
+        update.SetReqType(Status::TFER_REQ_NONE);
     }
-    record = row;
+    record = update;
     if (!abandoned.any) return abandoned;
     abandoned.unanswered = IsOpen() && !m_current.answered;
     Transaction none;
-    Number(none);
+    AssignNumber(none);
     m_lastNumber = abandoned.number = none.number;
     m_current = std::move(none);
-    Commit(row, m_lastNumber);
+    Commit(update, m_lastNumber);
     EndCurrent();
     return abandoned;
 }
@@ -324,76 +325,76 @@ KyTransactionRecord::Abandoned KyTransactionRecord::Abandon(const std::string& t
 // --- The device
 
 // The job of one more worker for the current transaction.
-Transaction KyTransactionRecord::Answer(bool& repeated) {
+Transaction KyStatusRecord::NextJob(bool& repeated) {
     Transaction job(m_current);
-    job.worker = Transaction::OPEN;
+    job.worker = Transaction::UNCLAIMED;
     repeated = std::exchange(m_current.answered, true);
     return job;
 }
 
-std::optional<Transaction> KyTransactionRecord::Ready(bool& repeated) {
+std::optional<Transaction> KyStatusRecord::AcceptReady(bool& repeated) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (m_current.kind != Transaction::FETCH) return std::nullopt;
-    return Answer(repeated);
+    return NextJob(repeated);
 }
 
-std::optional<Transaction> KyTransactionRecord::NameListing(const std::string& name, bool early,
-                                                            bool& repeated) {
+std::optional<Transaction> KyStatusRecord::SetListingFile(const std::string& name, bool early,
+                                                          bool& repeated) {
     std::string xferFileName(name);
     KyRequestLock lock(m_members.m_requestMutex);
-    AwaitClaim();
+    WaitForClaimedMove();
     if (m_current.kind != Transaction::LISTING || early != m_listingReserved) return std::nullopt;
-    if (IsOpen() && m_current.answered && m_current.name == name) return Answer(repeated);
+    if (IsOpen() && m_current.answered && m_current.transferName == name) return NextJob(repeated);
     Transaction next(m_current);
     next.number = m_lastNumber + 1;
-    next.Place(name, m_current.directory);
+    next.SetFile(name, m_current.directory);
     next.expectedSize = m_members.m_xferFileSize;
     next.answered = true;
-    next.worker = Transaction::OPEN;
+    next.worker = Transaction::UNCLAIMED;
     Transaction job(next);
-    Status row(m_members.m_status);
-    Show(next, row);
-    if (row.GetStatus() != Status::TFER_STATUS_INPROGRESS || m_shown != m_current.number) {
-        row.SetStatus(Status::TFER_STATUS_INPROGRESS);
-        row.SetStatusMsg(std::string(kNothingToReport));
+    Status update(m_members.m_status);
+    Describe(next, update);
+    if (update.GetStatus() != Status::TFER_STATUS_INPROGRESS || m_shownNumber != m_current.number) {
+        update.SetStatus(Status::TFER_STATUS_INPROGRESS);
+        update.SetStatusMsg(std::string(kNothingToReport));
     }
     repeated = m_current.answered;
     m_lastNumber = next.number;
     m_current = std::move(next);
     Reopen();
-    Commit(row, m_lastNumber);
+    Commit(update, m_lastNumber);
     m_members.m_xferFileName.swap(xferFileName);
     return job;
 }
 
-void KyTransactionRecord::NoListing(bool early) {
+void KyStatusRecord::NoListing(bool early) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (m_current.kind != Transaction::LISTING || !IsOpen() || early != m_listingReserved) return;
-    if (!m_current.watched && m_current.worker == Transaction::OPEN) {
-        Write(m_current, Status::TFER_STATUS_FAIL, kListingRules.finalText);
+    if (!m_current.monitored && m_current.worker == Transaction::UNCLAIMED) {
+        WriteStatus(m_current, Status::TFER_STATUS_FAIL, kListingRules.finalText);
         m_current.ended = true;
     }
     m_members.m_transactionActive = false;
-    Wake();
+    NotifyChange();
 }
 
-void KyTransactionRecord::SizeChanged(unsigned int size, bool echo) {
+void KyStatusRecord::SetAnnouncedSize(unsigned int size, bool echo) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (IsOpen() && echo) return;
     // A file that has been reported complete had the right size.
     const bool unfinished =
-        m_current.worker == Transaction::OPEN && FindReported(m_current.number) == nullptr;
+        m_current.worker == Transaction::UNCLAIMED && FindReported(m_current.number) == nullptr;
     if (unfinished && !echo) m_current.expectedSize = size;
     m_members.m_xferFileSize = size;
-    if (!IsOpen() || m_shown == m_current.number) m_members.m_status.SetBytesRequested(size);
+    if (!IsOpen() || m_shownNumber == m_current.number) m_members.m_status.SetBytesRequested(size);
 }
 
 // --- Workers
 
-bool KyTransactionRecord::Begin(const Transaction& job) {
+bool KyStatusRecord::BeginWorker(const Transaction& job) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (job.number != m_current.number) return false;
-    if (m_current.worker != Transaction::OPEN) return true;
+    if (m_current.worker != Transaction::UNCLAIMED) return true;
     WriteInProgress();
     Reopen();
     // A file that had been there before was reported complete. What counts is the one that comes now.
@@ -404,176 +405,175 @@ bool KyTransactionRecord::Begin(const Transaction& job) {
 }
 
 // Removes what a replaced worker has landed, unless the current transaction lands at the same place.
-void KyTransactionRecord::Drop(const Transaction& job) const {
+void KyStatusRecord::RemoveFetchedFile(const Transaction& job) const {
     const bool othersFile = m_current.kind != Transaction::NONE && m_current.path == job.path &&
                             m_current.worker != Transaction::COMPLETED;
     if (!othersFile) unlink(job.path.c_str());
 }
 
-Arrival KyTransactionRecord::Claim(Transaction& job, bool present, unsigned long long size) {
+FetchOutcome KyStatusRecord::Claim(Transaction& job, bool present, unsigned long long size) {
     KyRequestLock lock(m_members.m_requestMutex);
     const bool current = job.number == m_current.number;
     const Reported* const reported = FindReported(job.number);
     if (!current && reported == nullptr) {
-        if (present) Drop(job);
-        return Arrival::REPLACED;
+        if (present) RemoveFetchedFile(job);
+        return FetchOutcome::REPLACED;
     }
     job.expectedSize = reported != nullptr ? reported->size : m_current.expectedSize;
-    if (!present) return Arrival::MISSING;
-    if (size != job.expectedSize) return Arrival::OTHER_SIZE;
-    if (!current || m_current.worker != Transaction::OPEN) return Arrival::WHOLE;
-    // Until the last row no other transaction may begin in the place of one that has failed or timed out.
+    if (!present) return FetchOutcome::MISSING;
+    if (size != job.expectedSize) return FetchOutcome::WRONG_SIZE;
+    if (!current || m_current.worker != Transaction::UNCLAIMED) return FetchOutcome::COMPLETE;
+    // Until the last update no other transaction may begin in the place of one that has failed or timed out.
     if (!m_current.ended || reported == nullptr) {
         WriteInProgress();
         m_current.ended = false;
     }
     m_current.worker = job.worker = Transaction::CLAIMED;
-    return Arrival::WHOLE;
+    return FetchOutcome::COMPLETE;
 }
 
 // Leaves the active flag set: a monitor that still runs goes on until its time limit.
-bool KyTransactionRecord::Fail(const Transaction& job, const std::string& text) {
+bool KyStatusRecord::FailFetch(const Transaction& job, const std::string& text) {
     KyRequestLock lock(m_members.m_requestMutex);
     const bool replaced = job.number != m_current.number;
     if (replaced && FindReported(job.number) != nullptr) return true;
-    if (replaced && !job.leavesDirectory) Drop(job);
+    if (replaced && !job.leavesDirectory) RemoveFetchedFile(job);
     if (replaced) return false;
-    if (m_current.worker != Transaction::OPEN) return true;
-    Write(m_current, Status::TFER_STATUS_FAIL, text);
+    if (m_current.worker != Transaction::UNCLAIMED) return true;
+    WriteStatus(m_current, Status::TFER_STATUS_FAIL, text);
     m_members.m_status.SetBytesTransfered(m_current.expectedSize);
-    if (!m_current.watched) m_current.ended = true;
-    Wake();
+    if (!m_current.monitored) m_current.ended = true;
+    NotifyChange();
     return true;
 }
 
-void KyTransactionRecord::Complete(const Transaction& job, const std::string& text) {
+void KyStatusRecord::CompleteFetch(const Transaction& job, const std::string& text) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (job.number != m_current.number) return;
-    Status row(m_members.m_status);
-    Show(m_current, row);
-    row.SetFilePath(job.downloadDirectory);
-    row.SetBytesTransfered(m_current.expectedSize);
-    row.SetStatus(Status::TFER_STATUS_COMPLETE);
-    row.SetStatusMsg(text);
-    Commit(row, m_current.number);
+    Status update(m_members.m_status);
+    Describe(m_current, update);
+    update.SetFilePath(job.downloadDirectory);
+    update.SetBytesTransfered(m_current.expectedSize);
+    update.SetStatus(Status::TFER_STATUS_COMPLETE);
+    update.SetStatusMsg(text);
+    Commit(update, m_current.number);
     m_current.worker = Transaction::COMPLETED;
     EndCurrent();
 }
 
-void KyTransactionRecord::EndPush(const Transaction& push, bool pushed) {
+void KyStatusRecord::EndPush(const Transaction& push, bool pushed) {
     KyRequestLock lock(m_members.m_requestMutex);
-    if (push.number < m_current.request) return;
-    Write(push, pushed ? Status::TFER_STATUS_COMPLETE : Status::TFER_STATUS_FAIL,
-          pushed ? kTransferComplete : kRequestFailed);
+    if (push.number < m_current.requestNumber) return;
+    WriteStatus(push, pushed ? Status::TFER_STATUS_COMPLETE : Status::TFER_STATUS_FAIL,
+                pushed ? kTransferComplete : kRequestFailed);
 }
 
 // --- Monitors
 
 // Looks whether the file is there. The size of a listing must have been announced before.
-bool KyTransactionRecord::Measure(Poll& poll, unsigned int sizeLogged) const {
+bool KyStatusRecord::MeasureFile(Poll& poll, unsigned int sizeLogged) const {
     poll.expectedSize = m_current.expectedSize;
     const bool measurable =
         m_current.kind == Transaction::FETCH || (m_current.answered && m_current.expectedSize != 0);
     unsigned long long size = 0;
     if (!measurable || m_current.leavesDirectory || !GetFileSize(m_current.path, size)) return false;
-    poll.size = CountOf(size);
-    poll.newSize = m_current.kind == Transaction::FETCH && poll.size != sizeLogged;
-    if (poll.newSize) poll.path = m_current.path;
+    poll.size = SaturateTo32Bits(size);
+    poll.logSize = m_current.kind == Transaction::FETCH && poll.size != sizeLogged;
+    if (poll.logSize) poll.path = m_current.path;
     return true;
 }
 
-Poll KyTransactionRecord::PollFile(const MonitorRules& rules, unsigned long long request, long long end,
-                                   unsigned int sizeLogged) {
+Poll KyStatusRecord::PollFile(const MonitorRules& rules, unsigned long long request, long long end,
+                              unsigned int sizeLogged) {
     Poll poll;
-    poll.end = Poll::LEAVE;
+    poll.result = Poll::EXIT;
     KyPollingLock lock(m_members.m_requestMutex);
-    poll.change = m_changes;
+    poll.changeCount = m_changeCount;
     if (m_members.m_status.GetStatus() == Status::TFER_STATUS_NONE) {
-        if (rules.noneFarewell != nullptr) m_members.m_transactionActive = false;
-        poll.farewell = rules.noneFarewell;
+        if (rules.noTransactionLog != nullptr) m_members.m_transactionActive = false;
+        poll.logLine = rules.noTransactionLog;
         return poll;
     }
     if (m_current.kind != rules.kind) return poll;
-    const bool completed = request == m_current.request && m_current.worker == Transaction::COMPLETED;
-    if (completed) poll.farewell = rules.completedFarewell;
-    if (!Watches(request) || m_current.ended) return poll;
+    const bool completed = request == m_current.requestNumber && m_current.worker == Transaction::COMPLETED;
+    if (completed) poll.logLine = rules.workerCompletedLog;
+    if (!IsMonitored(request) || m_current.ended) return poll;
 
-    const bool present = Measure(poll, sizeLogged);
+    const bool present = MeasureFile(poll, sizeLogged);
     if (present && poll.size == m_current.expectedSize) {
-        Write(m_current, Status::TFER_STATUS_COMPLETE, rules.arrivedText);
+        WriteStatus(m_current, Status::TFER_STATUS_COMPLETE, rules.completeText);
         m_members.m_status.SetBytesTransfered(poll.size);
         m_reported[m_nextReported++ % m_reported.size()] = {m_current.number, m_current.expectedSize};
         EndCurrent();
-        poll.farewell = rules.arrivedFarewell;
+        poll.logLine = rules.completeLog;
         return poll;
     }
-    Write(m_current, Status::TFER_STATUS_INPROGRESS, present ? kTransferInProgress : kNothingToReport);
+    WriteStatus(m_current, Status::TFER_STATUS_INPROGRESS, present ? kTransferInProgress : kNothingToReport);
     if (present) m_members.m_status.SetBytesTransfered(poll.size);
-    poll.end = Poll::GO_ON;
+    poll.result = Poll::CONTINUE;
     if (WallClockSeconds() <= end || m_current.worker == Transaction::CLAIMED) return poll;
 
-    poll.end = Poll::TIMED_OUT;
+    poll.result = Poll::TIMED_OUT;
     poll.path = m_current.path;
     poll.size = m_members.m_status.GetBytesTransfered();
     if (rules.timeOutText != nullptr) {
-        Write(m_current, Status::TFER_STATUS_FAIL, rules.timeOutText);
+        WriteStatus(m_current, Status::TFER_STATUS_FAIL, rules.timeOutText);
         EndCurrent();
     }
     return poll;
 }
 
 // After the time-out step, a worker or another name may have opened the transaction again.
-void KyTransactionRecord::EndByTime(const MonitorRules& rules, unsigned long long request,
-                                    bool afterTimeOut) {
+void KyStatusRecord::EndTimedOut(const MonitorRules& rules, unsigned long long request, bool afterTimeOut) {
     KyRequestLock lock(m_members.m_requestMutex);
-    const bool expected = !m_current.ended || (afterTimeOut && m_shown == m_current.number);
-    if (!Watches(request) || m_current.worker == Transaction::CLAIMED || !expected) return;
-    Write(m_current, Status::TFER_STATUS_FAIL, rules.finalText);
+    const bool expected = !m_current.ended || (afterTimeOut && m_shownNumber == m_current.number);
+    if (!IsMonitored(request) || m_current.worker == Transaction::CLAIMED || !expected) return;
+    WriteStatus(m_current, Status::TFER_STATUS_FAIL, rules.finalText);
     m_current.ended = true;
     if (rules.kind == Transaction::FETCH) m_members.m_transactionActive = false;
-    Wake();
+    NotifyChange();
 }
 
-void KyTransactionRecord::Wake() {
-    ++m_changes;
+void KyStatusRecord::NotifyChange() {
+    ++m_changeCount;
     pthread_cond_broadcast(&m_changed);
 }
 
-void KyTransactionRecord::WakeMonitors() {
+void KyStatusRecord::WakeMonitors() {
     KyRequestLock lock(m_members.m_requestMutex);
-    Wake();
+    NotifyChange();
 }
 
-void KyTransactionRecord::Wait(unsigned long long change, unsigned int milliseconds) {
+void KyStatusRecord::WaitForChange(unsigned long long changeCount, unsigned int milliseconds) {
     KyRequestLock lock(m_members.m_requestMutex);
-    if (m_changes == change) WaitFor(m_changed, m_members.m_requestMutex, milliseconds);
+    if (m_changeCount == changeCount) WaitFor(m_changed, m_members.m_requestMutex, milliseconds);
 }
 
 // --- Bodies on a user's threads
 
-Transaction KyTransactionRecord::Current() {
+Transaction KyStatusRecord::Current() {
     KyRequestLock lock(m_members.m_requestMutex);
     Transaction job(m_current);
-    job.worker = Transaction::OPEN;
+    job.worker = Transaction::UNCLAIMED;
     return job;
 }
 
-unsigned long long KyTransactionRecord::CurrentRequest() {
+unsigned long long KyStatusRecord::CurrentRequest() {
     KyRequestLock lock(m_members.m_requestMutex);
-    return m_current.request;
+    return m_current.requestNumber;
 }
 
-Transaction KyTransactionRecord::LastPush() {
+Transaction KyStatusRecord::LastPush() {
     KyRequestLock lock(m_members.m_requestMutex);
     return m_lastPush;
 }
 
-unsigned long long KyTransactionRecord::LastNumber() {
+unsigned long long KyStatusRecord::LastNumber() {
     KyRequestLock lock(m_members.m_requestMutex);
     return m_lastNumber;
 }
 
-bool KyTransactionRecord::HoldForPush(unsigned long long last, bool inProgress) {
+bool KyStatusRecord::HoldForPush(unsigned long long last, bool inProgress) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (last != m_lastNumber) return false;
     m_members.m_status.SetStatusMsg(std::string(inProgress ? kNothingToReport : kTimedOut));
@@ -584,29 +584,29 @@ bool KyTransactionRecord::HoldForPush(unsigned long long last, bool inProgress) 
 // --- Out of memory
 
 // The text is short enough to be stored in place.
-void KyTransactionRecord::FailWithoutMemory(const Transaction& job) {
-    if (m_shown == job.number) {
+void KyStatusRecord::FailOutOfMemory(const Transaction& job) {
+    if (m_shownNumber == job.number) {
         m_members.m_status.SetStatusMsg(std::string(kOutOfMemory));
         m_members.m_status.SetStatus(Status::TFER_STATUS_FAIL);
     }
     if (job.number != m_current.number) return;
-    m_current.worker = Transaction::OPEN;
+    m_current.worker = Transaction::UNCLAIMED;
     EndCurrent();
 }
 
-// A worker that has not written its last row has failed, even if a monitor has seen the whole file.
-void KyTransactionRecord::EndWorkerWithoutMemory(const Transaction& job) {
+// A worker that has not written its last update has failed, even if a monitor has seen the whole file.
+void KyStatusRecord::FailWorkerOutOfMemory(const Transaction& job) {
     KyRequestLock lock(m_members.m_requestMutex);
     const bool unfinished = job.kind == Transaction::PUSH
                                 ? m_members.m_status.GetStatus() == Status::TFER_STATUS_INPROGRESS
                                 : m_current.worker == job.worker;
-    if (unfinished) FailWithoutMemory(job);
+    if (unfinished) FailOutOfMemory(job);
 }
 
-void KyTransactionRecord::EndMonitorWithoutMemory(unsigned long long request) {
+void KyStatusRecord::FailMonitorOutOfMemory(unsigned long long request) {
     KyRequestLock lock(m_members.m_requestMutex);
-    const bool mine = Watches(request) && m_current.worker == Transaction::OPEN;
-    if (mine && !m_current.ended) FailWithoutMemory(m_current);
+    const bool mine = IsMonitored(request) && m_current.worker == Transaction::UNCLAIMED;
+    if (mine && !m_current.ended) FailOutOfMemory(m_current);
 }
 
 }  // namespace ky_engine

@@ -1,5 +1,5 @@
-#ifndef ENGINE_KYVALUECHANGES_H
-#define ENGINE_KYVALUECHANGES_H
+#ifndef ENGINE_KYPOINTCHANGEHANDLER_H
+#define ENGINE_KYPOINTCHANGEHANDLER_H
 
 #include <string>
 
@@ -10,25 +10,25 @@
 namespace ky_engine {
 
 /// Takes the changes of the device's points, one at a time, and hands each to the flow that it concerns.
-class KyValueChanges {
+class KyPointChangeHandler {
 public:
     /// @param members  for the card's module index and the last value of the request point
-    KyValueChanges(KyDevicePoints& points, KyTransactionRecord& record, KyFileFetch& fetch,
-                   KyDirectoryFetch& directory, KyTferClientMembers& members)
-        : m_points(points), m_record(record), m_fetch(fetch), m_directory(directory), m_members(members) {}
+    KyPointChangeHandler(KyDeviceAccess& device, KyStatusRecord& record, KyFileFetch& fetch,
+                         KyDirectoryFetch& directory, KyTferClientMembers& members)
+        : m_device(device), m_record(record), m_fetch(fetch), m_directory(directory), m_members(members) {}
 
     /// May throw std::bad_alloc.
-    void Take(const KyValChgInfo& info);
+    void Handle(const KyValChgInfo& info);
 
 private:
     void FileNameChanged(const KyValChgInfo& info) const;
     void FileSizeChanged(const KyValChgInfo& info);
     void DmpSupportedChanged(const KyValChgInfo& info) const;
     void FileRequestChanged(const KyValChgInfo& info);
-    void ActOnAnswer(const std::string& answer, bool echo);
+    void HandleAnswer(const std::string& answer, bool echo);
 
-    KyDevicePoints& m_points;
-    KyTransactionRecord& m_record;
+    KyDeviceAccess& m_device;
+    KyStatusRecord& m_record;
     KyFileFetch& m_fetch;
     KyDirectoryFetch& m_directory;
     KyTferClientMembers& m_members;
