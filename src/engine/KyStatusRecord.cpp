@@ -64,24 +64,24 @@ unsigned int KyStatusRecord::XferFileSize() {
     return m_members.m_xferFileSize;
 }
 
-// --- What the rules ask
+// --- Conditions of the rules
 
 bool KyStatusRecord::IsOpen() const {
     return m_current.kind != Transaction::NONE && !m_current.ended;
 }
 
 bool KyStatusRecord::InProgress() const {
-    const bool hidden = IsOpen() && m_shownNumber != m_current.number;
-    return hidden || m_members.m_status.GetStatus() == Status::TFER_STATUS_INPROGRESS;
+    const bool overwritten = IsOpen() && m_shownNumber != m_current.number;  // by a push
+    return overwritten || m_members.m_status.GetStatus() == Status::TFER_STATUS_INPROGRESS;
 }
 
-bool KyStatusRecord::IsMonitored(unsigned long long request) const {
-    return request == m_current.requestNumber && m_current.monitored &&
+bool KyStatusRecord::IsMonitored(unsigned long long requestNumber) const {
+    return requestNumber == m_current.requestNumber && m_current.monitored &&
            m_current.worker != Transaction::COMPLETED;
 }
 
-const KyStatusRecord::Reported* KyStatusRecord::FindReported(unsigned long long number) const {
-    for (const Reported& reported : m_reported) {
+const KyStatusRecord::ReportedFile* KyStatusRecord::FindReported(unsigned long long number) const {
+    for (const ReportedFile& reported : m_reported) {
         if (number != 0 && reported.number == number) return &reported;
     }
     return nullptr;
@@ -92,9 +92,9 @@ bool KyStatusRecord::IsCurrent(unsigned long long number) {
     return number == m_current.number;
 }
 
-// --- Writing rows
+// --- Updates
 
-// Puts into `update` what the transaction is about.
+// Sets names, sizes and request type.
 void KyStatusRecord::Describe(const Transaction& transaction, Status& update) {
     const bool delivered = transaction.worker == Transaction::COMPLETED;
     update.SetFilePath(delivered ? transaction.downloadDirectory : transaction.directory);
@@ -110,7 +110,7 @@ void KyStatusRecord::Commit(Status& update, unsigned long long number) {
     m_shownNumber = number;
 }
 
-// A monitor writes the same again and again, for which no memory is taken.
+// A repeated update takes no memory: a monitor writes the same one in each poll.
 void KyStatusRecord::WriteStatus(const Transaction& transaction, Status::TferStatus status,
                                  std::string_view text) {
     Status& record = m_members.m_status;
@@ -126,7 +126,7 @@ void KyStatusRecord::WriteStatus(const Transaction& transaction, Status::TferSta
     record.SetStatus(status);
 }
 
-// The text stays as it was.
+// Keeps the text of a shown transaction.
 void KyStatusRecord::WriteInProgress() {
     const bool shown = m_shownNumber == m_current.number;
     const std::string_view text =
@@ -141,13 +141,13 @@ void KyStatusRecord::EndCurrent() {
     NotifyChange();
 }
 
-// A worker has the whole file, and is about to write the last update.
+// Returns when the worker of a claimed transaction has written its last update.
 void KyStatusRecord::WaitForClaimedMove() {
     while (IsOpen() && m_current.worker == Transaction::CLAIMED)
         pthread_cond_wait(&m_changed, m_members.m_requestMutex.Native());
 }
 
-// The monitor may have left.
+// Sets a deadline: the monitor may have exited.
 void KyStatusRecord::Reopen() {
     if (!m_current.ended) return;
     m_current.ended = false;
@@ -193,7 +193,6 @@ std::optional<Transaction> KyStatusRecord::AcceptFetch(const std::string& name, 
     return job;
 }
 
-// The record does not tell of it yet.
 std::optional<Transaction> KyStatusRecord::ReserveListing() {
     Transaction listing;
     listing.kind = Transaction::LISTING;
@@ -230,18 +229,18 @@ bool KyStatusRecord::AcceptListing(const Transaction& listing, Status& result) {
     return true;
 }
 
-// The record keeps its status. Only its kind is forgotten, so that no late answer of the device starts a worker.
+// Keeps the status. Clears the request type, so that a late answer of the device starts no worker.
 void KyStatusRecord::RefuseListing(const Transaction& listing) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (listing.number != m_current.number) return;
     m_listingReserved = false;
     m_current = std::move(m_previous);
-    m_current.monitored = false;  // its monitor may have left meanwhile
+    m_current.monitored = false;  // its monitor may have exited meanwhile
     m_members.m_status.SetReqType(Status::TFER_REQ_NONE);
     m_requestType = Status::TFER_REQ_NONE;
 }
 
-// A "READY" is an answer to the transaction before.
+// "READY" is an answer to the previous transaction.
 bool KyStatusRecord::KeepEarlyAnswer(const std::string& answer) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (m_listingReserved && answer != kRequestReady) m_earlyAnswer = answer;
@@ -256,11 +255,11 @@ std::string KyStatusRecord::TakeEarlyAnswer() {
     return answer;
 }
 
-void KyStatusRecord::SetUnmonitored(unsigned long long request) {
+void KyStatusRecord::SetUnmonitored(unsigned long long requestNumber) {
     KyRequestLock lock(m_members.m_requestMutex);
-    if (request != m_current.requestNumber) return;
+    if (requestNumber != m_current.requestNumber) return;
     m_current.monitored = false;
-    // Its worker may have failed it already, and has left the end to the monitor.
+    // A failed worker leaves it to the monitor to end the transaction, and there is none.
     const bool failed =
         m_shownNumber == m_current.number && m_members.m_status.GetStatus() == Status::TFER_STATUS_FAIL;
     if (failed) EndCurrent();
@@ -271,7 +270,7 @@ void KyStatusRecord::SetWrittenSize(unsigned int size) {
     if (!IsOpen()) m_members.m_xferFileSize = size;
 }
 
-// The names in the record stay, as nothing has been agreed with the device.
+// Keeps the names in the record: the device has been told nothing.
 void KyStatusRecord::FailStaging(const std::string& text, Status& result) {
     KyRequestLock lock(m_members.m_requestMutex);
     Status update(m_members.m_status);
@@ -324,7 +323,6 @@ KyStatusRecord::Abandoned KyStatusRecord::Abandon(const std::string& text, Statu
 
 // --- The device
 
-// The job of one more worker for the current transaction.
 Transaction KyStatusRecord::NextJob(bool& repeated) {
     Transaction job(m_current);
     job.worker = Transaction::UNCLAIMED;
@@ -381,7 +379,7 @@ void KyStatusRecord::NoListing(bool early) {
 void KyStatusRecord::SetAnnouncedSize(unsigned int size, bool echo) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (IsOpen() && echo) return;
-    // A file that has been reported complete had the right size.
+    // A reported file had the right size.
     const bool unfinished =
         m_current.worker == Transaction::UNCLAIMED && FindReported(m_current.number) == nullptr;
     if (unfinished && !echo) m_current.expectedSize = size;
@@ -397,24 +395,24 @@ bool KyStatusRecord::BeginWorker(const Transaction& job) {
     if (m_current.worker != Transaction::UNCLAIMED) return true;
     WriteInProgress();
     Reopen();
-    // A file that had been there before was reported complete. What counts is the one that comes now.
-    for (Reported& reported : m_reported) {
+    // A report so far is about an older file. The worker fetches a new one.
+    for (ReportedFile& reported : m_reported) {
         if (reported.number == job.number) reported.number = 0;
     }
     return true;
 }
 
-// Removes what a replaced worker has landed, unless the current transaction lands at the same place.
+// Removes the file of a replaced transaction, unless the current one uses the same path.
 void KyStatusRecord::RemoveFetchedFile(const Transaction& job) const {
-    const bool othersFile = m_current.kind != Transaction::NONE && m_current.path == job.path &&
-                            m_current.worker != Transaction::COMPLETED;
-    if (!othersFile) unlink(job.path.c_str());
+    const bool usedByCurrent = m_current.kind != Transaction::NONE && m_current.path == job.path &&
+                               m_current.worker != Transaction::COMPLETED;
+    if (!usedByCurrent) unlink(job.path.c_str());
 }
 
 FetchOutcome KyStatusRecord::Claim(Transaction& job, bool present, unsigned long long size) {
     KyRequestLock lock(m_members.m_requestMutex);
     const bool current = job.number == m_current.number;
-    const Reported* const reported = FindReported(job.number);
+    const ReportedFile* const reported = FindReported(job.number);
     if (!current && reported == nullptr) {
         if (present) RemoveFetchedFile(job);
         return FetchOutcome::REPLACED;
@@ -423,7 +421,7 @@ FetchOutcome KyStatusRecord::Claim(Transaction& job, bool present, unsigned long
     if (!present) return FetchOutcome::MISSING;
     if (size != job.expectedSize) return FetchOutcome::WRONG_SIZE;
     if (!current || m_current.worker != Transaction::UNCLAIMED) return FetchOutcome::COMPLETE;
-    // Until the last update no other transaction may begin in the place of one that has failed or timed out.
+    // Reopens a failed or timed-out transaction: no other one may begin before the file has been moved.
     if (!m_current.ended || reported == nullptr) {
         WriteInProgress();
         m_current.ended = false;
@@ -432,7 +430,7 @@ FetchOutcome KyStatusRecord::Claim(Transaction& job, bool present, unsigned long
     return FetchOutcome::COMPLETE;
 }
 
-// Leaves the active flag set: a monitor that still runs goes on until its time limit.
+// Leaves the active flag set: a running monitor continues until its time limit.
 bool KyStatusRecord::FailFetch(const Transaction& job, const std::string& text) {
     KyRequestLock lock(m_members.m_requestMutex);
     const bool replaced = job.number != m_current.number;
@@ -470,7 +468,7 @@ void KyStatusRecord::EndPush(const Transaction& push, bool pushed) {
 
 // --- Monitors
 
-// Looks whether the file is there. The size of a listing must have been announced before.
+// @return true if the file exists. A listing is measured only after the device has named it and its size.
 bool KyStatusRecord::MeasureFile(Poll& poll, unsigned int sizeLogged) const {
     poll.expectedSize = m_current.expectedSize;
     const bool measurable =
@@ -483,51 +481,63 @@ bool KyStatusRecord::MeasureFile(Poll& poll, unsigned int sizeLogged) const {
     return true;
 }
 
-Poll KyStatusRecord::PollFile(const MonitorRules& rules, unsigned long long request, long long end,
+// Checks that the monitor's transaction is current and open. Sets the log line of a monitor that must exit.
+bool KyStatusRecord::ContinuePolling(const MonitorRules& rules, unsigned long long requestNumber,
+                                     Poll& poll) {
+    if (m_members.m_status.GetStatus() == Status::TFER_STATUS_NONE) {
+        if (rules.noTransactionLog != nullptr) m_members.m_transactionActive = false;
+        poll.logLine = rules.noTransactionLog;
+        return false;
+    }
+    if (m_current.kind != rules.kind) return false;
+    if (requestNumber == m_current.requestNumber && m_current.worker == Transaction::COMPLETED)
+        poll.logLine = rules.workerCompletedLog;
+    return IsMonitored(requestNumber) && !m_current.ended;
+}
+
+void KyStatusRecord::ReportComplete(const MonitorRules& rules, unsigned int size) {
+    WriteStatus(m_current, Status::TFER_STATUS_COMPLETE, rules.completeText);
+    m_members.m_status.SetBytesTransfered(size);
+    m_reported[m_nextReported++ % m_reported.size()] = {m_current.number, m_current.expectedSize};
+    EndCurrent();
+}
+
+void KyStatusRecord::TimeOut(const MonitorRules& rules, Poll& poll) {
+    poll.result = Poll::TIMED_OUT;
+    poll.path = m_current.path;
+    poll.size = m_members.m_status.GetBytesTransfered();
+    if (rules.timeOutText == nullptr) return;
+    WriteStatus(m_current, Status::TFER_STATUS_FAIL, rules.timeOutText);
+    EndCurrent();
+}
+
+Poll KyStatusRecord::PollFile(const MonitorRules& rules, unsigned long long requestNumber, long long end,
                               unsigned int sizeLogged) {
     Poll poll;
     poll.result = Poll::EXIT;
     KyPollingLock lock(m_members.m_requestMutex);
     poll.changeCount = m_changeCount;
-    if (m_members.m_status.GetStatus() == Status::TFER_STATUS_NONE) {
-        if (rules.noTransactionLog != nullptr) m_members.m_transactionActive = false;
-        poll.logLine = rules.noTransactionLog;
-        return poll;
-    }
-    if (m_current.kind != rules.kind) return poll;
-    const bool completed = request == m_current.requestNumber && m_current.worker == Transaction::COMPLETED;
-    if (completed) poll.logLine = rules.workerCompletedLog;
-    if (!IsMonitored(request) || m_current.ended) return poll;
+    if (!ContinuePolling(rules, requestNumber, poll)) return poll;
 
     const bool present = MeasureFile(poll, sizeLogged);
     if (present && poll.size == m_current.expectedSize) {
-        WriteStatus(m_current, Status::TFER_STATUS_COMPLETE, rules.completeText);
-        m_members.m_status.SetBytesTransfered(poll.size);
-        m_reported[m_nextReported++ % m_reported.size()] = {m_current.number, m_current.expectedSize};
-        EndCurrent();
+        ReportComplete(rules, poll.size);
         poll.logLine = rules.completeLog;
         return poll;
     }
     WriteStatus(m_current, Status::TFER_STATUS_INPROGRESS, present ? kTransferInProgress : kNothingToReport);
     if (present) m_members.m_status.SetBytesTransfered(poll.size);
     poll.result = Poll::CONTINUE;
-    if (WallClockSeconds() <= end || m_current.worker == Transaction::CLAIMED) return poll;
-
-    poll.result = Poll::TIMED_OUT;
-    poll.path = m_current.path;
-    poll.size = m_members.m_status.GetBytesTransfered();
-    if (rules.timeOutText != nullptr) {
-        WriteStatus(m_current, Status::TFER_STATUS_FAIL, rules.timeOutText);
-        EndCurrent();
-    }
+    if (WallClockSeconds() > end && m_current.worker != Transaction::CLAIMED) TimeOut(rules, poll);
     return poll;
 }
 
-// After the time-out step, a worker or another name may have opened the transaction again.
-void KyStatusRecord::EndTimedOut(const MonitorRules& rules, unsigned long long request, bool afterTimeOut) {
+// Since the time-out, a worker or another file name may have reopened the transaction.
+void KyStatusRecord::EndTimedOut(const MonitorRules& rules, unsigned long long requestNumber,
+                                 bool afterTimeOut) {
     KyRequestLock lock(m_members.m_requestMutex);
-    const bool expected = !m_current.ended || (afterTimeOut && m_shownNumber == m_current.number);
-    if (!IsMonitored(request) || m_current.worker == Transaction::CLAIMED || !expected) return;
+    const bool mayEnd = !m_current.ended || (afterTimeOut && m_shownNumber == m_current.number);
+    if (!IsMonitored(requestNumber) || m_current.worker == Transaction::CLAIMED || !mayEnd) return;
     WriteStatus(m_current, Status::TFER_STATUS_FAIL, rules.finalText);
     m_current.ended = true;
     if (rules.kind == Transaction::FETCH) m_members.m_transactionActive = false;
@@ -549,7 +559,7 @@ void KyStatusRecord::WaitForChange(unsigned long long changeCount, unsigned int 
     if (m_changeCount == changeCount) WaitFor(m_changed, m_members.m_requestMutex, milliseconds);
 }
 
-// --- Bodies on a user's threads
+// --- Thread bodies that a user calls
 
 Transaction KyStatusRecord::Current() {
     KyRequestLock lock(m_members.m_requestMutex);
@@ -583,7 +593,7 @@ bool KyStatusRecord::HoldForPush(unsigned long long last, bool inProgress) {
 
 // --- Out of memory
 
-// The text is short enough to be stored in place.
+// The text fits into a std::string without an allocation.
 void KyStatusRecord::FailOutOfMemory(const Transaction& job) {
     if (m_shownNumber == job.number) {
         m_members.m_status.SetStatusMsg(std::string(kOutOfMemory));
@@ -594,7 +604,7 @@ void KyStatusRecord::FailOutOfMemory(const Transaction& job) {
     EndCurrent();
 }
 
-// A worker that has not written its last update has failed, even if a monitor has seen the whole file.
+// Fails a reported transaction too, if its worker has not written its last update.
 void KyStatusRecord::FailWorkerOutOfMemory(const Transaction& job) {
     KyRequestLock lock(m_members.m_requestMutex);
     const bool unfinished = job.kind == Transaction::PUSH
@@ -603,10 +613,10 @@ void KyStatusRecord::FailWorkerOutOfMemory(const Transaction& job) {
     if (unfinished) FailOutOfMemory(job);
 }
 
-void KyStatusRecord::FailMonitorOutOfMemory(unsigned long long request) {
+void KyStatusRecord::FailMonitorOutOfMemory(unsigned long long requestNumber) {
     KyRequestLock lock(m_members.m_requestMutex);
-    const bool mine = IsMonitored(request) && m_current.worker == Transaction::UNCLAIMED;
-    if (mine && !m_current.ended) FailOutOfMemory(m_current);
+    const bool monitored = IsMonitored(requestNumber) && m_current.worker == Transaction::UNCLAIMED;
+    if (monitored && !m_current.ended) FailOutOfMemory(m_current);
 }
 
 }  // namespace ky_engine

@@ -15,82 +15,87 @@
 
 namespace ky_engine {
 
-/// What distinguishes the two monitors. Null texts are not logged or recorded.
+/// Differences between the fetch monitor and the listing monitor. A null text is not logged or recorded.
 struct MonitorRules {
     const char* function;            ///< named in log lines
     Transaction::Kind kind;          ///< FETCH or LISTING
-    long long limitSeconds;          ///< how long a transaction may take
-    const char* completeText;        ///< recorded when the whole file has landed
+    long long limitSeconds;          ///< time limit of a transaction
+    const char* completeText;        ///< recorded when the landed file has its expected size
     const char* completeLog;         ///< logged then
     const char* workerCompletedLog;  ///< logged if the worker has completed the transaction
-    const char* noTransactionLog;    ///< logged if there is no transaction
-    const char* timeOutText;         ///< recorded at once when a poll finds the limit passed
-    const char* finalText;           ///< recorded at the end otherwise
+    const char* noTransactionLog;    ///< logged if the record has no transaction
+    const char* timeOutText;         ///< recorded by the poll that detects the time-out
+    const char* finalText;           ///< recorded when the monitor ends by time
     const char* finalLog;            ///< logged then
 };
 
 /// The limits and texts of a fetch or of a listing.
 const MonitorRules& RulesOf(Transaction::Kind kind);
 
-/// What one poll of a monitor has found.
+/// Result of one poll of a monitor.
 struct Poll {
     enum Result { CONTINUE, EXIT, TIMED_OUT };
 
     Result result = CONTINUE;
-    const char* logLine = nullptr;  ///< to be logged by a monitor that leaves
+    const char* logLine = nullptr;  ///< to log before the monitor exits; may be null
     unsigned int size = 0;          ///< of the arriving file, in bytes
     unsigned int expectedSize = 0;
-    bool logSize = false;  ///< the size is to be logged
-    std::string path;      ///< of the arriving file, if its size or the time-out is to be logged
-    unsigned long long changeCount = 0;  ///< for KyStatusRecord::Wait
+    bool logSize = false;                ///< the size has changed since it was logged
+    std::string path;                    ///< of the arriving file; set for a log line only
+    unsigned long long changeCount = 0;  ///< for KyStatusRecord::WaitForChange
 };
 
-/// What a worker has to do with the file that it has fetched.
+/// What a worker must do with its fetched file.
 enum class FetchOutcome {
-    MISSING,     ///< there is none
-    WRONG_SIZE,  ///< it is not the one that was expected
+    MISSING,     ///< there is no file
+    WRONG_SIZE,  ///< its size is not the expected one
     COMPLETE,    ///< move it
-    REPLACED,    ///< it has been removed: another transaction is current
+    REPLACED,    ///< nothing: another transaction is current, and the file has been removed
 };
 
-/// The owner of the status record, and the rules of who may write it: every write is an operation here, which
-/// takes the request mutex, checks whose write it is, and changes status, text, names and sizes together or
-/// not at all.
+/// Owns the status record. Every write is an operation of this class. An operation takes the request mutex, checks
+/// that its caller may write, and makes one update: status, text, names and sizes change together or not at all.
 ///
-/// One fetch or listing is current. A push runs beside it. A transaction is open from its acceptance until a row
-/// has ended it. It is replaced when another fetch or listing becomes current, and when it is abandoned. Rows are
-/// whole: a writer that takes the record over writes its names and sizes too. GetStatus returns the last row.
+/// Terms:
+/// - The current transaction is the latest fetch or listing. A push runs beside it and replaces nothing.
+/// - A transaction is open from its acceptance until an update ends it.
+/// - A transaction is replaced when another fetch or listing becomes current, or when it is abandoned.
+/// - A transaction is reported when its monitor has recorded the file as complete.
+/// - A worker with the complete file claims the transaction before it moves the file. Time-outs and cancels do not
+///   end a claimed transaction. A request replaces a claimed transaction only if it is reported.
+/// - The record shows the transaction that wrote the last update. Another transaction that writes an update also
+///   writes its names and sizes.
 ///
-///     writer    row                         condition, and what else it does
+///     writer    update                      condition and effect
 ///     --------  --------------------------  ------------------------------------------------------------------
-///     request   fetch IN PROGRESS           the record is not in progress, and no open fetch or listing is hidden
-///                                           behind the row of a push; replaces all before
-///     request   listing IN PROGRESS         reserved on the same condition, which replaces all before; the row
-///                                           comes after the device has been asked
+///     request   fetch IN PROGRESS           the record is not in progress, and the record shows any open fetch or
+///                                           listing (no push has overwritten it); replaces all earlier ones
+///     request   listing IN PROGRESS         reserved on the same condition, which replaces all earlier ones;
+///                                           written after the device has been asked
 ///     request   push IN PROGRESS or FAIL    always; replaces nothing
-///     device    name of the listing         the listing is current; IN PROGRESS if it was not; replaces the worker
-///                                           of another name; waits for a claimed file to be moved
-///     device    bytes requested             its own row or no open transaction is shown. Also the size that the
-///                                           worker expects, unless the file has been reported complete or claimed.
-///                                           The echo of an own write changes nothing while a transaction is open
-///     device    listing FAIL ("NONE")       no monitor watches it; otherwise only the active flag is cleared
-///     worker    IN PROGRESS                 not replaced, not claimed; opens a transaction that has ended
+///     device    name of the listing file    the listing is current; reopens an ended listing; replaces the worker
+///                                           of another name; waits while a claimed file is moved
+///     device    bytes requested             the record shows the current transaction, or none is open. The size is
+///                                           also the expected one, unless the transaction is reported or claimed.
+///                                           An echo of an own write changes nothing while a transaction is open
+///     device    listing FAIL ("NONE")       no monitor watches the listing; otherwise clears the active flag only
+///     worker    IN PROGRESS                 not replaced, not claimed; reopens an ended transaction
 ///     worker    FAIL                        not replaced, not claimed; ends it if no monitor watches it
-///     worker    COMPLETE                    it has claimed the file (Claim). No time-out and no cancel ends a claimed
-///                                           transaction; a request replaces it only if a monitor has reported it
+///     worker    COMPLETE                    claimed by this worker
 ///     push      COMPLETE or FAIL            no fetch or listing has become current since
 ///     monitor   IN PROGRESS, COMPLETE       its request is current and open; COMPLETE reports it
-///     monitor   FAIL by time                the same, and no worker has claimed the file
+///     monitor   FAIL by time                its request is current, and not claimed
 ///     reader    FAIL by time                no monitor watches it, and its deadline has passed
 ///     request   FAIL, cancelled             something is in progress; replaces all
-///     worker,   FAIL, out of memory         not replaced, and claimed by no other; needs no memory
+///     worker,   FAIL, out of memory         not replaced, not claimed by another worker; needs no memory
 ///     monitor
 ///
-/// The worker of a replaced transaction writes nothing, tells the device nothing and removes its file, unless a
-/// monitor has reported the file complete: then it moves the file and tells the device.
+/// The worker of a replaced transaction writes nothing, tells the device nothing and removes its file. If the
+/// transaction is reported, it moves the file and tells the device.
 ///
-/// All operations may be called from any thread, and may throw std::bad_alloc. None blocks but for the mutex, one
-/// `stat` or `unlink`, Wait, and where a claimed file is waited for. The request mutex is a leaf.
+/// Any thread may call any operation. Operations may throw std::bad_alloc. They block for the mutex and for one
+/// `stat` or `unlink`. WaitForChange also waits for a change; SetListingFile and Abandon also wait while a claimed
+/// file is moved. No other lock is taken while the request mutex is held.
 class KyStatusRecord {
 public:
     explicit KyStatusRecord(KyTferClientMembers& members);
@@ -98,45 +103,45 @@ public:
     KyStatusRecord(const KyStatusRecord&) = delete;
     KyStatusRecord& operator=(const KyStatusRecord&) = delete;
 
-    /// A copy of the record. Ends a transaction without a monitor whose deadline has passed.
+    /// A copy of the record. First ends an unmonitored transaction after its deadline.
     KyTferStatusMsg Copy();
 
-    /// The record's request type, without the mutex.
+    /// The record's request type. Does not take the mutex.
     KyTferStatusMsg::TferRequestType RequestType() const { return m_requestType; }
 
     unsigned int XferFileSize();
 
-    // Requests. `result` becomes a copy of the record that has been accepted.
+    // Requests. `result` receives a copy of the record.
 
-    /// @return the transaction; none, with nothing changed, if one is in progress
+    /// @return the new transaction; none, with nothing changed, if one is in progress
     std::optional<Transaction> AcceptFetch(const std::string& name, unsigned int size,
                                            KyTferStatusMsg& result);
 
-    /// Makes a listing current. Its row is written after the device has been asked.
+    /// Makes a listing current without an update. AcceptListing or RefuseListing follows.
     /// @return none if a transaction is in progress
     std::optional<Transaction> ReserveListing();
-    /// @return false if it has been abandoned; `result` then tells that
+    /// @return false if the listing has been abandoned; `result` then shows that
     bool AcceptListing(const Transaction& listing, KyTferStatusMsg& result);
     void RefuseListing(const Transaction& listing);
 
-    /// Keeps an answer that comes before the row of a reserved listing, for TakeEarlyAnswer.
+    /// Stores a device answer that comes before AcceptListing. TakeEarlyAnswer returns it.
     /// @return false if no listing is reserved
     bool KeepEarlyAnswer(const std::string& answer);
-    /// @return the answer; the empty text ends the reservation
+    /// @return the answer; empty if there is none, which ends the reservation
     std::string TakeEarlyAnswer();
 
-    /// The file to push could not be staged.
+    /// Fails a push whose file could not be staged.
     void FailStaging(const std::string& text, KyTferStatusMsg& result);
-    /// The card has written this size to the device's point.
+    /// Notes the size that the card writes to the device's size point.
     void SetWrittenSize(unsigned int size);
-    /// @param announced  the device has taken size and name; otherwise the row is a failed one
+    /// @param announced  true if the device has taken size and name; false records a failed push
     Transaction AcceptPush(Transaction push, bool announced, KyTferStatusMsg& result);
 
-    /// No monitor thread could be started for this request.
-    void SetUnmonitored(unsigned long long request);
+    /// Marks a request whose monitor thread could not be started.
+    void SetUnmonitored(unsigned long long requestNumber);
 
-    /// Ends the current transaction as failed, or the push that the record shows. If a worker is moving its file,
-    /// waits until it is complete; then there is nothing to end.
+    /// Ends the current transaction, or the push that the record shows, as failed. Waits while a claimed file is
+    /// moved; that transaction then completes and is not abandoned.
     struct Abandoned {
         bool any = false;               ///< something was in progress
         bool unanswered = false;        ///< the device has not answered it yet
@@ -144,18 +149,18 @@ public:
     };
     Abandoned Abandon(const std::string& text, KyTferStatusMsg& record);
 
-    /// False once another fetch or listing has become current, or this one was abandoned.
+    /// False once another fetch or listing has become current, or after Abandon.
     bool IsCurrent(unsigned long long number);
 
-    // The device.
+    // Answers of the device. AcceptReady and SetListingFile return the worker's job, or none if the current
+    // transaction is of another kind. `repeated` is set if the device has answered before. `early` marks an
+    // answer from TakeEarlyAnswer.
 
-    // "READY", and the name of a listing's file. Both return the worker's job, or none if another kind of
-    // transaction is current. `repeated` tells whether the device has answered before, `early` whether the answer
-    // is one that was kept.
-
+    /// Handles "READY".
     std::optional<Transaction> AcceptReady(bool& repeated);
+    /// Handles the name of a listing file.
     std::optional<Transaction> SetListingFile(const std::string& name, bool early, bool& repeated);
-    /// "NONE": the device has no listing.
+    /// Handles "NONE": the device has no listing.
     void NoListing(bool early);
     void SetAnnouncedSize(unsigned int size, bool echo);
 
@@ -163,50 +168,51 @@ public:
 
     /// @return false if the transaction has been replaced
     bool BeginWorker(const Transaction& job);
-    /// Decides what becomes of the file that was fetched. Sets the job's expected size, and its `worker` to
-    /// CLAIMED if it is to write the last row.
+    /// Decides what the worker must do with its fetched file. Sets the job's expected size. Sets `job.worker` to
+    /// CLAIMED if the worker must call CompleteFetch.
     FetchOutcome Claim(Transaction& job, bool present, unsigned long long size);
-    /// @return false if the device must not be told, because the transaction has been replaced
+    /// @return false if the transaction is replaced and not reported: the worker must tell the device nothing
     bool FailFetch(const Transaction& job, const std::string& text);
     void CompleteFetch(const Transaction& job, const std::string& text);
     void EndPush(const Transaction& push, bool pushed);
 
     // Monitors.
 
+    /// @param end         of the time limit, in wall-clock seconds
     /// @param sizeLogged  the size that the monitor has logged last
-    Poll PollFile(const MonitorRules& rules, unsigned long long request, long long end,
+    Poll PollFile(const MonitorRules& rules, unsigned long long requestNumber, long long end,
                   unsigned int sizeLogged);
-    /// The monitor's last row.
-    void EndTimedOut(const MonitorRules& rules, unsigned long long request, bool afterTimeOut);
-    /// Waits until something has happened since the poll that gave `change`, or the time is over.
+    /// Writes the monitor's last update.
+    void EndTimedOut(const MonitorRules& rules, unsigned long long requestNumber, bool afterTimeOut);
+    /// Waits for a change after the poll that returned `changeCount`, at most for this time.
     void WaitForChange(unsigned long long changeCount, unsigned int milliseconds);
-    /// Ends all waits, for Stop.
+    /// Ends all waits of monitors. Stop calls it.
     void WakeMonitors();
 
-    // For bodies that run on a thread of the user's: they work for what is current.
+    // For thread bodies that a user calls: they work on the current transaction.
 
     Transaction Current();
     unsigned long long CurrentRequest();
     Transaction LastPush();
-    /// Holds the record in progress, or fails it. @return false if another transaction has begun since `last`
+    /// Sets the record in progress, or failed. @return false if a transaction has begun after number `last`
     bool HoldForPush(unsigned long long last, bool inProgress);
     unsigned long long LastNumber();
 
-    // A thread cannot go on because memory has run out.
+    // A thread has run out of memory.
 
     void FailWorkerOutOfMemory(const Transaction& job);
-    void FailMonitorOutOfMemory(unsigned long long request);
+    void FailMonitorOutOfMemory(unsigned long long requestNumber);
 
 private:
-    struct Reported {
+    struct ReportedFile {
         unsigned long long number = 0;
         unsigned int size = 0;
     };
 
     bool IsOpen() const KY_REQUIRES(m_members.m_requestMutex);
     bool InProgress() const KY_REQUIRES(m_members.m_requestMutex);
-    bool IsMonitored(unsigned long long request) const KY_REQUIRES(m_members.m_requestMutex);
-    const Reported* FindReported(unsigned long long number) const KY_REQUIRES(m_members.m_requestMutex);
+    bool IsMonitored(unsigned long long requestNumber) const KY_REQUIRES(m_members.m_requestMutex);
+    const ReportedFile* FindReported(unsigned long long number) const KY_REQUIRES(m_members.m_requestMutex);
     void EndIfOverdue() KY_REQUIRES(m_members.m_requestMutex);
     Transaction NextJob(bool& repeated) KY_REQUIRES(m_members.m_requestMutex);
     void AssignNumber(Transaction& transaction) const KY_REQUIRES(m_members.m_requestMutex);
@@ -221,22 +227,26 @@ private:
     void NotifyChange() KY_REQUIRES(m_members.m_requestMutex);
     void RemoveFetchedFile(const Transaction& job) const KY_REQUIRES(m_members.m_requestMutex);
     void FailOutOfMemory(const Transaction& job) KY_REQUIRES(m_members.m_requestMutex);
+    bool ContinuePolling(const MonitorRules& rules, unsigned long long requestNumber, Poll& poll)
+        KY_REQUIRES(m_members.m_requestMutex);
     bool MeasureFile(Poll& poll, unsigned int sizeLogged) const KY_REQUIRES(m_members.m_requestMutex);
+    void ReportComplete(const MonitorRules& rules, unsigned int size) KY_REQUIRES(m_members.m_requestMutex);
+    void TimeOut(const MonitorRules& rules, Poll& poll) KY_REQUIRES(m_members.m_requestMutex);
 
     KyTferClientMembers& m_members;
     pthread_cond_t m_changed;
     std::atomic<KyTferStatusMsg::TferRequestType> m_requestType{KyTferStatusMsg::TFER_REQ_NONE};
 
     unsigned long long m_lastNumber KY_GUARDED_BY(m_members.m_requestMutex) = 0;
-    Transaction m_current KY_GUARDED_BY(m_members.m_requestMutex);   // the fetch or listing
+    Transaction m_current KY_GUARDED_BY(m_members.m_requestMutex);   // NONE before the first
     Transaction m_previous KY_GUARDED_BY(m_members.m_requestMutex);  // a reserved listing
     Transaction m_lastPush KY_GUARDED_BY(m_members.m_requestMutex);
-    // Whose names are in the record.
+    // Number of the transaction that the record shows.
     unsigned long long m_shownNumber KY_GUARDED_BY(m_members.m_requestMutex) = 0;
     bool m_listingReserved KY_GUARDED_BY(m_members.m_requestMutex) = false;
     std::string m_earlyAnswer KY_GUARDED_BY(m_members.m_requestMutex);
-    // The last transactions that monitors have reported complete: their workers may still have to move the file.
-    std::array<Reported, 8> m_reported KY_GUARDED_BY(m_members.m_requestMutex);
+    // The last reported transactions. Their workers may still have to move the file.
+    std::array<ReportedFile, 8> m_reported KY_GUARDED_BY(m_members.m_requestMutex);
     std::size_t m_nextReported KY_GUARDED_BY(m_members.m_requestMutex) = 0;
     unsigned long long m_changeCount KY_GUARDED_BY(m_members.m_requestMutex) = 0;
 };
