@@ -69,10 +69,13 @@ ky_install_with_prefix(${PROJECT_SOURCE_DIR}/cmake/kytfer-host.pc.in ${CMAKE_INS
 # Programs, and what systemd needs for the service: its unit, its user, its directories.
 set(KYTFER_UNIT_DIR lib/systemd/system CACHE STRING "Where systemd finds units, below the prefix or absolute")
 install(TARGETS tfersvc tferctl RUNTIME COMPONENT tools)
-install(FILES ${PROJECT_SOURCE_DIR}/man/tferctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
-install(FILES ${PROJECT_SOURCE_DIR}/man/tfersvc.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT tools)
-install(FILES ${PROJECT_SOURCE_DIR}/completions/tferctl ${PROJECT_SOURCE_DIR}/completions/tfersvc
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+install(FILES ${PROJECT_SOURCE_DIR}/tools/tferctl/tferctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+install(FILES ${PROJECT_SOURCE_DIR}/service/tfersvc.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT tools)
+set(completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+install(FILES ${PROJECT_SOURCE_DIR}/tools/tferctl/tferctl.bash
+    DESTINATION ${completions} RENAME tferctl COMPONENT tools)
+install(FILES ${PROJECT_SOURCE_DIR}/service/tfersvc.bash
+    DESTINATION ${completions} RENAME tfersvc COMPONENT tools)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/tfersvc.sysusers
     DESTINATION lib/sysusers.d RENAME tfersvc.conf COMPONENT tools)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/tfersvc.tmpfiles
