@@ -2,8 +2,9 @@
 # usage: packaging/check-consumer.sh PREFIX_OR_DEB_DIR
 #
 # Builds examples/consumer outside of the tree against the installed library - below PREFIX, or in the packages of
-# DEB_DIR, which are only unpacked - in four ways: pkg-config and CMake, each shared and static. Runs each in
-# a sandbox, and checks what it says and which libraries it loads. Compiles each installed header alone, too. Takes about fifteen seconds, eight of them the engine's.
+# DEB_DIR, which are only unpacked - in four ways: pkg-config and CMake, each shared and static. Runs each in a
+# sandbox, and checks its output and the libraries that it loads. Compiles each installed header alone. Checks what
+# the shared library exports, and its size, which needs an optimised build. Takes about fifteen seconds.
 set -euo pipefail
 
 SOURCE=$(dirname "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")")
@@ -74,6 +75,16 @@ check_headers() {
     [ "$count" -ge 20 ] || { echo "only $count headers are installed"; return 1; }
 }
 
+# check_exports: the library exports exactly the marked classes, and is small
+check_exports() {
+    local library=$LIBDIR/$SONAME limit=$((256 * 1024)) size
+    grep -rhoP '^class KYTFER_EXPORT \K\w+' "$INCLUDE" | sort -u >"$WORK/marked"
+    nm -DC --defined-only "$library" | sed -E 's/^[^ ]+ . //; s/^(vtable|typeinfo|typeinfo name) for //; s/::.*//' |
+        sort -u | diff -u --label "marked KYTFER_EXPORT" --label exported "$WORK/marked" - || return 1
+    strip -o "$WORK/stripped" "$library" && size=$(stat -c %s "$WORK/stripped")
+    [ "$size" -le "$limit" ] || { echo "the stripped library has $size bytes, more than $limit"; return 1; }
+}
+
 [ $# -eq 1 ] || { echo "usage: packaging/check-consumer.sh PREFIX_OR_DEB_DIR" >&2; exit 2; }
 PREFIX=$(readlink -f "$1")
 WORK=$(mktemp -d /tmp/kytfer-consumer.XXXXXX)  # neither in the tree nor in /var/tmp, which the sandbox hides
@@ -99,8 +110,10 @@ for linkage in shared static; do
 done
 check_headers >"$WORK/headers.log" 2>&1 &
 pids[headers]=$!
+check_exports >"$WORK/exports.log" 2>&1 &
+pids[exports]=$!
 failed=0
-for check in make-shared make-static cmake-shared cmake-static headers; do
+for check in make-shared make-static cmake-shared cmake-static headers exports; do
     if wait "${pids[$check]}"; then
         echo "$check: passed"
     else
