@@ -5,7 +5,7 @@ include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kytfer)
 set(include_dir ${CMAKE_INSTALL_INCLUDEDIR}/kytfer)
 
-# Libraries.
+# Libraries, and the headers that each names in its FILE_SET.
 set(libraries kytfer_shared kytfer_static kyplatformcheck)
 if(KYTFER_HOST)
     list(APPEND libraries kyhost)
@@ -13,20 +13,8 @@ endif()
 install(TARGETS ${libraries} EXPORT kytferTargets
     LIBRARY COMPONENT library NAMELINK_COMPONENT development
     ARCHIVE COMPONENT development
+    FILE_SET HEADERS DESTINATION ${include_dir} COMPONENT development
     INCLUDES DESTINATION ${include_dir})
-
-# Headers keep their folders, without the src/ in front.
-set(header_list ${PROJECT_SOURCE_DIR}/cmake/public-headers.txt)
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${header_list})
-file(STRINGS ${header_list} headers)
-if(NOT KYTFER_HOST)
-    list(FILTER headers EXCLUDE REGEX "^host/")
-endif()
-foreach(header IN LISTS headers)
-    cmake_path(GET header PARENT_PATH folder)
-    string(REGEX REPLACE "^src/" "" folder ${folder})
-    install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${include_dir}/${folder} COMPONENT development)
-endforeach()
 
 # The CMake package.
 set(version_compatibility SameMinorVersion)
