@@ -8,10 +8,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <string>
 #include <utility>
 
 #include "platform/KyDlog.h"
+#include "platform/KyIpcDirectory.h"
 #include "platform/KyIpcFifoSession.h"
 #include "platform/tal_fileutils.h"
 
@@ -71,21 +73,10 @@ bool Trusted(const struct stat& directory, bool inTmp) {
 
 }  // namespace
 
-std::string KyFifoDirectory::Path() {
-    return ThePlace().path;
-}
-
 bool KyFifoDirectory::FitName(const char* name) {
     return name != nullptr && *name != '\0' && std::strlen(name) <= NAME_MAX &&
            std::strchr(name, '/') == nullptr && std::strstr(name, "..") == nullptr &&
            std::strcmp(name, ".") != 0;
-}
-
-int KyFifoDirectory::Create() {
-    const Place place = ThePlace();
-    if (!tal_fileutils::MakeDirPath(place.path, place.inTmp ? OWNER_ONLY : GROUP_ONLY, false))
-        return Fail("Create", place.path.c_str());
-    return KyFifoDirectory().Open();
 }
 
 int KyFifoDirectory::Open() {
@@ -164,4 +155,19 @@ int KyFifoDirectory::RemoveFifo(const char* name, const KyMadeFifo& fifo) const 
         return errno == ENOENT ? KyIpcFifoSession::IPC_OK : Fail("RemoveFifo", name);
     if (named.st_dev != fifo.device || named.st_ino != fifo.inode) return KyIpcFifoSession::IPC_OK;
     return unlinkat(m_directory.Get(), name, 0) == 0 ? KyIpcFifoSession::IPC_OK : Fail("RemoveFifo", name);
+}
+
+int ky_ipc::CreateIpcDirectory() {
+    try {
+        const Place place = ThePlace();
+        if (!tal_fileutils::MakeDirPath(place.path, place.inTmp ? OWNER_ONLY : GROUP_ONLY, false))
+            return Fail("Create", place.path.c_str());
+        return KyFifoDirectory().Open();
+    } catch (const std::exception&) {
+        return KyIpcFifoSession::IPC_NO_MEMORY;
+    }
+}
+
+std::string ky_ipc::IpcDirectory() {
+    return ThePlace().path;
 }

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "host/KyFd.h"
+#include "platform/KyFd.h"
 
 /// A FIFO that this process has made and opened, and by which it knows the one that has its name later.
 struct KyMadeFifo {
@@ -25,13 +25,6 @@ class KyFifoDirectory {
 public:
     /// Whether `name` can be a FIFO's: not null, not empty, not too long, without "/" and "..".
     static bool FitName(const char* name);
-
-    /// The directory's path. May throw std::bad_alloc.
-    static std::string Path();
-
-    /// Makes the directory unless it is there, writable by its owner and its group only (in /tmp by its
-    /// owner), and checks it like Open(). Its parent must exist. May throw std::bad_alloc.
-    static int Create();
 
     /// Opens the directory and checks that strangers cannot write to it, and that in /tmp it is this user's
     /// or root's. May throw std::bad_alloc.

@@ -1,7 +1,7 @@
 #ifndef HOST_KYIPCWRITEFIFO_H
 #define HOST_KYIPCWRITEFIFO_H
 
-#include "host/KyFd.h"
+#include "platform/KyFd.h"
 
 class KyFifoDirectory;
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "host/KyFd.h"
+#include "platform/KyFd.h"
 
 namespace ky_tferctl {
 

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "host/KyFd.h"
+#include "platform/KyFd.h"
 #include "tferctl/Leftover.h"
 
 namespace ky_tferctl {

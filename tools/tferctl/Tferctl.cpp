@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <exception>
 
-#include "host/KyHostIpc.h"
 #include "host/KyHostLog.h"
+#include "platform/KyIpcDirectory.h"
 #include "tferctl/Commands.h"
 #include "tferctl/ExitStatus.h"
 #include "tferctl/Leftover.h"
@@ -34,7 +34,7 @@ void RunCommand(const Context& context) {
 }
 
 void Run(const Options& options) {
-    const Leftover replyFifo(Leftover::FIFO, ky_host::IpcDirectory() + "/" + Service::ReplyFifo());
+    const Leftover replyFifo(Leftover::FIFO, ky_ipc::IpcDirectory() + "/" + Service::ReplyFifo());
     Service service;
     ky_tools::Console out(stdout);
     ky_tools::Console notices(stderr);

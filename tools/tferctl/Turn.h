@@ -1,7 +1,7 @@
 #ifndef TFERCTL_TURN_H
 #define TFERCTL_TURN_H
 
-#include "host/KyFd.h"
+#include "platform/KyFd.h"
 
 namespace ky_tferctl {
 
