@@ -7,12 +7,12 @@
 #include "platform/KyPldProxy.h"
 #include "platform/KyValChgInfo.h"
 
-struct ServiceOptions;
+namespace CLI {
+class App;
+}
 
-/// The service's way to its device: the proxy, and the changes of the device's points.
-///
-/// This and MakeDeviceLink are all that a card changes in the service: its own link brings its own proxy, and
-/// hands over the changes that its platform reports.
+/// Connects the service to its device: the proxy, and the changes of the device's points. A card derives a
+/// link of its own.
 class DeviceLink {
 public:
     using ChangeReceiver = std::function<void(const KyValChgInfo&)>;
@@ -25,20 +25,37 @@ public:
     /// The proxy; lives as long as the link. Any thread may call it.
     virtual KyPldProxy& Proxy() = 0;
 
-    /// A descriptor that is readable while changes wait; for poll alone. Stays the link's.
+    /// A descriptor that is readable while changes are queued. The service passes it to poll(); the link owns
+    /// it.
     virtual int ChangesDescriptor() const = 0;
 
-    /// Gives the changes that wait to `receiver`, in their order, on the calling thread, and returns. Called
-    /// from one thread at a time.
+    /// Passes the queued changes to `receiver`, in order, on the calling thread. Does not wait for more. One
+    /// thread calls it at a time.
     virtual void DeliverChanges(const ChangeReceiver& receiver) = 0;
 
-    /// Ends the proxy's calls that are under way, and lets all later ones fail at once. Any thread may call
-    /// it, more than once.
+    /// Ends the proxy's running calls, and makes later ones fail at once. Any thread may call it, more than
+    /// once.
     virtual void Abort() = 0;
 };
 
-/// Makes the link that the options ask for.
-/// @return null, with a line in the log, if the device cannot be reached
-std::unique_ptr<DeviceLink> MakeDeviceLink(const ServiceOptions& options);
+/// The options of tfersvc that describe the device. A card may have none.
+class DeviceOptions {
+public:
+    DeviceOptions() = default;
+    virtual ~DeviceOptions() = default;
+    DeviceOptions(const DeviceOptions&) = delete;
+    DeviceOptions& operator=(const DeviceOptions&) = delete;
+
+    /// Adds the options to the command line, whose parsing stores their values here.
+    virtual void AddTo(CLI::App& app) = 0;
+
+    /// Makes the link, after the command line was parsed.
+    /// @return null, with a line in the log, if the device cannot be reached
+    virtual std::unique_ptr<DeviceLink> MakeLink(unsigned short deviceId) const = 0;
+};
+
+/// Chooses the kind of device. The host's definition is in SimDeviceLink.cpp; a card links its own in its
+/// place.
+std::unique_ptr<DeviceOptions> MakeDeviceOptions();
 
 #endif

@@ -3,14 +3,14 @@
 #include <algorithm>
 
 bool RequestQueue::Add(std::unique_ptr<KyTferMsg>& request) {
-    if (m_requests.size() >= kMostWaiting) return false;
-    if (m_requests.empty()) m_firstSince = Clock::now();
+    if (m_requests.size() >= kMaxRequests) return false;
+    if (m_requests.empty()) m_frontSince = Clock::now();
     m_requests.push_back(std::move(request));
     return true;
 }
 
-std::unique_ptr<KyTferMsg> RequestQueue::TakeDue(bool quiet) {
-    if (m_requests.empty() || (!quiet && Clock::now() - m_firstSince < m_patience)) return nullptr;
+std::unique_ptr<KyTferMsg> RequestQueue::TakeDue(bool workerRunning) {
+    if (m_requests.empty() || (workerRunning && Clock::now() - m_frontSince < m_timeOut)) return nullptr;
     return Take(0);
 }
 
@@ -21,9 +21,9 @@ std::unique_ptr<KyTferMsg> RequestQueue::TakeById(const std::string& transId) {
 }
 
 std::unique_ptr<KyTferMsg> RequestQueue::Take(size_t index) {
-    if (index == 0) m_firstSince = Clock::now();
-    const auto which = m_requests.begin() + static_cast<Requests::difference_type>(index);
-    std::unique_ptr<KyTferMsg> request = std::move(*which);
-    m_requests.erase(which);
+    if (index == 0) m_frontSince = Clock::now();
+    const auto position = m_requests.begin() + static_cast<Requests::difference_type>(index);
+    std::unique_ptr<KyTferMsg> request = std::move(*position);
+    m_requests.erase(position);
     return request;
 }

@@ -8,22 +8,24 @@
 
 #include "messages/KyTferMsg.h"
 
-/// Requests that begin a transaction and wait until the last one's worker has ended. One thread uses it.
+/// Requests that begin a transaction and wait until the worker of the last transaction has ended. One thread
+/// uses the queue.
 class RequestQueue {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// @param patience  how long a request waits at most, from when it is the first in the queue
-    explicit RequestQueue(Clock::duration patience) : m_patience(patience) {}
+    /// @param timeOut  longest wait of a request at the front of the queue
+    explicit RequestQueue(Clock::duration timeOut) : m_timeOut(timeOut) {}
 
-    /// @return false, and the request stays the caller's, if too many wait already
+    /// Takes the request over.
+    /// @return false, and the request stays the caller's, if the queue is full
     bool Add(std::unique_ptr<KyTferMsg>& request);
 
-    /// Takes the first request if its time has come: if the engine is quiet, or its patience is at an end.
+    /// Takes the first request if no worker runs, or if its wait has timed out.
     /// @return null if there is none
-    std::unique_ptr<KyTferMsg> TakeDue(bool quiet);
+    std::unique_ptr<KyTferMsg> TakeDue(bool workerRunning);
 
-    /// Takes the first request with this transaction identifier, wherever it waits.
+    /// Takes the first request with this transaction identifier.
     /// @return null if there is none
     std::unique_ptr<KyTferMsg> TakeById(const std::string& transId);
 
@@ -31,13 +33,13 @@ public:
 
 private:
     using Requests = std::deque<std::unique_ptr<KyTferMsg>>;
-    static constexpr size_t kMostWaiting = 64;
+    static constexpr size_t kMaxRequests = 64;
 
     std::unique_ptr<KyTferMsg> Take(size_t index);
 
-    const Clock::duration m_patience;
+    const Clock::duration m_timeOut;
     Requests m_requests;
-    Clock::time_point m_firstSince;
+    Clock::time_point m_frontSince;  // when the first request reached the front
 };
 
 #endif

@@ -1,17 +1,19 @@
 #include "service/TferService.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
-#include "host/KyHostIpc.h"
 #include "messages/KyTferGetDevFile.h"
 #include "messages/KyTferMsgFactory.h"
 #include "messages/KyTferPutDevFile.h"
 #include "platform/KyDlog.h"
+#include "platform/KyIpcDirectory.h"
 #include "platform/KyIpcMsgBuffer.h"
 #include "platform/tal_fileutils.h"
 
@@ -29,26 +31,26 @@ constexpr char kStarting[] = "The transfer service is still looking for its plac
 constexpr char kBadName[] = "The name of the file is not acceptable";
 constexpr char kEnding[] = "The transfer service is ending";
 constexpr char kTooMany[] = "Too many requests are waiting";
-constexpr char kNothing[] = "No transfer is in progress";
-constexpr char kNotThat[] = "That transfer is not in progress";
-constexpr char kNotAlone[] = "Two transfers are in progress; only a cancel without identifier ends them";
-constexpr auto kPatience = std::chrono::seconds(8);
-// Enough for a proxy to end the call that it has been told to abort. The rest of that call could otherwise
-// get into a file of the same name that is fetched next.
-constexpr auto kAbandonedPatience = std::chrono::milliseconds(100);
-constexpr int kAnswerBoundMs = 50;
-constexpr int kShortAnswer = 4000;
-constexpr int kRequestsAtATime = 64;
-constexpr int kWatchMs = 10;  // how often the loop looks at the engine while something waits for it
-constexpr int kForEver = -1;
+constexpr char kNothingInProgress[] = "No transfer is in progress";
+constexpr char kOtherInProgress[] = "That transfer is not in progress";
+constexpr char kTwoInProgress[] = "Two transfers are in progress; only a cancel without identifier ends them";
+constexpr auto kWorkerTimeOut = std::chrono::seconds(8);
+// Time for the proxy to end an aborted call. Otherwise the call could write to the file that is fetched next,
+// if both have the same name.
+constexpr auto kCancelledWorkerTimeOut = std::chrono::milliseconds(100);
+constexpr int kReplyWriteBoundMs = 50;
+constexpr int kShortReplyBytes = 4000;
+constexpr int kMaxRequestsPerRound = 64;
+constexpr int kEnginePollMs = 10;  // while a request or a listing waits for the engine
+constexpr int kNoTimeOut = -1;
 
-/// A name of a file of the device, which must not lead out of the directory that it is put into.
+/// Whether a file of this name stays in the directory that it is put into.
 bool IsAcceptable(const std::string& name) {
     return !name.empty() && name.find('/') == std::string::npos && name.find("..") == std::string::npos;
 }
 
-/// A message that lacks bytes, or has some too many, does not come out the same when it is written again.
-/// Only the server identifier may: the wire has room for more of it than counts.
+/// Whether the message has no missing and no surplus bytes: then serialising it again gives the same bytes.
+/// The server identifier is not compared: it has 32 bits on the wire, of which 16 count.
 bool IsWhole(KyTferMsg& message, const KyIpcMsgBuffer& received) {
     constexpr int kTypeEnd = 4;
     constexpr int kServerEnd = 8;
@@ -89,18 +91,17 @@ TferService::TferService(unsigned short deviceId, DeviceLink& link, unsigned int
     : m_deviceId(deviceId),
       m_link(link),
       m_control("tfersvc", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM),
-      m_waiting(kPatience) {
+      m_waiting(kWorkerTimeOut) {
     m_engine.SetPollPause(pollPauseMs);
 }
 
 TferService::~TferService() {
     Stop();
-    if (m_wakeFd >= 0) close(m_wakeFd);
 }
 
 bool TferService::Start() {
-    m_wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (m_wakeFd < 0 || !OpenControlFifo()) return false;
+    m_wakeUp = KyFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!m_wakeUp || !OpenControlFifo()) return false;
     tal_fileutils::MakeDirPath(kFlagDirectory, 0755, true);
     m_initThread = std::thread([this] { InitEngine(); });
     m_loopThread = std::thread([this] { Run(); });
@@ -108,20 +109,14 @@ bool TferService::Start() {
 }
 
 bool TferService::OpenControlFifo() {
-    int status = ky_host::CreateIpcDirectory();
-    const std::string directory = ky_host::IpcDirectory();
+    int status = ky_ipc::CreateIpcDirectory();
+    const std::string directory = ky_ipc::IpcDirectory();
     if (status != KyIpcFifoSession::IPC_OK) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "Start", "cannot use %s for the FIFOs, status %d",
                         directory.c_str(), status);
         return false;
     }
-    const int error = m_lock.Take(directory + kLockFile);
-    if (error != 0) {
-        __dlog_printfex(KY_DLOG_ERROR, kSource, "Start", "%s: %s",
-                        error == EWOULDBLOCK ? "another transfer service is running" : "cannot take the lock",
-                        strerror(error));
-        return false;
-    }
+    if (!LockOutOthers(directory)) return false;
     status = m_control.OpenReadFifo(kControlFifo, ky_service::kControlFifoMode);
     if (status != KyIpcFifoSession::IPC_OK) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "Start", "cannot open %s/%s, status %d", directory.c_str(),
@@ -131,20 +126,30 @@ bool TferService::OpenControlFifo() {
     return true;
 }
 
+// The lock file stays when the service ends: only the lock tells whether a service runs.
+bool TferService::LockOutOthers(const std::string& directory) {
+    m_lock = KyFd(open((directory + kLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (m_lock && flock(m_lock.Get(), LOCK_EX | LOCK_NB) == 0) return true;
+    const bool taken = m_lock && errno == EWOULDBLOCK;
+    __dlog_printfex(KY_DLOG_ERROR, kSource, "Start", "%s: %s",
+                    taken ? "another transfer service is running" : "cannot take the lock", strerror(errno));
+    return false;
+}
+
 void TferService::InitEngine() {
     const int status = m_engine.Init(m_deviceId, &m_link.Proxy());
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "InitEngine", "the engine is ready, status %d", status);
     m_ready = true;
-    eventfd_write(m_wakeFd, 1);
+    eventfd_write(m_wakeUp.Get(), 1);
 }
 
 void TferService::Stop() {
     if (!m_initThread.joinable()) return;
     m_link.Abort();
     m_stop = true;
-    eventfd_write(m_wakeFd, 1);
+    eventfd_write(m_wakeUp.Get(), 1);
     m_engine.Stop();
-    // Not there if the system gave no thread for it.
+    // The thread is missing if the system could not start it.
     if (m_loopThread.joinable()) m_loopThread.join();
     m_initThread.join();
     m_control.Close();
@@ -155,7 +160,7 @@ void TferService::Run() {
         try {
             if (!WaitForWork()) continue;
             if (m_ready) DeliverChanges();
-            TakeRequests();
+            ReadRequests();
             BeginDueTransactions();
         } catch (const std::exception& error) {
             __dlog_printfex(KY_DLOG_ERROR, kSource, "Run", "%s", error.what());
@@ -164,27 +169,27 @@ void TferService::Run() {
     RefuseWaiting();
 }
 
-// Those who still wait would otherwise not learn why they get nothing.
+// Otherwise the callers of waiting requests would get no reply.
 void TferService::RefuseWaiting() {
     try {
-        while (const auto request = m_waiting.TakeDue(true))
-            Answer(*request, kRefused, kEnding);
+        while (const auto request = m_waiting.TakeDue(false))
+            Reply(*request, kRefused, kEnding);
     } catch (const std::exception& error) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "Run", "%s", error.what());
     }
 }
 
-// False if there is nothing to do but to look at m_stop.
+// Returns false if the caller has only to check m_stop.
 bool TferService::WaitForWork() {
-    // Until the engine is ready its changes wait; they must not keep the loop awake.
+    // Before the engine is ready, queued changes must not wake up the loop.
     const int changes = m_ready ? m_link.ChangesDescriptor() : -1;
     struct pollfd sources[] = {
-        {m_wakeFd, POLLIN, 0}, {m_control.ReadDescriptor(), POLLIN, 0}, {changes, POLLIN, 0}};
+        {m_wakeUp.Get(), POLLIN, 0}, {m_control.ReadDescriptor(), POLLIN, 0}, {changes, POLLIN, 0}};
     const bool watching = !m_waiting.Empty() || m_listingDue;
-    const int bound = m_moreRequests ? 0 : watching ? kWatchMs : kForEver;
-    if (poll(sources, 3, bound) < 0) return false;
+    const int timeOut = m_moreRequests ? 0 : watching ? kEnginePollMs : kNoTimeOut;
+    if (poll(sources, 3, timeOut) < 0) return false;
     eventfd_t wakes = 0;
-    eventfd_read(m_wakeFd, &wakes);
+    eventfd_read(m_wakeUp.Get(), &wakes);
     return !m_stop;
 }
 
@@ -192,22 +197,22 @@ void TferService::DeliverChanges() {
     m_link.DeliverChanges([this](const KyValChgInfo& change) { m_engine.DataChange(change); });
 }
 
-// Takes so many at a time that callers who ask without end do not keep the loop from its other work.
-void TferService::TakeRequests() {
+// The number of requests is bounded, so that busy callers cannot starve the loop's other work.
+void TferService::ReadRequests() {
     KyIpcMsgBuffer buffer(1024);
     m_moreRequests = true;
-    for (int i = 0; i < kRequestsAtATime && m_moreRequests && !m_stop; ++i) {
+    for (int i = 0; i < kMaxRequestsPerRound && m_moreRequests && !m_stop; ++i) {
         const int status = m_control.Read(&buffer, 0);
-        // Others may have come in with one that there was no memory for, and nothing would tell of them.
+        // More messages may be buffered, and poll() would not report them.
         if (status == KyIpcFifoSession::IPC_NO_MEMORY) continue;
         m_moreRequests = status == KyIpcFifoSession::IPC_OK;
         if (!m_moreRequests) return;
-        Take(buffer);
+        Handle(buffer);
         if (m_ready) DeliverChanges();
     }
 }
 
-void TferService::Take(KyIpcMsgBuffer& buffer) {
+void TferService::Handle(KyIpcMsgBuffer& buffer) {
     std::unique_ptr<KyTferMsg> message(KyTferMsgFactory::CreateMsgFromBuffer(&buffer));
     if (!message || !IsWhole(*message, buffer)) {
         __dlog_printfex(KY_DLOG_WARNING, kSource, "Take",
@@ -215,71 +220,74 @@ void TferService::Take(KyIpcMsgBuffer& buffer) {
                         KyTferMsg::PeekMsgType(buffer.GetBuf()));
         return;
     }
-    if (message->GetMsgType() == KyTferMsg::TFER_MSG_STATUS) return AnswerStatus(*message);
+    if (message->GetMsgType() == KyTferMsg::TFER_MSG_STATUS) return ReplyWithRecord(*message);
     if (message->GetMsgType() == KyTferMsg::TFER_MSG_RESP) {
         __dlog_printfex(KY_DLOG_WARNING, kSource, "Take", "dropped a reply that nobody asked for");
         return;
     }
-    if (!m_ready) return Answer(*message, kRefused, kStarting);
+    if (!m_ready) return Reply(*message, kRefused, kStarting);
     if (!BeginsTransaction(*message)) return Cancel(*message);
-    if (!m_waiting.Add(message)) Answer(*message, kRefused, kTooMany);
+    if (!m_waiting.Add(message)) Reply(*message, kRefused, kTooMany);
 }
 
 void TferService::Cancel(const KyTferMsg& request) {
     m_engine.CancelTransaction(request.GetTransId());
     std::string text = kCancelled;
     const bool removed = RefuseCancelled(request.GetTransId());
-    const bool ended = Abandon(request.GetTransId(), text);
-    Answer(request, ended || removed ? kAccepted : kRefused, removed ? kCancelled : text);
+    const bool ended = CancelCurrent(request.GetTransId(), text);
+    Reply(request, ended || removed ? kAccepted : kRefused, removed ? kCancelled : text);
 }
 
-// Removes the waiting requests with this identifier. False if there is none.
+// Removes the waiting requests with this identifier. Returns false if there is none.
 bool TferService::RefuseCancelled(const std::string& transId) {
     bool removed = false;
     while (const auto waiting = transId.empty() ? nullptr : m_waiting.TakeById(transId)) {
         removed = true;
-        Answer(*waiting, kRefused, kCancelled);
+        Reply(*waiting, kRefused, kCancelled);
     }
     return removed;
 }
 
-// Why a cancel with this identifier must not end what the record shows; null if it may.
-const char* TferService::WhyNotItsOwn(const std::string& transId, const KyTferStatusMsg& record) const {
+// The reason why a cancel with this identifier must not end the record's transaction; null if it may.
+const char* TferService::CancelRefusal(const std::string& transId, const KyTferStatusMsg& record) const {
     if (transId.empty()) return nullptr;
-    if (m_begunBeside && IsInProgress(record)) return kNotAlone;
-    return m_begunBeside || transId != m_begunId ? kNotThat : nullptr;
+    if (m_lastIsSecondPush && IsInProgress(record)) return kTwoInProgress;
+    return m_lastIsSecondPush || transId != m_lastId ? kOtherInProgress : nullptr;
 }
 
-// Ends what is in progress if that is what the identifier names. False, and the reason, if nothing was ended.
-bool TferService::Abandon(const std::string& transId, std::string& text) {
+// Ends the transaction in progress if the identifier is its own or empty. Returns false, and the reason in
+// `text`, if nothing was ended.
+bool TferService::CancelCurrent(const std::string& transId, std::string& text) {
     const KyTferStatusMsg before = m_engine.GetStatus(transId);
-    if (const char* const reason = WhyNotItsOwn(transId, before)) {
+    if (const char* const reason = CancelRefusal(transId, before)) {
         text = reason;
         return false;
     }
     const KyTferStatusMsg record = m_engine.AbandonTransaction("");
-    text = kNothing;
-    // The record says so also if there was nothing to end, and the transaction before had been cancelled.
+    text = kNothingInProgress;
+    // A record that was cancelled before stays cancelled, though this call has ended nothing.
     if (!IsCancelled(record) || IsCancelled(before)) return false;
     m_listingDue = false;
-    m_abandonedAt = RequestQueue::Clock::now();
+    m_cancelledAt = RequestQueue::Clock::now();
     text = record.GetStatusMsg();
     return true;
 }
 
-// What a running worker causes belongs to its own transaction; after that was abandoned, it causes nothing.
-bool TferService::WorkersMatter() const {
-    const bool givenUp = m_abandonedAt && RequestQueue::Clock::now() - *m_abandonedAt >= kAbandonedPatience;
-    return m_engine.WorkerRunning() && !givenUp;
+// A worker causes changes of its own transaction, but none after that was cancelled.
+bool TferService::MustWaitForWorker() const {
+    const bool timedOut =
+        m_cancelledAt && RequestQueue::Clock::now() - *m_cancelledAt >= kCancelledWorkerTimeOut;
+    return m_engine.WorkerRunning() && !timedOut;
 }
 
 void TferService::BeginDueTransactions() {
     while (!m_stop) {
-        const bool quiet = !WorkersMatter();
+        // Checked first: a worker that ends after the delivery may have caused more changes.
+        const bool workerRunning = MustWaitForWorker();
         if (m_ready) DeliverChanges();
-        // A listing that has come is read while the record still says where it is.
-        KeepListing();
-        const std::unique_ptr<KyTferMsg> request = m_waiting.TakeDue(quiet && !WorkersMatter());
+        // The next transaction's record replaces the path of the listing.
+        ReadListing();
+        const std::unique_ptr<KyTferMsg> request = m_waiting.TakeDue(workerRunning || MustWaitForWorker());
         if (!request) return;
         Begin(*request);
     }
@@ -287,29 +295,27 @@ void TferService::BeginDueTransactions() {
 
 void TferService::Begin(KyTferMsg& request) {
     KyTferStatusMsg record(512);
-    std::string transId = request.GetTransId();  // here, where it can fail: nothing has begun yet
-    bool besideAnother = false;
+    std::string transId = request.GetTransId();  // copied before the transaction begins: the copy can throw
+    bool isSecondPush = false;
     if (const auto* fetch = dynamic_cast<KyTferGetDevFile*>(&request)) {
         record = IsAcceptable(fetch->GetXferFileName())
                      ? m_engine.GetFileFromDevRequest(fetch->GetXferFileName(), fetch->GetXferFileSize())
                      : Refusal(kBadName);
     } else if (const auto* push = dynamic_cast<KyTferPutDevFile*>(&request)) {
-        besideAnother = IsInProgress(m_engine.GetStatus(""));
+        isSecondPush = IsInProgress(m_engine.GetStatus(""));
         record = Push(push->GetSrcPath());
     } else {
         record = m_engine.GetDirectoryFromDevRequest();
-        // A refused request leaves the listing due that is in progress.
+        // A refused request does not affect an earlier listing that is in progress.
         m_listingDue = m_listingDue || IsInProgress(record);
     }
     const bool accepted = IsInProgress(record);
-    if (accepted) NoteBegun(std::move(transId), besideAnother);
-    Answer(request, accepted ? kAccepted : kRefused, record.GetStatusMsg());
-}
-
-void TferService::NoteBegun(std::string transId, bool besideAnother) {
-    m_begunId = std::move(transId);
-    m_begunBeside = besideAnother;
-    m_abandonedAt.reset();
+    if (accepted) {
+        m_lastId = std::move(transId);
+        m_lastIsSecondPush = isSecondPush;
+        m_cancelledAt.reset();
+    }
+    Reply(request, accepted ? kAccepted : kRefused, record.GetStatusMsg());
 }
 
 KyTferStatusMsg TferService::Push(const std::string& path) {
@@ -320,25 +326,25 @@ KyTferStatusMsg TferService::Push(const std::string& path) {
     return m_engine.PutFileToDevRequest(path.substr(0, slash), path.substr(slash + 1));
 }
 
-void TferService::KeepListing() {
+void TferService::ReadListing() {
     if (!m_listingDue) return;
     const KyTferStatusMsg record = m_engine.GetStatus("");
     const bool isInPlace = record.GetReqType() == KyTferStatusMsg::TFER_REQ_DIRECTORY &&
                            record.GetStatus() == KyTferStatusMsg::TFER_STATUS_COMPLETE &&
                            record.GetFilePath() == KyTferClient::GetHmiDownloadDirectory();
-    // The worker of an abandoned transaction may still run, so its end does not matter to a listing in place.
+    // A listing in place is complete, even if the worker of a cancelled transaction still runs.
     if (!isInPlace && (IsInProgress(record) || m_engine.WorkerRunning())) return;
     m_listingDue = false;
     if (isInPlace) m_engine.CreateDirectoryFromFile(record.GetXferFullFilePath());
 }
 
-void TferService::AnswerStatus(const KyTferMsg& request) {
+void TferService::ReplyWithRecord(const KyTferMsg& request) {
     KyTferStatusMsg record = m_ready ? m_engine.GetStatus(request.GetTransId()) : Refusal(kStarting);
     Send(request, record);
 }
 
-void TferService::Answer(const KyTferMsg& request, KyTferRespMsg::TferMsgResult result,
-                         const std::string& text) {
+void TferService::Reply(const KyTferMsg& request, KyTferRespMsg::TferMsgResult result,
+                        const std::string& text) {
     KyTferRespMsg reply(512);
     reply.SetResultStatus(result);
     reply.SetResultMsg(text);
@@ -355,8 +361,8 @@ void TferService::Send(const KyTferMsg& request, KyTferMsg& reply) {
         KyIpcMsgBuffer buffer(512);
         reply.Serialize(&buffer);
         KyIpcFifoSession session("tfersvc", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
-        // An empty FIFO takes a short answer at once: a full one belongs to a caller that does not read.
-        session.SetWriteBound(buffer.GetLength() < kShortAnswer ? 0 : kAnswerBoundMs);
+        // An empty FIFO has room for a short reply. A full one belongs to a caller that does not read.
+        session.SetWriteBound(buffer.GetLength() < kShortReplyBytes ? 0 : kReplyWriteBoundMs);
         status = session.OpenCtrlFifo(fifo.c_str());
         if (status == KyIpcFifoSession::IPC_OK) {
             status = session.WriteCtrl(reinterpret_cast<const char*>(buffer.GetBuf()), buffer.GetLength());

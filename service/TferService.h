@@ -10,45 +10,45 @@
 
 #include "engine/KyTferClient.h"
 #include "messages/KyServiceContract.h"
+#include "platform/KyFd.h"
 #include "platform/KyIpcFifoSession.h"
 #include "service/DeviceLink.h"
 #include "service/RequestQueue.h"
-#include "service/ServiceLock.h"
 
 class KyIpcMsgBuffer;
 
-/// The transfer service: owns the engine, hands it the changes of the device's points, and answers the
-/// requests of other processes, which come in over the control FIFO "tfersvc-CtrlFifo".
+/// The transfer service: owns the engine, passes it the changes of the device's points, and answers the
+/// requests that other processes write to the control FIFO (messages/KyServiceContract.h).
 ///
-/// States. Start makes it the one service of the machine and begins to bind the engine to the device, which
-/// takes eight seconds at least; requests are refused until then. Stop ends it for good.
+/// States. Start() opens the control FIFO and begins to search for the card's module in the device, which
+/// takes at least eight seconds; until then requests are refused. Stop() is final.
 ///
-/// Threads. Start and Stop are called from one thread. The service has two of its own: one that runs the
-/// engine's Init, and a loop that does everything else, one thing at a time: deliver changes, take a request,
-/// make the one engine call that it asks for, answer. A request that begins a transaction waits up to eight
-/// seconds, while the loop goes on, for the worker of the last one to end: the changes that it caused are
-/// then delivered before the new transaction has its record. A cancelled worker causes none, so it is waited
-/// for a tenth of a second only.
+/// Threads. One thread calls Start() and Stop(). The service starts two threads: one runs the engine's Init,
+/// the other one runs a loop. The loop delivers changes, reads requests, makes the engine call of a request
+/// and sends the reply, one at a time.
 ///
-/// Cancelling. A cancel request ends at once whatever is in progress if its transaction identifier is empty.
-/// With an identifier it ends only the transaction whose request had the same one, and removes waiting
-/// requests that have it; these are answered as refused.
+/// Queue. A request that begins a transaction waits up to eight seconds for the worker of the last
+/// transaction: the changes that the worker causes must be delivered before the next transaction has its
+/// record. A cancelled worker causes none and delays the next request by at most 0.1 seconds. Other requests
+/// are answered meanwhile.
 ///
-/// Answers. A fetch, directory or push request gets a KyTferRespMsg with kAccepted or kRefused and the status
-/// message of the engine's record; a status request the record itself. A cancel request gets kAccepted if it
-/// has ended or removed something, otherwise kRefused with the reason. A message that is damaged, or asks for
-/// nothing, is logged and dropped. The loop waits a twentieth of a second at most for a caller to take its
-/// answer.
+/// Cancel. An empty transaction identifier ends the transaction in progress. Any other identifier ends only
+/// the transaction that was requested with it, and removes waiting requests that have it. Those are refused.
+///
+/// Replies. A fetch, directory or push request gets a KyTferRespMsg with kAccepted or kRefused and the status
+/// message of the engine's record. A status request gets the record. A cancel request gets kAccepted if it
+/// ended or removed something, otherwise kRefused and the reason. Damaged and unexpected messages are logged
+/// and dropped. A reply to a caller that does not read blocks the loop for at most 50 milliseconds.
 class TferService {
 public:
     static constexpr unsigned int kDefaultPollPauseMs = 20;
 
-    /// @param link         the way to the device; lives longer than the service
-    /// @param pollPauseMs  milliseconds between two looks of a monitor at the arriving file; 0 for none, which
-    ///                     keeps a core busy
+    /// @param link         lives longer than the service
+    /// @param pollPauseMs  milliseconds between two polls of an arriving file; 0 for no pause, which keeps a
+    ///                     core busy
     TferService(unsigned short deviceId, DeviceLink& link, unsigned int pollPauseMs = kDefaultPollPauseMs);
 
-    /// Stops the service if Stop was not called.
+    /// Calls Stop().
     ~TferService();
 
     TferService(const TferService&) = delete;
@@ -56,57 +56,56 @@ public:
 
     /// Opens the control FIFO and starts the threads.
     ///
-    /// @return false, with a line in the log, if another service runs or the FIFO cannot be made
+    /// @return false, with a line in the log, if another service runs or the FIFO cannot be opened
     bool Start();
 
-    /// Aborts the device, ends the threads and removes the control FIFO. Takes little more than a second at
-    /// most. Calling it again does no harm.
+    /// Aborts the device's calls, joins the threads and removes the control FIFO. Blocks for little more than
+    /// a second. May be called again.
     void Stop();
 
 private:
     bool OpenControlFifo();
+    bool LockOutOthers(const std::string& directory);
     void InitEngine();
 
-    // The loop's.
+    // Called by the loop only.
     void Run();
     void RefuseWaiting();
     bool WaitForWork();
     void DeliverChanges();
-    void TakeRequests();
-    void Take(KyIpcMsgBuffer& buffer);
+    void ReadRequests();
+    void Handle(KyIpcMsgBuffer& buffer);
     void Cancel(const KyTferMsg& request);
     bool RefuseCancelled(const std::string& transId);
-    const char* WhyNotItsOwn(const std::string& transId, const KyTferStatusMsg& record) const;
-    bool Abandon(const std::string& transId, std::string& text);
-    bool WorkersMatter() const;
+    const char* CancelRefusal(const std::string& transId, const KyTferStatusMsg& record) const;
+    bool CancelCurrent(const std::string& transId, std::string& text);
+    bool MustWaitForWorker() const;
     void BeginDueTransactions();
     void Begin(KyTferMsg& request);
-    void NoteBegun(std::string transId, bool besideAnother);
     KyTferStatusMsg Push(const std::string& path);
-    void KeepListing();
-    void AnswerStatus(const KyTferMsg& request);
-    void Answer(const KyTferMsg& request, KyTferRespMsg::TferMsgResult result, const std::string& text);
+    void ReadListing();
+    void ReplyWithRecord(const KyTferMsg& request);
+    void Reply(const KyTferMsg& request, KyTferRespMsg::TferMsgResult result, const std::string& text);
     void Send(const KyTferMsg& request, KyTferMsg& reply);
 
     const unsigned short m_deviceId;
     DeviceLink& m_link;
     KyTferClient m_engine;
-    ServiceLock m_lock;
+    KyFd m_lock;  // held while the service runs; the kernel releases it however the process ends
     KyIpcFifoSession m_control;
-    int m_wakeFd = -1;  // an event counter: the loop is to look at m_stop, or the engine is ready
+    KyFd m_wakeUp;  // event counter that makes the loop check m_stop and m_ready
     std::atomic<bool> m_ready{false};
     std::atomic<bool> m_stop{false};
     std::thread m_initThread;
     std::thread m_loopThread;
 
-    // The loop's alone.
+    // Used by the loop only.
     RequestQueue m_waiting;
-    bool m_moreRequests = false;  // the last round did not take all that had come
-    bool m_listingDue = false;    // a directory request has been accepted, and its listing has not been read
-    std::string m_begunId;        // transaction identifier of the last request that was accepted
-    bool m_begunBeside = false;   // that was a push, and another transaction was in progress
-    // When a transaction was abandoned, until the next one begins.
-    std::optional<RequestQueue::Clock::time_point> m_abandonedAt;
+    bool m_moreRequests = false;      // ReadRequests() stopped before the FIFO was empty
+    bool m_listingDue = false;        // a directory request was accepted, and its listing has not been read
+    std::string m_lastId;             // transaction identifier of the last accepted request
+    bool m_lastIsSecondPush = false;  // that request was a push, and another transaction was in progress
+    std::optional<RequestQueue::Clock::time_point> m_cancelledAt;  // set until the next transaction begins
 };
 
 #endif
