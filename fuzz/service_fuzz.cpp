@@ -9,7 +9,7 @@
 #include "fuzz/Caller.h"
 #include "host/KyHostIpc.h"
 #include "messages/KyTferStatusMsg.h"
-#include "service/ServiceOptions.h"
+#include "service/SimDeviceLink.h"
 #include "service/TferService.h"
 #include "support/SteppedTime.h"
 
@@ -22,6 +22,7 @@ using fuzz::Serialised;
 namespace {
 
 constexpr char kDevice[] = "/var/tmp/device";
+constexpr unsigned short kDeviceId = 3;
 constexpr size_t kFewRequests = 16;  // all of which are answered in full
 
 /// A caller's end of a reply FIFO, which lives on from one input to the next.
@@ -57,14 +58,15 @@ class Session {
 public:
     Session(fuzz::Input& input, Replies& fifos) : m_input(input), m_fifos(fifos) {
         const unsigned faults = m_input.Byte();
-        ServiceOptions options;
-        options.deviceId = 3;
-        options.simulatedDirectory = kDevice;
-        options.usbOnly = faults % 16 == 15;
+        auto device = SimDevice::Builder(kDevice)
+                          .DeviceId(kDeviceId)
+                          .Transport(faults % 16 == 15 ? SimDevice::USB_ONLY : SimDevice::SORREL_485)
+                          .ManualDelivery(true)
+                          .Build();
         for (const auto operation : {SimOperation::FETCH, SimOperation::PUSH, SimOperation::DIRECTORY})
-            options.faults[operation] = Fault(faults);
-        m_link = MakeDeviceLink(options);
-        m_service = std::make_unique<TferService>(options.deviceId, *m_link);
+            device->SetFault(operation, Fault(faults));
+        m_link = std::make_unique<SimDeviceLink>(std::move(device));
+        m_service = std::make_unique<TferService>(kDeviceId, *m_link);
         Require(m_service->Start(), "the service starts");
     }
 
