@@ -35,8 +35,8 @@ constexpr auto kRefused = static_cast<KyTferRespMsg::TferMsgResult>(2);
 /// Refuses a fetch or listing while another one is in progress.
 constexpr char kAlreadyInProgress[] = "Transaction already in progress";
 
-/// Status message of a fetch or listing whose file is arriving. Before that, the record may hold the byte count
-/// of the transfer before it.
+/// Status message of a fetch or listing whose file is arriving. Before that, the record may hold the byte
+/// count of the transfer before it.
 constexpr char kTransferInProgress[] = "File transfer inprogress";
 
 /// Status message of a cancelled transfer; ": " and a reason may follow. Also refuses a request that was
