@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/KyDlog.h"
-#include "simdevice/SimFault.h"
+#include "simdevice/SimFaults.h"
 
 namespace {
 

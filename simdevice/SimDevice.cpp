@@ -11,30 +11,29 @@
 #include <limits>
 #include <utility>
 
+#include "platform/KyNetUtils.h"
+
 namespace {
 
-// The upper half is not empty: a card that takes the whole of it for a 16-bit identifier asks for another
-// report.
-constexpr unsigned int s_monAgentReport = 0x10065;
+// The upper half is not 0: the card has to use the lower 16 bits only.
+constexpr unsigned int kMonAgentReport = 0x10065;
 
 unsigned int AnnouncedSize(std::uint64_t size, long long delta) {
-    constexpr long long most = std::numeric_limits<unsigned int>::max();
-    const long long real = size > static_cast<std::uint64_t>(most) ? most : static_cast<long long>(size);
-    return static_cast<unsigned int>(std::clamp(real + std::clamp(delta, -most, most), 0LL, most));
+    constexpr long long kMost = std::numeric_limits<unsigned int>::max();
+    const long long real = size > static_cast<std::uint64_t>(kMost) ? kMost : static_cast<long long>(size);
+    return static_cast<unsigned int>(std::clamp(real + std::clamp(delta, -kMost, kMost), 0LL, kMost));
 }
 
 }  // namespace
 
 SimDevice::SimDevice(const SimDeviceConfig& config)
     : m_config(config),
-      m_journal(config.journal),
       m_changes(config.manualDelivery),
       m_points(config, m_changes),
       m_files(config.directory),
-      m_line(config.lineRate),
       m_late(m_abort, m_changes) {}
 
-// Both threads may be inside this object's operations; they end while it is still whole.
+// The threads may be inside operations of this object: they are joined before its members are destroyed.
 SimDevice::~SimDevice() {
     m_abort.Trip();
     m_late.Stop();
@@ -63,42 +62,31 @@ std::string SimDevice::GetString(unsigned short pointId, unsigned short mmIdx) c
     return value;
 }
 
-unsigned int SimDevice::GetUint32(unsigned short pointId) const {
-    unsigned int value = 0;
-    m_points.Read(pointId, 0, value);
-    return value;
+std::vector<SimCall> SimDevice::Calls() const {
+    const std::lock_guard<std::mutex> lock(m_callsMutex);
+    return m_calls;
 }
 
-std::string SimDevice::LastOutcome() const {
-    const std::lock_guard<std::mutex> lock(m_outcomeMutex);
-    return m_lastOutcome;
-}
-
-unsigned int SimDevice::OutcomeCount(const std::string& outcome) const {
-    const std::lock_guard<std::mutex> lock(m_outcomeMutex);
-    const auto found = m_outcomeCounts.find(outcome);
-    return found == m_outcomeCounts.end() ? 0 : found->second;
+void SimDevice::ClearCalls() {
+    const std::lock_guard<std::mutex> lock(m_callsMutex);
+    m_calls.clear();
 }
 
 int SimDevice::GetMaiString(std::string& value, unsigned short device, unsigned short pointId,
                             unsigned short mmIdx, unsigned short idx, unsigned short uom, short norm,
                             unsigned int option) {
-    return Recorded({SimCallKind::GET_STRING, pointId, "", 0, device, mmIdx}, [&](SimCall& call) {
+    return Recorded({SimCallKind::GET_STRING, pointId, "", 0, device, mmIdx}, int{SIM_OUT_OF_MEMORY}, [&] {
         const bool plain = idx == 0 && uom == 0 && norm == 0 && option == 0;
-        int status = Admit(SimAccess::READ, device, pointId, plain);
-        if (status == SIM_OK) status = m_points.Read(pointId, mmIdx, value);
-        if (status == SIM_OK) call.value = value;
-        return status;
+        const int status = Admit(SimAccess::READ, device, pointId, plain);
+        return status == SIM_OK ? m_points.Read(pointId, mmIdx, value) : status;
     });
 }
 
 int SimDevice::GetMaiUint32(unsigned int& value, unsigned short device, unsigned short pointId,
                             unsigned short mmIdx, unsigned short idx, unsigned short uom, short norm) {
-    return Recorded({SimCallKind::GET_UINT32, pointId, "", 0, device, mmIdx}, [&](SimCall& call) {
-        int status = Admit(SimAccess::READ, device, pointId, idx == 0 && uom == 0 && norm == 0);
-        if (status == SIM_OK) status = m_points.Read(pointId, mmIdx, value);
-        if (status == SIM_OK) call.value = std::to_string(value);
-        return status;
+    return Recorded({SimCallKind::GET_UINT32, pointId, "", 0, device, mmIdx}, int{SIM_OUT_OF_MEMORY}, [&] {
+        const int status = Admit(SimAccess::READ, device, pointId, idx == 0 && uom == 0 && norm == 0);
+        return status == SIM_OK ? m_points.Read(pointId, mmIdx, value) : status;
     });
 }
 
@@ -106,7 +94,8 @@ int SimDevice::SetMaiString(const char* value, unsigned short device, unsigned s
                             unsigned short mmIdx, unsigned short idx, unsigned short uom, short norm,
                             unsigned int option, unsigned int timeout) {
     if (value == nullptr) return SIM_BAD_VALUE;
-    return Recorded({SimCallKind::SET_STRING, pointId, value, timeout, device, mmIdx}, [&](SimCall& call) {
+    const SimCall call = {SimCallKind::SET_STRING, pointId, value, timeout, device, mmIdx};
+    return Recorded(call, int{SIM_OUT_OF_MEMORY}, [&] {
         const bool plain = idx == 0 && uom == 0 && norm == 0 && option == 0;
         int status = Admit(SimAccess::WRITE, device, pointId, plain);
         if (status == SIM_OK) status = m_points.Write(pointId, mmIdx, call.value);
@@ -119,30 +108,27 @@ int SimDevice::SetMaiUint32(unsigned int value, unsigned short device, unsigned 
                             unsigned short mmIdx, unsigned short idx, unsigned short uom, short norm,
                             unsigned int timeout) {
     const SimCall call = {SimCallKind::SET_UINT32, pointId, std::to_string(value), timeout, device, mmIdx};
-    return Recorded(call, [&](SimCall&) {
+    return Recorded(call, int{SIM_OUT_OF_MEMORY}, [&] {
         const int status = Admit(SimAccess::WRITE, device, pointId, idx == 0 && uom == 0 && norm == 0);
         return status == SIM_OK ? m_points.Write(pointId, mmIdx, value) : status;
     });
 }
 
 int SimDevice::GetMaxModuleCount(unsigned int& count, unsigned short device, unsigned short reportId) {
-    return Recorded({SimCallKind::MODULE_COUNT, reportId, "", 0, device, 0}, [&](SimCall& call) {
-        if (reportId != static_cast<unsigned short>(s_monAgentReport)) return int{SIM_NO_POINT};
+    const SimCall call = {SimCallKind::MODULE_COUNT, reportId, "", 0, device, 0};
+    return Recorded(call, int{SIM_OUT_OF_MEMORY}, [&] {
+        if (reportId != static_cast<unsigned short>(kMonAgentReport)) return int{SIM_NO_POINT};
         const int status = Admit(SimAccess::MODULE_COUNT, device, sim_point::MON_AGENT_INFO, true);
-        if (status != SIM_OK) return status;
-        count = m_config.modules;
-        call.value = std::to_string(count);
+        if (status == SIM_OK) count = m_config.modules;
         return status;
     });
 }
 
 int SimDevice::GetPointReportId(unsigned int& reportId, unsigned short device, unsigned short pointId) {
-    return Recorded({SimCallKind::REPORT_ID, pointId, "", 0, device, 0}, [&](SimCall& call) {
+    return Recorded({SimCallKind::REPORT_ID, pointId, "", 0, device, 0}, int{SIM_OUT_OF_MEMORY}, [&] {
         if (pointId != sim_point::MON_AGENT_INFO) return int{SIM_NO_POINT};
         const int status = Admit(SimAccess::REPORT_ID, device, pointId, true);
-        if (status != SIM_OK) return status;
-        reportId = s_monAgentReport;
-        call.value = std::to_string(reportId);
+        if (status == SIM_OK) reportId = kMonAgentReport;
         return status;
     });
 }
@@ -153,38 +139,36 @@ void SimDevice::AbortTransfer(unsigned short device) {
 
 bool SimDevice::DoGetDevFile(unsigned short device, const std::string&, const std::string& fileName) {
     const SimAbort::Call call(m_abort);
-    return SIM_OK == Recorded({SimCallKind::GET_FILE, 0, fileName, 0, device, 0}, [&](SimCall&) {
-               const SimFault fault =
-                   m_faults.Of(m_files.IsListing(fileName) ? SimOperation::DIRECTORY : SimOperation::FETCH);
-               const int status = AdmitTransfer(device, fault, call);
-               return status != SIM_OK || fault.noFile ? status : Deliver(fileName, fault, call);
-           });
+    return Recorded({SimCallKind::GET_FILE, 0, fileName, 0, device, 0}, false, [&] {
+        const bool listing = m_files.IsListing(fileName);
+        const SimFault fault = m_faults.Of(listing ? SimOperation::DIRECTORY : SimOperation::FETCH);
+        return AdmitTransfer(device, fault, call) && (fault.noFile || Deliver(fileName, fault, call));
+    });
 }
 
 bool SimDevice::DoPutDevFile(unsigned short device, const std::string& directory, const std::string& fileName,
                              const std::string& xferFileName) {
     const SimAbort::Call call(m_abort);
     const std::string names = directory + " " + fileName + " " + xferFileName;
-    return SIM_OK == Recorded({SimCallKind::PUT_FILE, 0, names, 0, device, 0}, [&](SimCall&) {
-               const SimFault fault = m_faults.Of(SimOperation::PUSH);
-               call.Sleep(std::uint64_t{fault.delayMs} * 1000);
-               const int status = AdmitTransfer(device, fault, call);
-               return status != SIM_OK || fault.noFile
-                          ? status
-                          : Accept(directory + fileName, xferFileName, fault, call);
-           });
+    return Recorded({SimCallKind::PUT_FILE, 0, names, 0, device, 0}, false, [&] {
+        const SimFault fault = m_faults.Of(SimOperation::PUSH);
+        call.Sleep(std::uint64_t{fault.delayMs} * 1000);
+        return AdmitTransfer(device, fault, call) &&
+               (fault.noFile || Accept(directory + fileName, xferFileName, fault, call));
+    });
 }
 
-// Every call of the card goes through here: into the journal, and without an exception out of it.
-template <typename Work>
-int SimDevice::Recorded(SimCall call, Work work) {
+// Runs a call of the card: enters it into the journal, and turns exceptions into `failure`.
+template <typename Result, typename Work>
+Result SimDevice::Recorded(const SimCall& call, Result failure, Work work) {
     try {
-        const std::size_t number = m_journal.Begin(call);
-        const int status = work(call);
-        m_journal.End(number, status, call.value);
-        return status;
+        if (m_config.journal) {
+            const std::lock_guard<std::mutex> lock(m_callsMutex);
+            m_calls.push_back(call);
+        }
+        return work();
     } catch (const std::exception&) {
-        return SIM_OUT_OF_MEMORY;
+        return failure;
     }
 }
 
@@ -197,13 +181,9 @@ int SimDevice::Admit(SimAccess access, unsigned short device, unsigned short poi
 }
 
 void SimDevice::HandleRequest(const std::string& text) {
-    if (text.empty() || text == "NONE" || text == "SUCCESS" || text == "ERROR") {
-        const std::lock_guard<std::mutex> lock(m_outcomeMutex);
-        ++m_outcomeCounts[text];
-        if (!text.empty()) m_lastOutcome = text;
-    } else if (!m_abort.Tripped()) {
+    const bool request = !text.empty() && text != "NONE" && text != "SUCCESS" && text != "ERROR";
+    if (request && !m_abort.Tripped())
         Answer(text == "DIRREQ" ? SimOperation::DIRECTORY : SimOperation::FETCH, text);
-    }
 }
 
 void SimDevice::Answer(SimOperation operation, const std::string& text) {
@@ -218,12 +198,12 @@ void SimDevice::Answer(SimOperation operation, const std::string& text) {
     else
         m_late.Schedule(fault.delayMs,
                         [this, fault, word, size = source.size] { GiveAnswer(fault, word, size); });
-    constexpr unsigned int longestWaitMs = 5000;
+    constexpr unsigned int kLongestWaitMs = 5000;
     if (fault.answerBeforeReturn && !m_config.manualDelivery && !m_changes.InListener())
-        m_changes.WaitIdle(longestWaitMs);
+        m_changes.WaitIdle(kLongestWaitMs);
 }
 
-// The card takes the size that it saw last for that of the file, so the size comes first.
+// The size comes first, because the card uses the last size that it has seen.
 void SimDevice::GiveAnswer(const SimFault& fault, const std::string& word, std::uint64_t size) {
     if (fault.answer == SimAnswer::NONE_VALUE) {
         ChangeString(sim_point::CLIENT_FILE_REQ, "NONE");
@@ -235,42 +215,53 @@ void SimDevice::GiveAnswer(const SimFault& fault, const std::string& word, std::
     if (fault.answer == SimAnswer::READY_TWICE) ChangeString(sim_point::CLIENT_FILE_REQ, word);
 }
 
-int SimDevice::AdmitTransfer(unsigned short device, const SimFault& fault, const SimAbort::Call& call) const {
-    if (device != m_config.deviceId) return SIM_NO_DEVICE;
-    if (fault.refuse) return SIM_REFUSED;
-    if (fault.stuck && fault.stuckAfterBytes == 0) call.WaitEnded();
-    return call.Ended() ? SIM_ABORTED : SIM_OK;
+bool SimDevice::AdmitTransfer(unsigned short device, const SimFault& fault,
+                              const SimAbort::Call& call) const {
+    if (device != m_config.deviceId || fault.refuse) return false;
+    if (fault.stuck && fault.stuckAfterBytes == 0) call.Hang();
+    return !call.Ended();
 }
 
-int SimDevice::Deliver(const std::string& fileName, const SimFault& fault, const SimAbort::Call& call) {
+bool SimDevice::Deliver(const std::string& fileName, const SimFault& fault, const SimAbort::Call& call) {
     SimSource source;
-    if (!m_files.Open(fileName, source)) return SIM_NO_FILE;
+    if (!m_files.Open(fileName, source)) return false;
     const std::string path = m_config.landingDirectory + fileName;
     KyFd target(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
-    if (!target) return SIM_IO_FAILURE;
-    const bool copied = m_line.Copy(source, target.Get(), fault, call);
-    const bool closed = target.Close();
-    if (call.Ended()) return SIM_ABORTED;
-    return copied && closed ? SIM_OK : SIM_IO_FAILURE;
+    if (!target) return false;
+    const bool copied = source.CopyTo(target.Get(), m_config.lineRate, fault, call);
+    return target.Close() && copied && !call.Ended();
 }
 
-// The file takes its name only when it is whole; until then it is hidden, and so none of the device's files.
-int SimDevice::Accept(const std::string& path, const std::string& xferFileName, const SimFault& fault,
-                      const SimAbort::Call& call) {
+// The file is hidden until it is complete: the listing and fetches ignore hidden files.
+bool SimDevice::Accept(const std::string& path, const std::string& xferFileName, const SimFault& fault,
+                       const SimAbort::Call& call) {
     SimSource source;
     if (!SimFiles::IsFileName(xferFileName) || !source.OpenFile(path) || source.size > m_config.maxFileSize)
-        return SIM_NO_FILE;
+        return false;
     std::string hidden = m_config.directory + ".arriving-XXXXXX";
     KyFd target(mkostemp(hidden.data(), O_CLOEXEC));
-    if (!target) return SIM_IO_FAILURE;
-    const bool stored = m_line.Copy(source, target.Get(), fault, call) && fchmod(target.Get(), 0644) == 0 &&
-                        target.Close() && !call.Ended() &&
+    if (!target) return false;
+    const bool stored = source.CopyTo(target.Get(), m_config.lineRate, fault, call) &&
+                        fchmod(target.Get(), 0644) == 0 && target.Close() && !call.Ended() &&
                         rename(hidden.c_str(), (m_config.directory + xferFileName).c_str()) == 0;
-    if (stored) return SIM_OK;
-    unlink(hidden.c_str());
-    return call.Ended() ? SIM_ABORTED : SIM_IO_FAILURE;
+    if (!stored) unlink(hidden.c_str());
+    return stored;
 }
 
 unsigned short SimDevice::IndexOr(unsigned short mmIdx) const {
     return mmIdx == 0 ? m_config.cardIndex : mmIdx;
+}
+
+std::unique_ptr<SimDevice> SimDeviceBuilder::Build() const {
+    struct stat info = {};
+    if (stat(m_config.directory.c_str(), &info) != 0) return nullptr;
+    try {
+        SimDeviceConfig config = m_config;
+        if (!m_macGiven) config.mac = tal_netutils::KyNetUtils::GetMAC();
+        if (config.landingDirectory.empty())
+            config.landingDirectory = "/var/local/tal/pldserver/" + std::to_string(config.deviceId) + "/";
+        return std::unique_ptr<SimDevice>(new SimDevice(config));
+    } catch (const std::exception&) {
+        return nullptr;
+    }
 }

@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -12,31 +11,27 @@
 #include "platform/KyPldProxy.h"
 #include "platform/KyValChgInfo.h"
 #include "simdevice/SimAbort.h"
-#include "simdevice/SimChangeQueue.h"
+#include "simdevice/SimCall.h"
+#include "simdevice/SimChanges.h"
 #include "simdevice/SimDeviceBuilder.h"
-#include "simdevice/SimDeviceConfig.h"
-#include "simdevice/SimFault.h"
 #include "simdevice/SimFaults.h"
 #include "simdevice/SimFiles.h"
-#include "simdevice/SimJournal.h"
-#include "simdevice/SimLateAnswers.h"
-#include "simdevice/SimLine.h"
-#include "simdevice/SimPointStore.h"
 #include "simdevice/SimPoints.h"
 
-/// A managed device made of a directory of real files, and at the same time the card's proxy to it.
+/// A simulated managed device, and the card's proxy to it. Its files are those of a real directory.
 ///
-/// It has the transfer points, answers requests on them, lets its files be fetched and takes pushed ones, and
-/// reports every change of a point, the card's own writes included. It shows faults on request.
+/// The device has the transfer points and answers requests on them. The card can fetch its files and push
+/// files to it. It reports every change of a point, also those that the card writes. It shows faults on
+/// request.
 ///
-/// States: running from the moment it is built; aborted, by Abort, for ever. An aborted device still reads,
-/// writes and reports its points, but it answers no request and transfers nothing.
+/// States: running from its construction; aborted for ever after Abort. An aborted device still reads, writes
+/// and reports its points, but it answers no request and transfers nothing.
 ///
-/// Any thread may call any operation. A point operation returns without waiting for the listener, except
-/// under the fault that asks for it, and is only as slow as its own faults; a directory request also takes
-/// the time of reading the directory. The file operations block while they transfer. Simulated time passes in
-/// `usleep` alone, and nothing reads a clock for it. No call may be running when the device is destroyed; the
-/// destructor ends the device's threads, and waits for a running call of the listener.
+/// Any thread may call any operation. A point operation does not wait for the listener, except with the fault
+/// `answerBeforeReturn`. It takes as long as its faults; a directory request also reads the directory. The file
+/// operations block while they transfer. The device simulates time with `usleep` only and reads no clock. The
+/// caller ends all calls before it destroys the device. The destructor joins the device's threads and waits
+/// for a running call of the listener.
 class SimDevice : public KyPldProxy {
 public:
     using Builder = SimDeviceBuilder;
@@ -48,31 +43,27 @@ public:
 
     // Change reports
 
-    /// Names the receiver of the change reports, or none (null). It is called in order, one call at a time,
-    /// from the delivery thread, or from DeliverPending; it must not throw. Values lie at any address, odd
-    /// ones too, and end with their last byte. Changes that come up for delivery without a listener are
-    /// dropped. When this returns, the listener before is not running any more (unless it is the caller).
+    /// Sets the receiver of the change reports; null for none. The delivery thread or DeliverPending calls it,
+    /// in order, one call at a time; it must not throw. Values can be unaligned; their allocation ends at
+    /// their last byte. Changes that are due without a listener are dropped. When this returns, the previous
+    /// listener does not run any more (unless it is the caller).
     void SetListener(Listener listener) { m_changes.SetListener(std::move(listener)); }
 
-    /// Holds changes back; when this returns, the listener is not running (unless it is the caller).
-    void PauseDelivery() { m_changes.SetPaused(true); }
-    void ResumeDelivery() { m_changes.SetPaused(false); }
-
-    /// Waits until every change is delivered and no late answer is due any more.
+    /// Waits until every change is delivered and no late answer is due.
     ///
     /// @param realMilliseconds  longest wait, in real time
-    /// @return false if there still was something at the end
+    /// @return false if the wait has timed out
     bool WaitIdle(unsigned int realMilliseconds) { return m_changes.WaitIdle(realMilliseconds); }
 
-    /// Manual delivery: readable while changes wait; for polling only. -1 with a delivery thread.
+    /// Manual delivery: readable while changes are queued; for polling only. Otherwise -1.
     int EventFd() const { return m_changes.EventFd(); }
 
-    /// Manual delivery: reports the changes that wait now, on the calling thread.
+    /// Manual delivery: reports the changes that are queued now, on the calling thread.
     ///
-    /// @return their number; 0 while paused, from inside the listener, and with a delivery thread
+    /// @return their number; 0 inside the listener, and with a delivery thread
     std::size_t DeliverPending() { return m_changes.DeliverPending(); }
 
-    // What the device does by itself
+    // Actions of the device
 
     /// Writes a string point and reports it. @param mmIdx  0 for the card's module index
     void ChangeString(unsigned short pointId, const std::string& text, unsigned short mmIdx = 0);
@@ -80,61 +71,52 @@ public:
     /// Writes a number point and reports it.
     void ChangeUint32(unsigned short pointId, unsigned int value);
 
-    /// Reports the DMP point for a module index, 0 for the card's; keeps the value if it is for the card.
+    /// Reports the DMP point for a module index, 0 for the card's. Stores the value only for the card's.
     void ChangeDmp(unsigned short value, unsigned short mmIdx = 0);
 
-    // What has become of its points
+    // State
 
     /// Value of a string point, empty if there is none. @param mmIdx  0 for the card's module index
     std::string GetString(unsigned short pointId, unsigned short mmIdx = 0) const;
 
-    /// Value of a number point, 0 if there is none.
-    unsigned int GetUint32(unsigned short pointId) const;
-
-    /// Which of "NONE", "SUCCESS" and "ERROR" the card wrote last to the request point; empty before the
-    /// first.
-    std::string LastOutcome() const;
-
-    /// How often the card wrote that outcome, or the empty value, to the request point.
-    unsigned int OutcomeCount(const std::string& outcome) const;
-
     /// Text of the last listing; empty before the first directory request.
     std::string ListingText() const { return m_files.ListingText(); }
 
+    /// The card's calls in the order in which they began; empty if the builder asked for no journal.
+    std::vector<SimCall> Calls() const;
+    void ClearCalls();
+
     // Faults
 
-    /// Makes all transfers of one kind go as `fault` says, from the next request on.
+    /// Sets the faults of one kind of transfer, from the next request on.
     void SetFault(SimOperation operation, const SimFault& fault) { m_faults.Set(operation, fault); }
 
     /// Makes accesses of a point fail; a failed write changes nothing.
     ///
-    /// @param status  what the access returns; not 0
-    /// @param times   number of accesses that fail; negative for all from now on
-    /// @param skip    number of accesses that still succeed before
+    /// @param status  returned by the access; not 0
+    /// @param times   number of accesses that fail; negative for all later ones
+    /// @param skip    number of accesses that succeed before the first failure
     void FailPoint(SimAccess access, unsigned short pointId, int status, int times = -1, int skip = 0) {
         m_faults.FailPoint(access, pointId, status, times, skip);
     }
 
-    /// Makes every access of a point take so many milliseconds.
+    /// Delays every access of a point.
     void SlowPoint(SimAccess access, unsigned short pointId, unsigned int delayMs) {
         m_faults.SlowPoint(access, pointId, delayMs);
     }
 
-    /// Forgets all faults; transfers under way keep theirs.
+    /// Removes all faults; running transfers keep theirs.
     void ClearFaults() { m_faults.Clear(); }
 
-    /// Speed of the line in bytes per second, for running transfers too; 0 for unlimited.
-    void SetLineRate(std::uint64_t bytesPerSecond) { m_line.SetRate(bytesPerSecond); }
+    /// Lets the transfers go on that hang because of the fault `stuck`.
+    void ReleaseTransfers() { m_abort.ReleaseCalls(); }
 
-    /// Aborts the device: ends running transfers and waits within 10 ms and refuses all later ones; late
-    /// answers are not given any more. Twice is fine.
+    /// Number of transfers that hang now.
+    unsigned int HangingTransfers() const { return m_abort.HangingCalls(); }
+
+    /// Aborts the device: ends running transfers and delays within 10 ms, refuses later transfers and drops
+    /// late answers. A second call has no effect.
     void Abort() { m_abort.Trip(); }
-
-    // Journal
-
-    /// The card's calls so far, in the order in which they began; empty if the builder asked for no journal.
-    std::vector<SimCall> Calls() const { return m_journal.Calls(); }
-    void ClearCalls() { m_journal.Clear(); }
 
     // The card's side
 
@@ -150,8 +132,8 @@ public:
     int GetMaxModuleCount(unsigned int& count, unsigned short device, unsigned short reportId) override;
     int GetPointReportId(unsigned int& reportId, unsigned short device, unsigned short pointId) override;
 
-    /// Ends the file calls under way within 10 ms: they return false, and what a fetch has delivered stays.
-    /// Later calls, points and answers go on as before. Another device's identifier ends nothing.
+    /// Ends the running file calls within 10 ms: they return false, and the bytes already delivered remain.
+    /// Later calls, points and answers are not affected. Does nothing for another device's identifier.
     void AbortTransfer(unsigned short device) override;
 
 protected:
@@ -164,33 +146,30 @@ private:
 
     explicit SimDevice(const SimDeviceConfig& config);
 
-    template <typename Work>
-    int Recorded(SimCall call, Work work);
+    template <typename Result, typename Work>
+    Result Recorded(const SimCall& call, Result failure, Work work);
     int Admit(SimAccess access, unsigned short device, unsigned short pointId, bool plainAddress);
     void HandleRequest(const std::string& text);
     void Answer(SimOperation operation, const std::string& text);
     void GiveAnswer(const SimFault& fault, const std::string& word, std::uint64_t size);
-    int AdmitTransfer(unsigned short device, const SimFault& fault, const SimAbort::Call& call) const;
-    int Deliver(const std::string& fileName, const SimFault& fault, const SimAbort::Call& call);
-    int Accept(const std::string& path, const std::string& xferFileName, const SimFault& fault,
-               const SimAbort::Call& call);
+    bool AdmitTransfer(unsigned short device, const SimFault& fault, const SimAbort::Call& call) const;
+    bool Deliver(const std::string& fileName, const SimFault& fault, const SimAbort::Call& call);
+    bool Accept(const std::string& path, const std::string& xferFileName, const SimFault& fault,
+                const SimAbort::Call& call);
     unsigned short IndexOr(unsigned short mmIdx) const;
 
     const SimDeviceConfig m_config;
 
-    // Each of these has a lock of its own.
+    // Each of these has its own lock.
     SimAbort m_abort;
     SimFaults m_faults;
-    SimJournal m_journal;
     SimChangeQueue m_changes;
-    SimPointStore m_points;
+    SimPoints m_points;
     SimFiles m_files;
-    SimLine m_line;
     SimLateAnswers m_late;
 
-    mutable std::mutex m_outcomeMutex;  // guards the outcomes; a leaf
-    std::map<std::string, unsigned int> m_outcomeCounts;
-    std::string m_lastOutcome;
+    mutable std::mutex m_callsMutex;  // guards the calls; a leaf
+    std::vector<SimCall> m_calls;
 };
 
 #endif

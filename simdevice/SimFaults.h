@@ -1,35 +1,95 @@
 #ifndef SIMDEVICE_SIMFAULTS_H
 #define SIMDEVICE_SIMFAULTS_H
 
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <utility>
 
-#include "simdevice/SimFault.h"
+/// The transfers that can have a fault.
+enum class SimOperation { FETCH, PUSH, DIRECTORY };
 
-/// The faults that a device has been told to show.
-///
-/// Any thread may call any operation; nothing blocks.
+/// The point accesses that can have a fault. REPORT_ID and MODULE_COUNT are the two queries about the report
+/// of a point; both are addressed by the point's identifier.
+enum class SimAccess { READ, WRITE, REPORT_ID, MODULE_COUNT };
+
+/// The device's answer to a request for a file or the directory.
+enum class SimAnswer {
+    NORMAL,       ///< "READY", or the name of the listing
+    SILENT,       ///< no answer and no size
+    READY_TWICE,  ///< the normal answer twice
+    NONE_VALUE,   ///< "NONE", without a size
+};
+
+/// The faults of one kind of transfer. The default has none; several can be combined.
+struct SimFault {
+    SimAnswer answer = SimAnswer::NORMAL;  ///< fetch and directory
+    unsigned int delayMs = 0;              ///< delays the answer, or the start of a push
+    long long sizeDelta = 0;               ///< delivered bytes minus the file's size; zeros fill up
+    long long announceSizeDelta = 0;       ///< announced size minus the file's size
+    bool announceSize = true;              ///< false: the answer comes without a size
+    bool noFile = false;                   ///< the file operation returns true, and no file arrives
+    bool stuck = false;                    ///< the file operation hangs until it is aborted or released
+    std::uint64_t stuckAfterBytes = 0;  ///< with `stuck`: bytes delivered before; at 0 there is no file yet
+    bool garbage = false;               ///< the delivered bytes are noise
+    bool answerBeforeReturn = false;    ///< the write of the request waits until the answer is delivered,
+                                        ///< at most 5 s; no effect with manual delivery
+    bool refuse = false;                ///< the file operation returns false at once
+};
+
+/// The faults that a device has been told to show. Any thread may call any operation; none blocks.
 class SimFaults {
 public:
-    void Set(SimOperation operation, const SimFault& fault);
-    SimFault Of(SimOperation operation) const;
+    void Set(SimOperation operation, const SimFault& fault) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_operations[operation] = fault;
+    }
 
-    /// Makes accesses of a point fail; replaces what was asked for that access before.
+    SimFault Of(SimOperation operation) const {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const auto found = m_operations.find(operation);
+        return found == m_operations.end() ? SimFault() : found->second;
+    }
+
+    /// Makes accesses of a point fail. Replaces the failures that this access had before.
     ///
-    /// @param status  what the access returns; not 0
-    /// @param times   number of accesses that fail; negative for all from now on
-    /// @param skip    number of accesses that still succeed before
-    void FailPoint(SimAccess access, unsigned short pointId, int status, int times, int skip);
+    /// @param status  returned by the access; not 0
+    /// @param times   number of accesses that fail; negative for all later ones
+    /// @param skip    number of accesses that succeed before the first failure
+    void FailPoint(SimAccess access, unsigned short pointId, int status, int times, int skip) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        PointFault& fault = m_points[{access, pointId}];
+        fault.status = status;
+        fault.times = times;
+        fault.skip = skip;
+    }
 
-    /// Makes every access of a point take `delayMs` milliseconds.
-    void SlowPoint(SimAccess access, unsigned short pointId, unsigned int delayMs);
+    /// Delays every access of a point by `delayMs` milliseconds.
+    void SlowPoint(SimAccess access, unsigned short pointId, unsigned int delayMs) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_points[{access, pointId}].delayMs = delayMs;
+    }
 
-    /// What one access meets: its delay in milliseconds and its status, 0 if it is to succeed. Counts it.
-    std::pair<unsigned int, int> TakeAccess(SimAccess access, unsigned short pointId);
+    /// Counts one access. @return its delay in milliseconds, and its status, 0 if it succeeds
+    std::pair<unsigned int, int> TakeAccess(SimAccess access, unsigned short pointId) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const auto found = m_points.find({access, pointId});
+        if (found == m_points.end()) return {0, 0};
+        PointFault& fault = found->second;
+        if (fault.skip > 0) {
+            --fault.skip;
+            return {fault.delayMs, 0};
+        }
+        if (fault.times == 0) return {fault.delayMs, 0};
+        if (fault.times > 0) --fault.times;
+        return {fault.delayMs, fault.status};
+    }
 
-    /// Forgets all faults.
-    void Clear();
+    void Clear() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_operations.clear();
+        m_points.clear();
+    }
 
 private:
     struct PointFault {
@@ -40,7 +100,7 @@ private:
     };
     using PointAccess = std::pair<SimAccess, unsigned short>;
 
-    mutable std::mutex m_mutex;  // guards all below; a leaf, no other lock is taken under it
+    mutable std::mutex m_mutex;  // guards all below; a leaf
     std::map<SimOperation, SimFault> m_operations;
     std::map<PointAccess, PointFault> m_points;
 };

@@ -3,14 +3,16 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <utility>
 
 namespace {
 
-// Values of the request point that have a meaning of their own.
+// Values of the request point with a special meaning.
 bool IsRequestWord(const std::string& name) {
     for (const char* word : {"NONE", "DIRREQ", "READY", "SUCCESS", "ERROR"})
         if (name == word) return true;
@@ -18,14 +20,14 @@ bool IsRequestWord(const std::string& name) {
 }
 
 std::string AsToken(std::string text) {
-    constexpr const char* whiteSpace = " \t\n\v\f\r";
-    for (std::size_t at = text.find_first_of(whiteSpace); at != std::string::npos;
-         at = text.find_first_of(whiteSpace, at))
+    constexpr const char* kWhiteSpace = " \t\n\v\f\r";
+    for (std::size_t at = text.find_first_of(kWhiteSpace); at != std::string::npos;
+         at = text.find_first_of(kWhiteSpace, at))
         text[at] = '_';
     return text;
 }
 
-// The part of the name behind its last dot in capitals, or FILE.
+// The extension of the name in upper case, or FILE.
 std::string TypeOf(const std::string& name) {
     const std::size_t dot = name.rfind('.');
     if (dot == std::string::npos || dot + 1 == name.size()) return "FILE";
@@ -44,10 +46,87 @@ struct DirCloser {
     void operator()(DIR* directory) const { closedir(directory); }
 };
 
+std::uint64_t BytesToDeliver(std::uint64_t size, long long delta) {
+    if (delta >= 0) return size + static_cast<std::uint64_t>(delta);
+    const std::uint64_t missing = 0U - static_cast<std::uint64_t>(delta);
+    return size > missing ? size - missing : 0;
+}
+
+bool WriteAll(int target, const char* bytes, std::size_t count) {
+    while (count > 0) {
+        const ssize_t written = write(target, bytes, count);
+        if (written <= 0) return false;
+        bytes += written;
+        count -= static_cast<std::size_t>(written);
+    }
+    return true;
+}
+
+void MakeNoise(char* bytes, std::size_t count, std::uint64_t offset) {
+    for (std::size_t i = 0; i < count; ++i)
+        bytes[i] = static_cast<char>(((offset + i) * 2654435761U >> 13) & 0xFF);
+}
+
+// A copy of a source over the line, which goes on from where it was.
+class Copying {
+public:
+    Copying(const SimSource& source, int target, std::uint64_t lineRate, const SimFault& fault,
+            const SimAbort::Call& call)
+        : m_source(source), m_target(target), m_rate(lineRate), m_fault(fault), m_call(call) {}
+
+    bool UpTo(std::uint64_t end) {
+        while (m_offset < end) {
+            std::size_t count = 0;
+            if (!MoveChunk(end, count)) return false;
+            m_offset += count;
+            if (!Pace(count)) return false;
+        }
+        return true;
+    }
+
+    bool SleepOwed() { return m_call.Sleep(std::exchange(m_owedMicroseconds, 0)); }
+
+private:
+    // A chunk is at most what the line carries in 10 ms. Zeros follow the end of the source.
+    bool MoveChunk(std::uint64_t end, std::size_t& count) const {
+        std::array<char, 65536> chunk;
+        const std::uint64_t most =
+            m_rate == 0 ? chunk.size() : std::clamp<std::uint64_t>(m_rate / 100, 1, chunk.size());
+        const bool inside = m_offset < m_source.size;
+        const std::uint64_t left = (inside ? std::min(m_source.size, end) : end) - m_offset;
+        count = static_cast<std::size_t>(std::min(most, left));
+        if (inside) {
+            const ssize_t read = m_source.ReadAt(m_offset, chunk.data(), count);
+            if (read <= 0) return false;  // 0: the file has become shorter
+            count = static_cast<std::size_t>(read);
+        } else {
+            std::fill_n(chunk.data(), count, '\0');
+        }
+        if (m_fault.garbage) MakeNoise(chunk.data(), count, m_offset);
+        return WriteAll(m_target, chunk.data(), count);
+    }
+
+    // Sleeps for the time that the bytes take on the line. Sleeps shorter than 10 ms are put off, because each
+    // sleep takes longer than asked for.
+    bool Pace(std::uint64_t bytes) {
+        if (m_rate == 0) return !m_call.Ended();
+        m_owedMicroseconds += bytes * 1000000 / m_rate;
+        return m_owedMicroseconds < 10000 ? !m_call.Ended() : SleepOwed();
+    }
+
+    const SimSource& m_source;
+    const int m_target;
+    const std::uint64_t m_rate;
+    const SimFault& m_fault;
+    const SimAbort::Call& m_call;
+    std::uint64_t m_offset = 0;
+    std::uint64_t m_owedMicroseconds = 0;
+};
+
 }  // namespace
 
 bool SimSource::OpenFile(const std::string& path) {
-    // Without O_NONBLOCK, opening a pipe that somebody has left in the directory would hang.
+    // Opening a FIFO without O_NONBLOCK would hang.
     file = KyFd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat info = {};
     if (!file || fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
@@ -61,7 +140,16 @@ ssize_t SimSource::ReadAt(std::uint64_t offset, char* bytes, std::size_t count) 
     return static_cast<ssize_t>(text->copy(bytes, count, static_cast<std::size_t>(offset)));
 }
 
-SimFiles::SimFiles(std::string directory) : m_directory(std::move(directory)) {}
+bool SimSource::CopyTo(int target, std::uint64_t lineRate, const SimFault& fault,
+                       const SimAbort::Call& call) const {
+    const std::uint64_t total = BytesToDeliver(size, fault.sizeDelta);
+    Copying copying(*this, target, lineRate, fault, call);
+    if (fault.stuck) {
+        if (!copying.UpTo(std::min(total, fault.stuckAfterBytes))) return false;
+        call.Hang();
+    }
+    return copying.UpTo(total) && copying.SleepOwed();
+}
 
 bool SimFiles::IsFileName(const std::string& name) {
     return !name.empty() && name[0] != '.' && name.find('/') == std::string::npos &&
@@ -122,7 +210,7 @@ std::vector<SimFiles::Entry> SimFiles::Scan() const {
     return entries;
 }
 
-// A name made of `stem` and `ending` that neither a file nor a transfer name has.
+// A name of the form `stem`~N`ending` that neither a file nor a transfer name has.
 std::string SimFiles::FreeName(const std::vector<Entry>& entries, const std::string& stem,
                                const std::string& ending) const {
     const auto taken = [&](const std::string& name) {

@@ -9,46 +9,56 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/KyFd.h"
+#include "simdevice/SimAbort.h"
+#include "simdevice/SimFaults.h"
 
 /// A file opened for reading, or the text of a listing.
 struct SimSource {
     KyFd file;                                ///< none for a listing
     std::shared_ptr<const std::string> text;  ///< null for a file
-    std::uint64_t size = 0;                   ///< bytes, when it was opened
+    std::uint64_t size = 0;                   ///< bytes, at the time of opening
 
     /// Opens a regular file. @return false if there is none that can be read
     bool OpenFile(const std::string& path);
 
-    /// Reads at most `count` bytes. @return their number, 0 behind the end, -1 on error
+    /// Reads at most `count` bytes. @return their number, 0 at the end, -1 on error
     ssize_t ReadAt(std::uint64_t offset, char* bytes, std::size_t count) const;
+
+    /// Copies the source in chunks to the descriptor `target`, with the faults of `fault`. Blocks as long as
+    /// the line takes.
+    ///
+    /// @param lineRate  bytes per second, 0 for unlimited
+    /// @param call      the file call that copies
+    /// @return false if the call has ended or a file operation has failed; the bytes copied until then remain
+    bool CopyTo(int target, std::uint64_t lineRate, const SimFault& fault, const SimAbort::Call& call) const;
 };
 
-/// The files of the device: the regular files of a real directory, hidden ones left out, and its last
-/// listing.
+/// The files of the device, and its last listing. The files are the regular files of a real directory that are
+/// not hidden.
 ///
-/// A listing consists of tokens, so white space of a name becomes "_" in it. The transfer name of such a file
-/// stands for it until the next listing is made, and so does the one of a file that is called like a word of
-/// the request conversation. The listing itself is kept in memory; it has a name that no file has, and does
-/// not list itself.
+/// The items of a listing contain no white space, so "_" replaces it in names. A file whose name changes so,
+/// or is a word of the request conversation, gets a transfer name, which is valid until the next listing. The
+/// listing is kept in memory. Its own name differs from those of all files, and it does not list itself.
 ///
-/// Any thread may call any operation; making a listing blocks the others while it reads the directory.
+/// Any thread may call any operation. While MakeListing reads the directory, the others wait.
 class SimFiles {
 public:
     /// @param directory  ends with "/"
-    explicit SimFiles(std::string directory);
+    explicit SimFiles(std::string directory) : m_directory(std::move(directory)) {}
 
-    /// True for a name that can be a file of the device: not empty, not hidden, and no path.
+    /// True for a valid file name of the device: not empty, not hidden, not a path.
     static bool IsFileName(const std::string& name);
 
-    /// Opens the file, or the listing, that the card calls `name`. @return false if the device has none
+    /// Opens a file or the listing by its transfer name. @return false if the device has none
     bool Open(const std::string& name, SimSource& source) const;
 
     bool IsListing(const std::string& name) const;
 
-    /// Makes a listing of the files as they are now; replaces the one before. @return its name
+    /// Makes a listing of the current files; replaces the last one. @return its name
     std::string MakeListing();
 
     /// Text of the last listing; empty before the first.
@@ -69,7 +79,7 @@ private:
     const std::string m_directory;
 
     mutable std::mutex m_mutex;                          // guards all below; a leaf
-    std::map<std::string, std::string> m_transferNames;  // those that differ from the name of their file
+    std::map<std::string, std::string> m_transferNames;  // of files whose transfer name differs
     std::string m_listingName;                           // empty before the first listing
     std::shared_ptr<const std::string> m_listing;
 };

@@ -1,4 +1,4 @@
-// The simulated device's ways to answer wrongly. The tests of engine and service would fail without the other faults.
+// The wrong answers of the simulated device. The tests of engine and service cover its other faults.
 #include "simdevice/SimDevice.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@
 
 namespace {
 
-// "size " or "word ", of which only the first letter counts here.
+// A size in decimal, or the first letter of a word, with a space after it.
 std::string Describe(const KyValChgInfo& info) {
     unsigned int size = 0;
     unsigned short letter = 0;  // in the processor's byte order

@@ -1,4 +1,4 @@
-#include "simdevice/SimChangeQueue.h"
+#include "simdevice/SimChanges.h"
 
 #include <sys/eventfd.h>
 
@@ -21,7 +21,7 @@ void AppendNumber(std::vector<unsigned char>& bytes, Number number) {
     bytes.insert(bytes.end(), raw, raw + sizeof number);
 }
 
-// Appends the value in its reported form. @return length in units, 0 for numbers
+// Appends the value as it is reported. @return length in 16-bit units, 0 for numbers
 unsigned short AppendValue(std::vector<unsigned char>& bytes, const SimChange& change) {
     if (const unsigned int* number = std::get_if<unsigned int>(&change.value)) {
         if (change.pointId == sim_point::DMP_SUPPORTED)
@@ -37,8 +37,7 @@ unsigned short AppendValue(std::vector<unsigned char>& bytes, const SimChange& c
     return static_cast<unsigned short>(length);
 }
 
-// The value lies behind `offset` bytes of a block that ends with it: at every alignment in turn, and where a
-// memory checker sees a read behind its end.
+// Varies the alignment of the value. The allocation ends at the value so that sanitizers catch overreads.
 void Report(const SimChangeQueue::Listener& listener, const SimChange& change, std::size_t offset) {
     std::vector<unsigned char> bytes(offset);
     const unsigned short length = AppendValue(bytes, change);
@@ -70,22 +69,17 @@ void SimChangeQueue::SetListener(Listener listener) {
     auto shared = listener ? std::make_shared<const Listener>(std::move(listener)) : nullptr;
     std::unique_lock<std::mutex> lock(m_mutex);
     m_listener.swap(shared);
-    AwaitRunningCall(lock);
-}
-
-void SimChangeQueue::SetPaused(bool paused) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_paused = paused;
-    UpdateEvent();
-    m_changed.notify_all();
-    if (paused) AwaitRunningCall(lock);
+    if (m_deliverer == std::this_thread::get_id()) return;
+    // Waits for the running call only: the next ones may follow without a gap.
+    m_changed.wait(lock,
+                   [this, begun = m_calls] { return m_deliverer == std::thread::id() || m_calls != begun; });
 }
 
 void SimChangeQueue::Post(SimChange change) {
-    constexpr std::size_t mostWaiting = 65536;
+    constexpr std::size_t kMostWaiting = 65536;
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_stopped) return;
-    if (m_waiting.size() == mostWaiting) m_waiting.pop_front();
+    if (m_waiting.size() == kMostWaiting) m_waiting.pop_front();
     m_waiting.push_back(std::move(change));
     UpdateEvent();
     m_changed.notify_all();
@@ -121,7 +115,7 @@ std::size_t SimChangeQueue::DeliverPending() {
     m_changed.wait(lock, [this] { return m_deliverer == std::thread::id(); });
     const std::size_t pending = m_waiting.size();
     std::size_t count = 0;
-    while (count < pending && Ready()) {
+    while (count < pending && !m_waiting.empty()) {
         DeliverFront(lock);
         ++count;
     }
@@ -141,7 +135,7 @@ void SimChangeQueue::Stop() {
 void SimChangeQueue::Run() {
     std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
-        m_changed.wait(lock, [this] { return m_stopped || Ready(); });
+        m_changed.wait(lock, [this] { return m_stopped || !m_waiting.empty(); });
         if (m_stopped) return;
         DeliverFront(lock);
     }
@@ -161,13 +155,9 @@ void SimChangeQueue::DeliverFront(std::unique_lock<std::mutex>& lock) {
     m_changed.notify_all();
 }
 
-bool SimChangeQueue::Ready() const {
-    return !m_paused && !m_waiting.empty();
-}
-
 void SimChangeQueue::UpdateEvent() {
-    if (!m_manual || m_signalled == Ready()) return;
-    m_signalled = Ready();
+    if (!m_manual || m_signalled == !m_waiting.empty()) return;
+    m_signalled = !m_waiting.empty();
     eventfd_t count = 0;
     if (m_signalled)
         eventfd_write(m_event.Get(), 1);
@@ -175,9 +165,30 @@ void SimChangeQueue::UpdateEvent() {
         eventfd_read(m_event.Get(), &count);
 }
 
-// Waits for the call that is running now, not for those that follow it without a gap.
-void SimChangeQueue::AwaitRunningCall(std::unique_lock<std::mutex>& lock) {
-    if (m_deliverer == std::this_thread::get_id()) return;
-    m_changed.wait(lock,
-                   [this, begun = m_calls] { return m_deliverer == std::thread::id() || m_calls != begun; });
+void SimLateAnswers::Schedule(unsigned int delayMs, std::function<void()> answer) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_running) {
+        Stop();  // does not block: the thread is past its last use of the mutex
+        m_thread = std::thread(&SimLateAnswers::Run, this);
+        m_running = true;
+    }
+    m_answers.emplace_back(delayMs, std::move(answer));
+    m_changes.ExpectAnswer();
+}
+
+void SimLateAnswers::Stop() {
+    if (m_thread.joinable()) m_thread.join();
+}
+
+void SimLateAnswers::Run() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_answers.empty()) {
+        const Answer answer = std::move(m_answers.front());
+        m_answers.pop_front();
+        lock.unlock();
+        if (m_abort.Sleep(std::uint64_t{answer.first} * 1000)) answer.second();
+        m_changes.AnswerGiven();
+        lock.lock();
+    }
+    m_running = false;
 }

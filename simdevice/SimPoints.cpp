@@ -1,8 +1,6 @@
-#include "simdevice/SimPointStore.h"
-
 #include "simdevice/SimPoints.h"
 
-SimPointStore::SimPointStore(const SimDeviceConfig& config, SimChangeQueue& changes) : m_changes(changes) {
+SimPoints::SimPoints(const SimDeviceConfig& config, SimChangeQueue& changes) : m_changes(changes) {
     m_points[{sim_point::DMP_SUPPORTED, 0}] = {config.dmpSupported, false};
     m_points[{sim_point::MAX_USB_SPEED, 0}] = {config.usbSpeed, false};
     if (config.cardIndex >= 1 && config.cardIndex <= config.modules)
@@ -10,7 +8,7 @@ SimPointStore::SimPointStore(const SimDeviceConfig& config, SimChangeQueue& chan
     if (config.transport == SimTransport::SORREL_485) AddTransferPoints(config);
 }
 
-void SimPointStore::AddTransferPoints(const SimDeviceConfig& config) {
+void SimPoints::AddTransferPoints(const SimDeviceConfig& config) {
     m_points[{sim_point::SERVER_MIN_VERSION, 0}] = {config.minVersion, false};
     m_points[{sim_point::SERVER_MAX_VERSION, 0}] = {config.maxVersion, false};
     m_points[{sim_point::SERVER_MAX_FILE_SIZE, 0}] = {config.maxFileSize, false};
@@ -22,7 +20,7 @@ void SimPointStore::AddTransferPoints(const SimDeviceConfig& config) {
 }
 
 template <typename Value>
-int SimPointStore::Read(unsigned short pointId, unsigned short mmIdx, Value& value) const {
+int SimPoints::Read(unsigned short pointId, unsigned short mmIdx, Value& value) const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_points.find(AddressOf(pointId, mmIdx));
     if (found == m_points.end() || !std::holds_alternative<Value>(found->second.value)) return SIM_NO_POINT;
@@ -30,13 +28,13 @@ int SimPointStore::Read(unsigned short pointId, unsigned short mmIdx, Value& val
     return SIM_OK;
 }
 
-template int SimPointStore::Read(unsigned short, unsigned short, std::string&) const;
-template int SimPointStore::Read(unsigned short, unsigned short, unsigned int&) const;
+template int SimPoints::Read(unsigned short, unsigned short, std::string&) const;
+template int SimPoints::Read(unsigned short, unsigned short, unsigned int&) const;
 
-int SimPointStore::Write(unsigned short pointId, unsigned short mmIdx, const SimValue& value) {
-    constexpr std::size_t longestText = 256;
+int SimPoints::Write(unsigned short pointId, unsigned short mmIdx, const SimValue& value) {
+    constexpr std::size_t kLongestText = 256;
     const std::string* text = std::get_if<std::string>(&value);
-    if (text != nullptr && text->size() > longestText) return SIM_BAD_VALUE;
+    if (text != nullptr && text->size() > kLongestText) return SIM_BAD_VALUE;
     const std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_points.find(AddressOf(pointId, mmIdx));
     if (found == m_points.end() || found->second.value.index() != value.index()) return SIM_NO_POINT;
@@ -46,12 +44,12 @@ int SimPointStore::Write(unsigned short pointId, unsigned short mmIdx, const Sim
     return SIM_OK;
 }
 
-void SimPointStore::Change(unsigned short pointId, unsigned short mmIdx, const SimValue& value) {
+void SimPoints::Change(unsigned short pointId, unsigned short mmIdx, const SimValue& value) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_points[AddressOf(pointId, mmIdx)].value = value;
     m_changes.Post({pointId, mmIdx, value});
 }
 
-SimPointStore::Address SimPointStore::AddressOf(unsigned short pointId, unsigned short mmIdx) {
+SimPoints::Address SimPoints::AddressOf(unsigned short pointId, unsigned short mmIdx) {
     return {pointId, pointId == sim_point::MON_AGENT_INFO ? mmIdx : static_cast<unsigned short>(0)};
 }
