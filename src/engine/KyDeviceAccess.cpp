@@ -12,7 +12,7 @@ namespace ky_engine {
 
 namespace {
 
-// Every point is addressed with these.
+// The same for every point.
 constexpr unsigned short kIdx = 0;
 constexpr unsigned short kUom = 0;
 constexpr short kNorm = 0;
@@ -24,7 +24,7 @@ void LogThrow(const char* operation, const char* what) {
     __dlog_printfex(KY_DLOG_ERROR, kSource, operation, "The device proxy has thrown an exception: %s", what);
 }
 
-// A proxy is the card's own code: what it throws is a failed operation here, not the end of the process.
+// An exception of the proxy becomes a failed operation.
 template <typename Operation>
 int CallProxy(KyPldProxy* proxy, const char* name, Operation operation) {
     if (proxy == nullptr) return kNoProxy;
@@ -42,7 +42,7 @@ std::size_t HashOf(unsigned short pointId, std::string_view value) {
     return std::hash<std::string_view>()(value) * 31 + pointId;
 }
 
-// A platform without an AbortTransfer may leave it out of its proxy.
+// Calls AbortTransfer only if the platform's KyPldProxy declares it.
 template <typename Proxy>
 auto Abort(Proxy& proxy, unsigned short deviceId, int) -> decltype(proxy.AbortTransfer(deviceId)) {
     proxy.AbortTransfer(deviceId);
@@ -146,7 +146,7 @@ void KyDeviceAccess::ExpectEcho(unsigned short pointId, const std::string& value
                                                           WallClockSeconds() + kEchoSeconds};
 }
 
-// The echo may come before the write returns, and a write may take longer than the echo is expected.
+// Restarts the echo's time when the write returns: a write may take longer than that. A failed write has no echo.
 void KyDeviceAccess::UpdateEcho(unsigned short pointId, const std::string& value, int status) {
     const std::size_t hash = HashOf(pointId, value);
     const long long expires = WallClockSeconds() + kEchoSeconds;

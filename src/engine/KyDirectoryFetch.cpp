@@ -16,7 +16,7 @@ constexpr std::size_t kMaxListings = 16;
 
 }  // namespace
 
-// The device is asked before the record tells of it, so that a failed write changes nothing but the request type.
+// Asks the device before the record shows the request. A failed write then changes only the request type.
 std::optional<int> KyDirectoryFetch::Request(KyTferStatusMsg& result) {
     const auto listing = m_record.ReserveListing();
     if (!listing) return std::nullopt;
@@ -45,10 +45,10 @@ void KyDirectoryFetch::Begin(const Transaction& listing) {
                         "Error creating directory monitor thread.  error=%d", error);
     }
     for (std::string early = m_record.TakeEarlyAnswer(); !early.empty(); early = m_record.TakeEarlyAnswer())
-        Answered(early, true);
+        HandleAnswer(early, true);
 }
 
-void KyDirectoryFetch::Answered(const std::string& answer, bool early) {
+void KyDirectoryFetch::HandleAnswer(const std::string& answer, bool early) {
     if (answer == kRequestDirectory) return;
     if (answer == kRequestNone) {
         m_record.NoListing(early);
@@ -63,7 +63,7 @@ void KyDirectoryFetch::Answered(const std::string& answer, bool early) {
     m_fetch.StartWorker(*job, repeated, m_members.m_dirFileFetchThread);
 }
 
-// A listing that is there already stays, and has been asked for once more.
+// Does not replace a listing that is already kept. Drops the least recently requested one beyond the limit.
 void KyDirectoryFetch::CreateDirectoryFromFile(const std::string& path) {
     auto listing = std::make_unique<KyTferDirectory>();
     if (!ky_directory::ReadBlankSeparatedListing(path, *listing)) throw std::bad_alloc();

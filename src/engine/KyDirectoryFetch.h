@@ -8,11 +8,11 @@
 
 namespace ky_engine {
 
-/// Fetching the listing: the request, the device's answers, and reading the file into memory. The worker is that
-/// of KyFileFetch.
+/// Fetches the device's listing: sends the request, handles the answers, and reads the listing file. KyFileFetch
+/// provides the worker.
 class KyDirectoryFetch {
 public:
-    /// @param members  for the handles of its threads and for the listings
+    /// @param members  stores thread handles and listings
     KyDirectoryFetch(KyDeviceAccess& device, KyStatusRecord& record, KyEngineThreads& threads,
                      KyTransferMonitor& monitor, KyFileFetch& fetch, KyTferClientMembers& members)
         : m_device(device),
@@ -22,14 +22,14 @@ public:
           m_fetch(fetch),
           m_members(members) {}
 
-    /// @return 0, or the status of the point write that failed; none if a transaction is in progress
+    /// @return 0, or the status of the failed point write; none if a transaction is in progress
     std::optional<int> Request(KyTferStatusMsg& result);
 
-    /// The device has answered a listing request.
-    /// @param early  the answer came before the record told of the request
-    void Answered(const std::string& answer, bool early);
+    /// Handles the device's answer to a listing request.
+    /// @param early  the answer came before the record showed the request
+    void HandleAnswer(const std::string& answer, bool early);
 
-    /// Reads a listing file, and keeps the listing. At most 16 are kept.
+    /// Reads a listing file and keeps the listing. At most 16 are kept.
     void CreateDirectoryFromFile(const std::string& path);
 
 private:
@@ -41,7 +41,7 @@ private:
     KyTransferMonitor& m_monitor;
     KyFileFetch& m_fetch;
     KyTferClientMembers& m_members;
-    unsigned long long m_readings = 0;  // of listing files
+    unsigned long long m_readings = 0;  // of listing files so far
 };
 
 }  // namespace ky_engine

@@ -15,11 +15,10 @@ namespace ky_engine {
 
 namespace {
 
-// A device decides how often it says "READY". More than two workers at a time mean that it does not keep to the
-// protocol.
+// Limits the memory that a device can take with repeated answers.
 constexpr int kMaxRepeatedWorkers = 8;
 
-// A new transaction gets its worker even if earlier ones hang in their last point write.
+// Higher than the other limit: hanging workers of earlier transactions must not block a new one.
 constexpr int kMaxWorkers = 64;
 
 }  // namespace
@@ -61,7 +60,7 @@ int KyEngineThreads::Launch(Kind kind, const char* name, pthread_t& handle, std:
     const int most = kind == WORKER ? kMaxWorkers : kMaxRepeatedWorkers;
     if (kind != MONITOR && m_runningWorkers.load() >= most) return EAGAIN;
     JoinEnded();
-    // In the list before it exists, so that a started thread cannot get lost when memory runs out.
+    // Added before the thread starts: otherwise a failed allocation would lose a running thread.
     try {
         m_threads.push_back(Thread{this, kind, name, std::move(body), pthread_t(), false});
     } catch (const std::bad_alloc&) {
@@ -79,7 +78,7 @@ int KyEngineThreads::Launch(Kind kind, const char* name, pthread_t& handle, std:
 
 void* KyEngineThreads::Run(void* argument) {
     auto* const thread = static_cast<Thread*>(argument);
-    // Cuts a name that is too long; pthread_setname_np() refuses it.
+    // prctl() cuts a long name; pthread_setname_np() refuses it.
     prctl(PR_SET_NAME, thread->name);
     thread->body();
     KyEngineThreads& owner = *thread->owner;
@@ -104,7 +103,7 @@ void KyEngineThreads::JoinAll() {
     JoinEnded();
 }
 
-// A monitor needs a second to end. What takes longer is a call of the proxy.
+// Warns after 1.5 seconds: a monitor ends within one, so a proxy call must be hanging.
 void KyEngineThreads::WaitUntil(Condition condition) {
     constexpr unsigned int kWarnAfterMs = 1500;
     {
@@ -130,7 +129,7 @@ void KyEngineThreads::JoinEnded() {
             ++thread;
             continue;
         }
-        // It takes no lock any more: this waits for its last instructions only.
+        // Returns soon: an ended thread takes no lock any more.
         pthread_join(thread->handle, nullptr);
         thread = m_threads.erase(thread);
     }

@@ -13,22 +13,20 @@
 
 namespace ky_engine {
 
-/// The threads of an engine, and the calls of others that are inside of it: both have to end before the engine
-/// can.
+/// Owns the threads of an engine, and counts the user calls in progress. Stop waits for both.
 ///
-/// It is open when constructed and closed for ever by Close. A thread is in the list from its start until it
-/// has been joined, which the next start or JoinAll does. All operations may be called from any thread. The
-/// mutex is a leaf: nothing is called with it held.
+/// Close is final: afterwards no thread is started and no call is admitted. The next Start or JoinAll joins threads
+/// that have ended. Any thread may call any operation. No other lock is taken while the mutex is held.
 class KyEngineThreads {
 public:
     enum Kind {
         MONITOR,
-        WORKER,           ///< the first one of its transaction
-        REPEATED_WORKER,  ///< a further one, which the device has asked for
+        WORKER,           ///< the first worker of a transaction
+        REPEATED_WORKER,  ///< started by a repeated answer of the device
     };
 
-    /// A call of a user that may reach the device. Close waits for it. It converts to false, and the call must
-    /// do nothing, once the engine has been closed.
+    /// Marks a user call that may call the proxy. Close waits for its destruction. It converts to false after
+    /// Close; the call must then do nothing.
     class Call {
     public:
         enum Admission { UNLESS_CLOSED, ALWAYS };
@@ -40,7 +38,7 @@ public:
         explicit operator bool() const { return m_admitted; }
 
     private:
-        // cppcheck-suppress uninitMemberVarPrivate  ; cppcheck does not see that the constructor above is this one
+        // cppcheck-suppress uninitMemberVarPrivate  ; false positive: the constructor initialises it
         KyEngineThreads& m_threads;
         bool m_admitted = false;
     };
@@ -50,31 +48,31 @@ public:
     KyEngineThreads(const KyEngineThreads&) = delete;
     KyEngineThreads& operator=(const KyEngineThreads&) = delete;
 
-    /// Starts a thread that names itself, calls `work` with its own copy of `job`, and marks its own end. The
-    /// work must not throw.
+    /// Starts a thread that sets its name, calls `work` with a copy of `job`, and marks its end. `work` must not
+    /// throw.
     ///
-    /// @param name    cut to 15 characters by the kernel; must be a literal
-    /// @param handle  gets the thread's handle; untouched on failure
-    /// @return 0, or an error number, which is logged: ESHUTDOWN after Close, EAGAIN if too many workers run
-    ///         (8 for a repeated one, 64 for the first of its transaction), otherwise pthread_create's
+    /// @param name    a literal; the kernel cuts it to 15 characters
+    /// @param handle  receives the thread's handle; unchanged on failure
+    /// @return 0, or an error number. ESHUTDOWN: after Close. EAGAIN: 8 workers run (REPEATED_WORKER), or 64
+    ///         (WORKER). ENOMEM: out of memory. Otherwise that of pthread_create. All but ESHUTDOWN are logged.
     template <typename Work>
     int Start(Kind kind, const char* name, pthread_t& handle, const Transaction& job, Work work) {
         std::function<void()> body;
         try {
             body = [job, work] { work(job); };
         } catch (...) {
-            // Without a body there is no memory for it.
+            // Out of memory: the overload below reports an empty body.
         }
         return Start(kind, name, handle, std::move(body));
     }
 
-    /// True while a worker has been started and its body has not ended.
+    /// True from the start of a worker until its body has ended.
     bool WorkerRunning() const { return m_runningWorkers.load() > 0; }
 
-    /// Admits no further threads and calls, and waits until the calls under way have ended.
+    /// Refuses further threads and calls. Waits until the calls in progress have ended.
     void Close();
 
-    /// Waits until all threads have ended, and joins them.
+    /// Waits for all threads and joins them.
     void JoinAll();
 
 private:

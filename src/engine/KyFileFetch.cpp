@@ -70,7 +70,7 @@ void KyFileFetch::Fetch(Transaction job) {
     }
 }
 
-// Returns false if the transaction has been replaced: then the device is told nothing.
+// @return false if the device must not be told
 bool KyFileFetch::FinishFetch(Transaction& job) {
     unsigned long long size = 0;
     const bool present = !job.leavesDirectory && GetFileSize(job.path, size);
@@ -88,7 +88,7 @@ bool KyFileFetch::FinishFetch(Transaction& job) {
     }
 }
 
-// Nobody else ends a transaction that has been claimed.
+// Catches here because only its worker may end a claimed transaction.
 bool KyFileFetch::MoveFile(const Transaction& job) {
     try {
         HandleCompleteFile(job);

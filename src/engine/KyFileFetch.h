@@ -10,10 +10,10 @@
 
 namespace ky_engine {
 
-/// Fetching a file: the request, and the worker that brings the file. The worker of a listing is the same.
+/// Fetches a file: sends the request, and runs the worker. Listings use the same worker.
 class KyFileFetch {
 public:
-    /// @param members  for the handles of its threads
+    /// @param members  stores thread handles
     KyFileFetch(KyDeviceAccess& device, KyStatusRecord& record, KyEngineThreads& threads,
                 KyTransferMonitor& monitor, KyTferClientMembers& members)
         : m_device(device), m_record(record), m_threads(threads), m_monitor(monitor), m_members(members) {}
@@ -21,13 +21,14 @@ public:
     /// @return false if a transaction is in progress
     bool Request(const std::string& fileName, unsigned int fileSize, KyTferStatusMsg& result);
 
-    /// The device has the file ready.
+    /// Handles "READY": starts a worker.
     void Ready();
 
     /// @param repeated  the device has answered this transaction before
+    /// @param handle    receives the thread's handle
     void StartWorker(const Transaction& job, bool repeated, pthread_t& handle);
 
-    /// Does the worker's job for the current transaction, on the calling thread.
+    /// Runs the worker's body for the current transaction on the calling thread.
     void GetFileFromDevice();
 
 private:

@@ -27,18 +27,18 @@ void KyFilePush::Request(const std::string& directory, const std::string& fileNa
         if (!MeasureStaged(stagedPath, size, result)) return;
         job = Announce(fileName, stagedPath, size, result);
     } catch (...) {
-        unlink(stagedPath.c_str());  // out of memory; the file is consumed as in every other case
+        unlink(stagedPath.c_str());  // every failed request removes the file
         throw;
     }
     if (result.GetStatus() != KyTferStatusMsg::TFER_STATUS_INPROGRESS) return;
     const int error =
         m_threads.Start(KyEngineThreads::WORKER, "t-putDevFileWorker", m_members.m_putFileThread, job,
                         [this](const Transaction& own) { PutFileToDevice(own); });
-    // The caller is told what was agreed with the device. The record must not stay in progress for ever.
+    // The result still says in progress, as the device does. The record must not stay so for ever.
     if (error != 0) m_record.EndPush(job, false);
 }
 
-// The file is the engine's from here on: one that cannot be moved is removed where it is.
+// Removes a file that cannot be moved.
 bool KyFilePush::Stage(const std::string& sourcePath, const std::string& stagedPath,
                        KyTferStatusMsg& result) {
     if (rename(sourcePath.c_str(), stagedPath.c_str()) == 0) {
@@ -67,7 +67,7 @@ bool KyFilePush::MeasureStaged(const std::string& stagedPath, unsigned int& size
     return false;
 }
 
-// Tells the device the size and, a second later, the name. The name is written even if the size was not taken.
+// Writes the size and, a second later, the transfer name. Writes the name even if the size write failed.
 Transaction KyFilePush::Announce(const std::string& fileName, const std::string& stagedPath,
                                  unsigned int size, KyTferStatusMsg& result) {
     m_record.SetWrittenSize(size);
@@ -90,7 +90,7 @@ Transaction KyFilePush::Announce(const std::string& fileName, const std::string&
             "Could not write either the transfer file name or the transfer file size to managed device "
             "s1(%d) s2(%d)",
             sizeStatus, nameStatus);
-        // Before the record tells of the failure: its reader then finds the file gone.
+        // Before the update: a reader of the failed record must find the file removed.
         unlink(stagedPath.c_str());
     }
     return m_record.AcceptPush(std::move(push), announced, result);

@@ -9,10 +9,10 @@
 
 namespace ky_engine {
 
-/// Pushing a file: the request, which stages the file and announces it, and the worker that hands it over.
+/// Pushes a file: the request stages and announces the file, and the worker sends it.
 class KyFilePush {
 public:
-    /// @param members  for the device's identifier and the handle of its thread
+    /// @param members  hold the device identifier; stores the thread handle
     KyFilePush(KyDeviceAccess& device, KyStatusRecord& record, KyEngineThreads& threads,
                KyTferClientMembers& members)
         : m_device(device), m_record(record), m_threads(threads), m_members(members) {}
@@ -20,7 +20,7 @@ public:
     /// Blocks for a second and two point writes.
     void Request(const std::string& directory, const std::string& fileName, KyTferStatusMsg& result);
 
-    /// Does the worker's job for the last push, on the calling thread.
+    /// Runs the worker's body for the last push on the calling thread.
     void PutFileToDevice();
 
 private:

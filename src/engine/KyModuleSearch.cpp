@@ -37,13 +37,13 @@ bool ConfirmModule(const KyDeviceAccess& device, unsigned short mmIdx, const std
         std::string agent;
         if (device.ReadText(agent, PNT_MON_AGENT_INFO, mmIdx) != 0 || agent != mac) return false;
         if (matches == kMatchesNeeded) return true;
-        // Reads that follow each other without the pause prove nothing.
+        // A match counts only after the whole pause.
         if (!SleepUnlessStopped(kPauseSeconds, stop)) return false;
     }
 }
 
-// One pass. The candidate is wider than an index: a device may claim as many modules as an index can number, or
-// more, and the pass must end then too. @return the index, 0 if there is none
+// Makes one pass. `candidate` is wider than an index, so that the loop ends at 65535 modules too.
+// @return the index; 0 for none
 unsigned short SearchModules(const KyDeviceAccess& device, unsigned int count, const std::string& mac,
                              const std::atomic<bool>& stop) {
     const unsigned int last = std::min(count, kMaxModules);
@@ -60,7 +60,7 @@ bool FindModule(const KyDeviceAccess& device, std::atomic<unsigned short>& mmIdx
                 const std::atomic<bool>& stop) try {
     const std::string mac = tal_netutils::KyNetUtils::GetMAC();
     unsigned int count = 0;
-    // A card that does not know its own address would find itself in the first module without a text.
+    // An empty address would match the first module with an empty text.
     if (!GetModuleCount(device, count) || mac.empty()) return false;
     unsigned short found = 0;
     while (found == 0) {

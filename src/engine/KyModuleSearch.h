@@ -7,10 +7,10 @@
 
 namespace ky_engine {
 
-/// As KyTferClient::AcquireMaiMmIdx.
+/// Implements KyTferClient::AcquireMaiMmIdx.
 ///
-/// @param mmIdx  gets the index that was found
-/// @param stop   ends the search
+/// @param mmIdx  receives the index
+/// @param stop   true ends the search
 bool FindModule(const KyDeviceAccess& device, std::atomic<unsigned short>& mmIdx,
                 const std::atomic<bool>& stop);
 

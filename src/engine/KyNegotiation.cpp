@@ -25,7 +25,7 @@ void LogFailure(const char* action, const char* path, const char* function, int 
                     strerror(error));
 }
 
-// The flag files lie where others may write: a symbolic link there is not followed, and a FIFO is not waited for.
+// Other users may write to the directory: do not follow a symbolic link, and do not block on a FIFO.
 void Create(const char* path, const char* function) {
     const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0666);
     if (fd < 0) return LogFailure("creating", path, function, errno);

@@ -6,15 +6,15 @@
 
 namespace ky_engine {
 
-/// Agrees with the device on a transport: Sorrel 485, or USB if the device does not answer the first point of
-/// that. A step that fails is logged, and the sequence goes on. Blocks for its point accesses.
+/// Negotiates the transport: Sorrel 485, or USB if the device's first Sorrel 485 point cannot be read. Logs failed
+/// steps; over Sorrel 485 the next step follows. Blocks for its point accesses.
 ///
-/// @param members       get what the device supports
+/// @param members       receive the device's versions and file size limit
 /// @param xferFileSize  written to the device's file size point
-/// @return the status of that write over Sorrel 485; over USB that of the read that failed, or 0
+/// @return over Sorrel 485 the status of that write; over USB that of the failed read, or 0
 int Negotiate(KyDeviceAccess& device, KyTferClientMembers& members, unsigned int xferFileSize);
 
-/// As KyTferClient::SetDmpSupported.
+/// Implements KyTferClient::SetDmpSupported.
 void SetDmpSupported(bool supported);
 
 }  // namespace ky_engine

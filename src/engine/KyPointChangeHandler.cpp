@@ -12,7 +12,7 @@ namespace {
 
 constexpr unsigned int kMaxStringUnits = 256;
 
-// Takes the low byte of each unit, up to the first that is 0. The units may stand at any address.
+// Takes the low byte of each unit, up to the first 0. `units` may be unaligned.
 void ConvertString(const void* units, unsigned int valLength, std::string& out) {
     if (valLength > kMaxStringUnits) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "ConvertString",
@@ -34,7 +34,7 @@ bool BeginsWith(const std::string& text, const char* start) {
     return text.compare(0, strlen(start), start) == 0;
 }
 
-// False, and the number 0, for a record without a value.
+// Returns false, and the number 0, for a change without a value.
 template <typename Number>
 bool ReadNumber(const KyValChgInfo& info, Number& number) {
     number = 0;
@@ -61,7 +61,7 @@ void KyPointChangeHandler::Handle(const KyValChgInfo& info) {
 }
 
 void KyPointChangeHandler::FileNameChanged(const KyValChgInfo& info) const {
-    // The log shows the raw bytes of a value that is too long to convert.
+    // A value that is too long to convert is logged as raw bytes.
     std::string text;
     if (info.value != nullptr) text.assign(static_cast<const char*>(info.value), info.valLength);
     ConvertString(info.value, info.valLength, text);
@@ -91,7 +91,7 @@ void KyPointChangeHandler::DmpSupportedChanged(const KyValChgInfo& info) const {
 void KyPointChangeHandler::FileRequestChanged(const KyValChgInfo& info) {
     std::string answer;
     ConvertString(info.value, info.valLength, answer);
-    // The card writes the empty text before each value, and a device that reports the one reports the other.
+    // The card writes the empty text before each value. A device that reports the value also reports the empty text.
     const bool echo = m_cleared && m_device.ConsumeEcho(PNT_CLIENT_FILE_REQ, answer);
     m_cleared = answer.empty();
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "DataChange", "Client file req point(%ld) len(%d) newVal(%s)",
@@ -112,7 +112,7 @@ void KyPointChangeHandler::FileRequestChanged(const KyValChgInfo& info) {
         return;
     }
     current = answer;
-    // The card's own outcomes and the cleared point need no action, but they do end a row of repeats.
+    // The cleared point and the card's own results need no action. They end a sequence of repeats.
     if (answer.empty() || answer == kRequestSuccess || answer == kRequestError) return;
     HandleAnswer(answer, echo);
 }
@@ -122,7 +122,7 @@ void KyPointChangeHandler::HandleAnswer(const std::string& answer, bool echo) {
     const KyTferStatusMsg::TferRequestType type = m_record.RequestType();
     switch (type) {
         case KyTferStatusMsg::TFER_REQ_DIRECTORY:
-            if (!echo) m_directory.Answered(answer, false);
+            if (!echo) m_directory.HandleAnswer(answer, false);
             break;
         case KyTferStatusMsg::TFER_REQ_GET_FILE:
             if (answer == kRequestReady) m_fetch.Ready();

@@ -9,10 +9,10 @@
 
 namespace ky_engine {
 
-/// Takes the changes of the device's points, one at a time, and hands each to the flow that it concerns.
+/// Passes each change of a device point to the fetch, the directory fetch or the record. One call at a time.
 class KyPointChangeHandler {
 public:
-    /// @param members  for the card's module index and the last value of the request point
+    /// @param members  hold the card's module index and the last value of the request point
     KyPointChangeHandler(KyDeviceAccess& device, KyStatusRecord& record, KyFileFetch& fetch,
                          KyDirectoryFetch& directory, KyTferClientMembers& members)
         : m_device(device), m_record(record), m_fetch(fetch), m_directory(directory), m_members(members) {}
@@ -32,7 +32,7 @@ private:
     KyFileFetch& m_fetch;
     KyDirectoryFetch& m_directory;
     KyTferClientMembers& m_members;
-    bool m_cleared = false;  // the last value of the request point was empty; for DataChange alone
+    bool m_cleared = false;  // the last value of the request point was empty
 };
 
 }  // namespace ky_engine

@@ -6,16 +6,15 @@ namespace ky_engine {
 
 namespace {
 
-// A poll holds the mutex for some microseconds; a thread that sleeps in the kernel is back after fifty or
-// more.
+// A poll holds the mutex for some microseconds. Waking up from a kernel wait costs 50 us or more.
 constexpr int kSpinCount = 200;
 
-// Yielding costs some tenths of a microsecond: this bounds the monitor's patience to a few milliseconds.
+// A few milliseconds in all.
 constexpr int kMaxYields = 10000;
 
 }  // namespace
 
-// A mutex that could not be initialised keeps its static initialiser, with which it works as well.
+// If pthread_mutex_init() fails, the static initialiser stays in effect.
 KyRequestMutex::KyRequestMutex() : m_creationError(pthread_mutex_init(&m_mutex, nullptr)) {}
 
 KyRequestMutex::~KyRequestMutex() {

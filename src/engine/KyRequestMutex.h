@@ -9,13 +9,11 @@
 
 namespace ky_engine {
 
-/// The engine's mutex: a plain, non-recursive one, with a gate in front of it for threads that take it again
-/// and again.
+/// A non-recursive mutex that a polling thread cannot monopolise.
 ///
-/// A monitor polls back to back, and a mutex gives no turn to those who wait: a thread that unlocks and locks
-/// at once usually wins against one that has to be woken up. So Lock counts those who wait, and
-/// LockAfterWaiters lets them go first. A waiting thread tries for a moment before it sleeps, since the
-/// monitor leaves within microseconds.
+/// A plain mutex is not fair: a monitor that unlocks and locks again at once would starve threads that must wake up
+/// first. Lock counts waiting threads; LockAfterWaiters lets them go first. Lock spins briefly before it blocks,
+/// because a poll holds the mutex for microseconds only.
 class KY_CAPABILITY("mutex") KyRequestMutex {
 public:
     KyRequestMutex();
@@ -23,17 +21,16 @@ public:
     KyRequestMutex(const KyRequestMutex&) = delete;
     KyRequestMutex& operator=(const KyRequestMutex&) = delete;
 
-    /// Why the mutex could not be created, an error number; 0 if it could. It works in either case.
+    /// The error number of pthread_mutex_init(), 0 for success. The mutex works in either case.
     int CreationError() const { return m_creationError; }
 
     void Lock() KY_ACQUIRE();
     void Unlock() KY_RELEASE();
 
-    /// Takes the mutex when nobody waits for it any more, or after some milliseconds in which there was
-    /// always somebody: others go first, but cannot keep the caller out for ever.
+    /// Takes the mutex when no thread waits in Lock, or after a few milliseconds.
     void LockAfterWaiters() KY_ACQUIRE();
 
-    /// For a condition variable that is used with this mutex.
+    /// For use with a condition variable.
     pthread_mutex_t* Native() { return &m_mutex; }
 
 private:
@@ -44,7 +41,7 @@ private:
     std::atomic<int> m_waiting{0};
 };
 
-/// Holds a KyRequestMutex for the length of a block.
+/// Holds a KyRequestMutex while it exists.
 class KY_SCOPED_CAPABILITY KyRequestLock {
 public:
     explicit KyRequestLock(KyRequestMutex& mutex) KY_ACQUIRE(mutex) : m_mutex(mutex) { mutex.Lock(); }
@@ -56,7 +53,7 @@ private:
     KyRequestMutex& m_mutex;
 };
 
-/// As KyRequestLock, for a thread that polls: see KyRequestMutex::LockAfterWaiters.
+/// As KyRequestLock, but takes the mutex with LockAfterWaiters.
 class KY_SCOPED_CAPABILITY KyPollingLock {
 public:
     explicit KyPollingLock(KyRequestMutex& mutex) KY_ACQUIRE(mutex) : m_mutex(mutex) {

@@ -26,14 +26,14 @@ using Call = KyEngineThreads::Call;
 
 namespace {
 
-// Makes `result` a failed record of its own. Without memory for the reason, its text says so.
+// Sets `result` to a failed record with this reason, or with "Out of memory".
 void Fail(KyTferStatusMsg& result, const char* reason) {
     KyTferStatusMsg failed(512);
     failed.SetStatus(KyTferStatusMsg::TFER_STATUS_FAIL);
     try {
         failed.SetStatusMsg(std::string(reason));
     } catch (...) {
-        failed.SetStatusMsg(std::string(kOutOfMemory));  // short enough to be stored in place
+        failed.SetStatusMsg(std::string(kOutOfMemory));  // fits without an allocation
     }
     result.Swap(failed);
 }
@@ -45,7 +45,7 @@ void Refuse(KyTferStatusMsg& result, const char* function, const char* reason) {
 
 }  // namespace
 
-/// The parts of the engine. Each is given those before it that it needs.
+/// The parts of the engine. Each may use those declared before it.
 struct ky_engine::Engine {
     KyTferClientMembers members;
     KyEngineThreads threads;
@@ -57,14 +57,14 @@ struct ky_engine::Engine {
     KyDirectoryFetch directory{device, record, threads, monitor, fetch, members};
     KyPointChangeHandler pointChanges{device, record, fetch, directory, members};
 
-    // Held while a request is accepted and sent to the device, so that nothing comes in between. Taken before all
-    // other locks.
+    // Held while a request is accepted and written to the device: keeps point writes of two requests apart. Taken
+    // before all other locks.
     std::mutex deviceRequestMutex;
 
     void MakeDirectories() const;
 
-    // What all requests have in common: they are refused without a device and after Stop, Stop waits for them,
-    // and they keep what may be thrown from their caller. `request` fills the result that is given to it.
+    // Runs a request. Refuses it without a device and after Stop, makes Stop wait for it, and catches what it
+    // throws. `request` fills its argument.
     template <typename Request>
     KyTferStatusMsg Admit(const char* function, Request request) {
         KyTferStatusMsg result(512);
@@ -133,7 +133,7 @@ void KyTferClient::Stop() {
     members.m_transactionActive = false;
     members.m_stopRequested = true;
     m_engine->threads.Close();
-    // A request that was on its way when the flag was cleared may have set it again. None is any more.
+    // A request in progress may have set the flag again. Close has waited for it.
     members.m_transactionActive = false;
     m_engine->record.WakeMonitors();
     m_engine->threads.JoinAll();
@@ -189,7 +189,7 @@ void KyTferClient::CancelTransaction(const std::string& transactionId) {
                     transactionId.c_str());
 }
 
-// The record is ended first, at once. The device is told in turn with requests, and only if none has begun since.
+// Ends the transaction before it waits for requests in progress. Tells the device only if no new one has begun.
 KyTferStatusMsg KyTferClient::AbandonTransaction(const std::string& reason) {
     static constexpr char kFunction[] = "AbandonTransaction";
     const Call call(m_engine->threads);
@@ -255,7 +255,7 @@ bool KyTferClient::SleepUnlessStopped(unsigned int seconds, std::atomic<bool>& s
     return ky_engine::SleepUnlessStopped(seconds, stop);
 }
 
-// --- What Init has found
+// --- Results of Init
 
 bool KyTferClient::IsTferProtocolSupported() const {
     return m_engine->members.m_serverMinVersion != 0 && m_engine->members.m_serverMaxVersion != 0;
@@ -281,7 +281,7 @@ std::string KyTferClient::GetCardReceiveFileDirectory() {
     }
 }
 
-// --- Bodies and entries of the engine's threads
+// --- Bodies and entry points of the engine's threads
 
 namespace {
 

@@ -14,41 +14,37 @@ namespace ky_engine {
 struct Engine;
 }
 
-/// The transfer engine: moves files between the card and one managed device, and keeps the state of the
-/// transaction as a status record.
+/// The transfer engine. Moves files between the card and one managed device, and keeps a status record of the
+/// transaction.
 ///
-/// States. A new engine does nothing. Init binds it to a device. From then on it takes requests and point
-/// changes; a request before Init has ended is refused. Stop ends its threads for good: after it requests are
-/// refused, and only destruction is left. The destructor stops an engine that was not stopped.
+/// States. A new engine is idle. Init binds it to a device; requests before the end of Init are refused. Stop ends the
+/// engine for good: later requests are refused. The destructor calls Stop.
 ///
 /// A fetch. GetFileFromDevRequest records the transaction, starts a monitor and writes the file's name to the
-/// device's request point. When the device answers "READY", which reaches the engine through DataChange, a
-/// worker fetches the file into the landing directory, checks its size, moves it into the download directory
-/// and answers the device. The monitor meanwhile reports the size of the arriving file in the record, and
-/// ends the transaction when 180 seconds have passed. A fetch that its worker has completed stays complete.
+/// device's request point. The device answers "READY", which DataChange delivers. A worker then fetches the file
+/// into the landing directory, checks its size, moves it to the download directory and answers the device. The
+/// monitor records the size of the arriving file, and ends the transaction after 180 seconds.
 ///
-/// Threads. All operations may be called from any thread, with these exceptions: Init is called once, before
-/// all others but Stop; DataChange is called for one change after the other; CreateDirectoryFromFile is called
-/// from one thread at a time. Requests that come at the same time take turns. From within a call of the proxy only
-/// DataChange and GetStatus may be called.
+/// Threads. Any thread may call any operation, with these exceptions. Init is called once, before all others except
+/// Stop. DataChange and CreateDirectoryFromFile are each called by one thread at a time. A call of the proxy may call
+/// back DataChange and GetStatus only.
 ///
-/// Blocking. Init takes eight seconds at least. Requests block for their point writes, as long as the proxy
-/// takes for them. GetStatus blocks for some microseconds. Stop blocks until the engine's threads have ended:
-/// a second after a fetch in progress, and as long as a proxy call that is under way.
+/// Blocking. Init blocks for eight seconds or more. Requests block until the proxy has returned from their point
+/// writes. GetStatus blocks for microseconds. Stop blocks until the engine's threads have ended: up to a second for
+/// a monitor, and until running proxy calls return.
 ///
-/// Locks. The status record has a lock of its own, which is held for a few assignments, one look at a file
-/// or its removal, and never around a call of the proxy, a log line or the start of a thread. Requests of fetches and listings,
-/// and abandoning, take turns with a second lock, which is held for their point writes.
+/// Locks. One lock guards the status record. It is held for assignments, one `stat` or one `unlink`, never during a
+/// proxy call, a log line or a thread start. A second lock serialises the point writes of fetch and listing requests
+/// and of AbandonTransaction. The second lock is taken first.
 ///
-/// Memory. No operation throws; a transaction that cannot go on because memory runs out ends as failed. Only
-/// the constructor may throw std::bad_alloc. A proxy that throws is taken for one that failed.
+/// Memory. No operation throws. A transaction that runs out of memory ends as failed. Only the constructor throws
+/// std::bad_alloc. A proxy call that throws counts as failed.
 class KYTFER_EXPORT KyTferClient {
 public:
-    /// An engine without a device. Touches neither device nor file system. Throws std::bad_alloc if memory runs
-    /// out.
+    /// Creates an idle engine. Does not access the device or the file system. Throws std::bad_alloc.
     KyTferClient();
 
-    /// Stops the engine if Stop was not called. Neither the device nor the flag files are touched.
+    /// Calls Stop. Does not access the device or the flag files.
     virtual ~KyTferClient();
 
     KyTferClient(const KyTferClient&) = delete;
@@ -56,185 +52,179 @@ public:
 
     /// @{ @name Life of the engine
 
-    /// Binds the engine to a device: finds the card's module index there, creates the card's directories and
-    /// agrees with the device on a transport.
+    /// Binds the engine to a device: finds the card's module index, creates the card's directories and negotiates
+    /// the transport.
     ///
-    /// Blocks until the module index has been found, which takes about eight seconds, or for ever if the
-    /// device does not know the card; Stop ends the search, and the rest is then done without an index.
+    /// Blocks until the module index has been found: eight seconds or more, and without limit while no module of the
+    /// device has the card's MAC address. Stop ends the search; Init then continues without an index.
     ///
     /// @param deviceId  identifier of the managed device
     /// @param proxy     the device's proxy; not owned; must outlive the engine. With null, Init fails and every
     ///                  request is refused.
-    /// @return 0 for success. Over the Sorrel 485 transport it is the status of setting the device's file
-    ///         size point, over USB that of the read that failed or 0. IsTferProtocolSupported tells which it
-    ///         is.
+    /// @return 0 for success. Over Sorrel 485: the status of the write to the device's file size point. Over USB: the
+    ///         status of the failed read, or 0. See IsTferProtocolSupported.
     int Init(unsigned short deviceId, KyPldProxy* proxy);
 
-    /// Ends the engine. When it returns, the engine's threads have ended, and no other thread's call that may reach
-    /// the proxy is inside the engine. The engine makes no further call to the proxy, unless Init is called after it.
-    /// Calling it again, or before Init, does no harm. A wait of more than a second is logged: usually
-    /// a call of the proxy does not return.
+    /// Ends the engine. After it returns, no thread of the engine runs, and no operation on another thread calls
+    /// the proxy. The engine makes no further proxy call, unless Init is called after it.
+    /// Calling it again, or before Init, is allowed. A wait of more than 1.5 seconds is logged: usually a proxy call
+    /// does not return.
     ///
-    /// Must not be called from within a call of the proxy: it would wait for that call for ever.
+    /// Must not be called from within a proxy call: that would deadlock.
     void Stop();
 
-    /// Sets the pause between two polls of a monitor. Without a pause a monitor polls back to back, and keeps a
-    /// processor busy as long as its transaction takes. The pause ends at once when the worker has ended, the
-    /// transaction is abandoned or the engine stops, so it delays only what the monitor sees by itself: the
-    /// growth of the file, and the time limit.
+    /// Sets the pause between two polls of a monitor. Without a pause a monitor keeps a processor busy during its
+    /// transaction. The pause ends at once when the worker ends, the transaction is abandoned or the engine stops.
+    /// So it delays only the reported file size and the time limit.
     ///
-    /// @param milliseconds  0, the default, for none
+    /// @param milliseconds  0, the default, for no pause
     void SetPollPause(unsigned int milliseconds);
 
     /// @}
     /// @{ @name Requests and status
 
-    /// Asks the device for one of its files.
+    /// Requests a file from the device.
     ///
-    /// @param fileName  the file's name on the device
-    /// @param fileSize  its size in bytes, taken as an unsigned number; a file that arrives with another size
-    ///                  has failed
-    /// @return a copy of the record, in progress, when the request is accepted; otherwise a separate record
-    ///         with TFER_STATUS_FAIL and the reason: a transaction is in progress, or there is no device
+    /// @param fileName  the file's transfer name
+    /// @param fileSize  its size in bytes, as an unsigned number. The fetch fails if another size arrives.
+    /// @return a copy of the record, in progress, if the request is accepted. Otherwise a separate record with
+    ///         TFER_STATUS_FAIL and the reason: a transaction is in progress, or there is no device.
     KyTferStatusMsg GetFileFromDevRequest(const std::string& fileName, int fileSize);
 
-    /// Hands a file of the card to the device. The file is consumed, whatever comes of it: it is moved into
-    /// the staging directory "/var/local/tal/pldserver", where it stays after the transfer, or removed if the
-    /// request fails. It must lie on that directory's file system.
+    /// Pushes a file to the device. The engine consumes the file: it moves the file to the staging directory
+    /// "/var/local/tal/pldserver", where the file stays, or removes the file if the request fails. The file must be
+    /// on the file system of that directory.
     ///
-    /// Blocks for at least a second, which the device needs between the file's size and its name. A push does
-    /// not ask whether another transaction is in progress, and no monitor watches it. Beside a fetch or a listing
-    /// each runs to its end, and the record shows the row that was written last.
+    /// Blocks for its point writes and one second: the device needs that pause between size and name. A push is
+    /// accepted while another transaction is in progress, and has no monitor and no time limit. Both transactions
+    /// then continue, and the record shows the last update of either.
     ///
     /// @param directory  directory of the file, without a "/" at its end
     /// @param fileName   the file's name in it
-    /// @return a copy of the record: in progress, or failed with the reason. Without a device it is a
-    ///         separate record with TFER_STATUS_FAIL, and the file is left alone.
+    /// @return a copy of the record: in progress, or failed with the reason. Without a device: a separate record with
+    ///         TFER_STATUS_FAIL; the file stays.
     KyTferStatusMsg PutFileToDevRequest(const std::string& directory, const std::string& fileName);
 
-    /// Asks the device for a listing of its files. The file that it names in answer is fetched like any
-    /// other, within 60 seconds; when the record is complete, CreateDirectoryFromFile can read it.
+    /// Requests a listing of the device's files. The device names a listing file, which is fetched like other files,
+    /// with a limit of 60 seconds. CreateDirectoryFromFile reads it once the record is complete.
     ///
-    /// @return a copy of the record, in progress, when the request is accepted; otherwise a separate record
-    ///         with TFER_STATUS_FAIL and the reason: a transaction is in progress, the device did not take
-    ///         the request, or there is no device
+    /// @return a copy of the record, in progress, if the request is accepted. Otherwise a separate record with
+    ///         TFER_STATUS_FAIL and the reason: a transaction is in progress, the point write failed, or there is no
+    ///         device.
     KyTferStatusMsg GetDirectoryFromDevRequest();
 
-    /// A copy of the status record, all of it taken at one instant. There is one record, whatever the identifier.
-    /// If memory runs out, the record is a failed one with that text.
+    /// Returns a consistent copy of the status record. There is one record; the identifier is ignored. If memory runs
+    /// out, the result is a separate failed record with that text.
     KyTferStatusMsg GetStatus(const std::string& transactionId);
 
-    /// Notes a wish to cancel in the log. The transaction goes on: see AbandonTransaction.
+    /// Logs a cancel request, and nothing else. AbandonTransaction ends a transaction.
     void CancelTransaction(const std::string& transactionId);
 
-    /// Ends the transfer in progress as failed, with the text "File transfer cancelled". Fetches and listings that
-    /// the record shows behind the row of a push are ended too; a push whose row another one covers goes on. With
-    /// nothing in progress nothing changes. A file that has arrived and is being moved is complete, not cancelled.
+    /// Ends the transfer in progress as failed, with the text "File transfer cancelled". A fetch or listing in
+    /// progress and a running push end together. A push alone ends only if the record shows it in progress; otherwise
+    /// it continues. With nothing in progress, nothing changes. A complete file that is being moved is not cancelled: its transaction completes.
     ///
-    /// The next request is accepted at once. If the device has not answered yet, it is told "NONE", except for a
-    /// push; a "READY" that still comes starts nothing, unless the next fetch has been accepted before. A monitor
-    /// ends within a second. KyPldProxy::AbortTransfer is called. If the proxy does not implement it, the worker runs
-    /// to the end of its call, removes its file, and changes nothing else. The file of a push stays staged.
+    /// The next request is accepted at once. If the device has not answered a fetch or listing, "NONE" is written to
+    /// its request point; a later "READY" starts nothing, unless another fetch has been accepted. A monitor exits
+    /// within a second. KyPldProxy::AbortTransfer is called; without it the worker runs until its proxy call returns,
+    /// then removes its file. The file of a push stays staged.
     ///
-    /// Blocks for its point write, and until a fetch or listing request under way has written its own.
+    /// Blocks while a complete file is moved, until fetch and listing requests in progress have written their points,
+    /// and for its own point write.
     ///
-    /// @param reason  added to the text, after ": "; may be empty
+    /// @param reason  added to the text after ": "; may be empty
     /// @return a copy of the record
     KyTferStatusMsg AbandonTransaction(const std::string& reason);
 
-    /// Reads a fetched listing file into a listing that the engine keeps under `path`, until it is destroyed. A
-    /// listing that is kept under `path` already stays. At most 16 are kept; the one requested least recently is
-    /// dropped. A file that cannot be read gives an empty listing; a damaged one gives the entries before the damage.
+    /// Reads a fetched listing file and keeps the listing under `path` until the engine is destroyed. Does not replace
+    /// a listing that is kept under `path`. At most 16 are kept; the least recently requested one is dropped. A file
+    /// that cannot be read gives an empty listing. A damaged one gives the entries before the damage.
     ///
-    /// Blocks for the reading of the file.
+    /// Blocks while it reads the file.
     void CreateDirectoryFromFile(const std::string& path);
 
-    /// True while a worker has been started and has not returned. A service should wait for false before the next
-    /// request, and deliver the point changes until then: the last worker's point writes do not reach the next
-    /// transaction then.
+    /// True from the start of a worker until it has returned. Before the next request a service should wait for false
+    /// and deliver all point changes: the device's reports of the last worker's writes belong to the old transaction.
     bool WorkerRunning() const;
 
     /// @}
     /// @{ @name The device
 
-    /// Takes a change of one of the device's points. Called for every change, in their order and one at a
-    /// time; points that do not matter are ignored. May start a thread; does not wait for it. Blocks while a
-    /// file is moved that the listing before has brought.
+    /// Handles a change of a device point. Call it for every change, in order, one at a time; other points are
+    /// ignored. May start a thread. Blocks while the complete file of the previous listing is moved.
     ///
-    /// Devices report the card's own writes too. A reported value equal to one that was written in the last two or
-    /// three seconds is treated as an echo, on the request point only if the empty text came before it.
+    /// Devices report the card's own writes too. A value that the card has written in the last two or three seconds
+    /// is an echo. On the request point it is an echo only if the empty text came before it.
     void DataChange(const KyValChgInfo& info);
 
-    /// Tells the rest of the card whether the device supports the USB transport: creates or removes the flag
-    /// file "/var/tmp/dmp/dmp_supported". A failure is logged. The directory is not created.
+    /// Creates or removes the flag file "/var/tmp/dmp/dmp_supported", which tells other programs of the card whether
+    /// the device supports the USB transport. Logs a failure. Does not create the directory.
     void SetDmpSupported(bool supported);
 
-    /// Writes a string point of the device: the empty string first and then the value, so that the device
-    /// sees a change even if it is the value that the point has. Blocks for both writes.
+    /// Writes a string point of the device: the empty string, then the value. The device thus sees a change even if
+    /// the point has the value already. Blocks for both writes.
     ///
-    /// @return the proxy's status of the second write, 0 for success; the first one's does not count. Another
-    ///         value also without a device and after Stop
+    /// @return the proxy's status of the second write, 0 for success; not 0 without a device and after Stop
     int MaiStringSend(const std::string& value, unsigned short pointId);
 
-    /// Reads a string point of the device into `value`, which a failed read leaves as it was. Blocks for the
-    /// read.
+    /// Reads a string point of the device. A failed read does not change `value`. Blocks for the read.
     ///
-    /// @return the proxy's status, 0 for success; another value also without a device and after Stop
+    /// @return the proxy's status, 0 for success; not 0 without a device and after Stop
     int MaiStringGet(std::string& value, unsigned short pointId);
 
-    /// Searches the device's modules for this card's MAC address and keeps the index at which four reads, two
-    /// seconds apart, have found it. Repeats the search until it has succeeded or Stop is called, and so
-    /// blocks for eight seconds or more.
+    /// Searches the device's modules for the card's MAC address, and keeps the module's index after four equal reads,
+    /// two seconds apart. Repeats the search until it succeeds or Stop is called. Blocks for eight seconds or more.
     ///
-    /// @return true if the index was found; false if the device has no such report, or after Stop
+    /// @return true if the index was found; false after Stop, without a MAC address, or if the device has no such
+    ///         report or no module count
     bool AcquireMaiMmIdx();
 
-    /// Sleeps in steps of a quarter of a second, as long as `stop` is false.
+    /// Sleeps in steps of a quarter of a second while `stop` is false.
     ///
     /// @param seconds  how long; 0 does not sleep
-    /// @param stop     looked at before the first and after every step, never changed
-    /// @return true after the whole time; false if `stop` was or became true
+    /// @param stop     read before the first step and after each; never changed
+    /// @return true after the whole time; false if `stop` is or becomes true
     static bool SleepUnlessStopped(unsigned int seconds, std::atomic<bool>& stop);
 
     /// @}
-    /// @{ @name What Init has found
+    /// @{ @name Results of Init
 
-    /// True if Init has agreed on the Sorrel 485 transport with the device.
+    /// True if Init has negotiated the Sorrel 485 transport.
     bool IsTferProtocolSupported() const;
 
-    /// The card's directory for files fetched from the device, with a "/" at its end; empty before the first
-    /// Init. The last Init of the process decides.
+    /// The download directory: the card's directory for fetched files, with a "/" at its end. Empty before the first
+    /// Init; set by the process's last Init.
     static std::string GetHmiDownloadDirectory();
 
-    /// The directory into which the proxy delivers files of the device, with a "/" at its end; empty before
-    /// the first Init. The last Init of the process decides.
+    /// The landing directory: the proxy writes arriving files there. With a "/" at its end. Empty before the first
+    /// Init; set by the process's last Init.
     static std::string GetCardReceiveFileDirectory();
 
     /// @}
-    /// @{ @name Bodies and entries of the engine's threads
+    /// @{ @name Bodies and entry points of the engine's threads
     ///
-    /// The engine runs the bodies itself, on threads of its own. Called by a user, a body works on the calling
-    /// thread for the transaction that is current. An entry names the calling thread and runs the body; its
-    /// argument is the KyTferClient, and it returns null.
+    /// The engine runs the bodies on its own threads. A user's call runs a body on the calling thread, for the
+    /// current transaction. An entry point takes the KyTferClient, names the calling thread, runs the body and returns
+    /// null.
 
     /// Fetches the file of the current transaction.
     void GetFileFromDevice();
     static void* GetFileFromDevThreadStart(void* engine);
 
-    /// Watches the current fetch.
+    /// Monitors the current fetch.
     void MonitorGetFileRequest();
     static void* MonitorGetFileThreadStart(void* engine);
 
-    /// Hands the last push's file to the device.
+    /// Sends the last push's file to the device.
     void PutFileToDevice();
     static void* PutFileToDevThreadStart(void* engine);
 
-    /// Holds the record in progress while a transaction is active, up to 180 seconds, and fails it. The engine
-    /// never runs it: nobody watches a push.
+    /// Keeps the record in progress while a transaction is active, at most 180 seconds, then fails it. The engine
+    /// does not run it.
     void MonitorPutFileRequest();
     static void* MonitorPutFileThreadStart(void* engine);
 
-    /// Watches the current listing.
+    /// Monitors the current listing.
     void MonitorGetDirRequest();
     static void* MonitorGetDirThreadStart(void* engine);
 

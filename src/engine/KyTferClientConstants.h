@@ -3,11 +3,10 @@
 
 #include "messages/KyServiceContract.h"
 
-/// What the engine's sources share: the device's points, the values of the request point, limits and texts.
-/// Internal to the engine.
+/// Constants of the engine's sources: points, values of the request point, time-outs and texts. Internal.
 namespace ky_engine {
 
-/// Source name of every log line of the engine, whichever of its files writes it.
+/// Source name in all log lines of the engine.
 constexpr char kSource[] = "KyTferClient";
 
 /// Points of the device.
@@ -35,18 +34,17 @@ constexpr char kRequestError[] = "ERROR";
 constexpr unsigned int kStringWriteTimeout = 1000;
 constexpr unsigned int kUint32WriteTimeout = 5000;
 
-/// Status of an operation on an engine that has no proxy, whose proxy threw, that ran out of memory, or that has
-/// been stopped.
+/// Status values of the engine's own failures.
 constexpr int kNoProxy = -1;
 constexpr int kProxyThrew = -2;
 constexpr int kNoMemory = -3;
 constexpr int kStopped = -4;
 constexpr char kOutOfMemory[] = "Out of memory";
 
-/// Directory of the platform's file server; the directories of the devices are in it too.
+/// Staging directory, and parent of the landing directories.
 using ky_service::kStagingDirectory;
 
-/// Texts that more than one flow uses.
+/// Texts of log lines and of the record.
 constexpr char kNotInitialized[] = "LOGIC ERROR - KyTferRespClient not initialized";
 using ky_service::kAlreadyInProgress;
 using ky_service::kTransferInProgress;

@@ -1,7 +1,7 @@
 #ifndef ENGINE_KYTHREADANNOTATIONS_H
 #define ENGINE_KYTHREADANNOTATIONS_H
 
-/// What clang's thread-safety analysis is told about locks; nothing to other compilers.
+/// Attributes for clang's thread-safety analysis. Empty for other compilers.
 #if defined(__clang__)
 #define KY_THREAD_ATTRIBUTE(x) __attribute__((x))
 #else

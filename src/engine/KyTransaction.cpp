@@ -6,7 +6,7 @@
 
 namespace ky_engine {
 
-// A device chooses names: one with a part ".." must not lead to the card's own files.
+// Path traversal: a listing's name comes from the device.
 void Transaction::SetFile(const std::string& fileName, const std::string& inDirectory) {
     transferName = fileName;
     directory = inDirectory;

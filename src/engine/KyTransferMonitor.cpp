@@ -8,7 +8,6 @@ namespace ky_engine {
 
 namespace {
 
-// No size has been logged yet.
 constexpr unsigned int kNoSizeLogged = 2147483647;
 
 constexpr char kPushFunction[] = "MonitorPutFileRequest";
@@ -40,15 +39,15 @@ void LogPoll(const MonitorRules& rules, const Poll& poll, unsigned int& sizeLogg
 
 }  // namespace
 
-void KyTransferMonitor::Watch(Transaction::Kind kind, unsigned long long request) {
+void KyTransferMonitor::Watch(Transaction::Kind kind, unsigned long long requestNumber) {
     try {
-        Run(RulesOf(kind), request);
+        Run(RulesOf(kind), requestNumber);
     } catch (...) {
-        m_record.FailMonitorOutOfMemory(request);
+        m_record.FailMonitorOutOfMemory(requestNumber);
     }
 }
 
-void KyTransferMonitor::Run(const MonitorRules& rules, unsigned long long request) {
+void KyTransferMonitor::Run(const MonitorRules& rules, unsigned long long requestNumber) {
     const long long start = WallClockSeconds();
     const long long end = start + rules.limitSeconds;
     LogStart(KY_DLOG_NOTICE, rules.function, start, end);
@@ -56,17 +55,17 @@ void KyTransferMonitor::Run(const MonitorRules& rules, unsigned long long reques
     bool timedOut = false;
     bool goOn = m_active;
     while (goOn) {
-        const Poll poll = m_record.PollFile(rules, request, end, sizeLogged);
+        const Poll poll = m_record.PollFile(rules, requestNumber, end, sizeLogged);
         LogPoll(rules, poll, sizeLogged);
         if (poll.result == Poll::EXIT) return;
         timedOut = poll.result == Poll::TIMED_OUT;
         if (timedOut) break;
         if (m_pauseMs != 0) m_record.WaitForChange(poll.changeCount, m_pauseMs);
-        // Returns at once while the flag is set. Otherwise this is the second that the worker is given.
+        // Returns at once while the flag is set; otherwise gives the worker a second.
         SleepUnlessStopped(1, m_active);
         goOn = m_active && WallClockSeconds() < end;
     }
-    m_record.EndTimedOut(rules, request, timedOut);
+    m_record.EndTimedOut(rules, requestNumber, timedOut);
     __dlog_printfex(KY_DLOG_NOTICE, kSource, rules.function, "%s", rules.finalLog);
 }
 

@@ -7,33 +7,31 @@
 
 namespace ky_engine {
 
-/// Watches a file arrive, and ends its transaction when it has come or the time is up. A monitor runs on a thread
-/// of its own, from the request on.
+/// Polls the size of an arriving file. Ends the transaction when the file is complete or the time limit has passed.
+/// A monitor starts with the request, on its own thread.
 ///
-/// Polls follow each other without a pause while the active flag is set, unless a pause is set. A pause ends at
-/// once when the worker ends, the transaction is abandoned or the engine stops. Once the flag has been cleared by
-/// another, the monitor gives its worker a second and ends.
+/// Polls while the active flag is set, with the pause of SetPause between two polls. The pause ends
+/// at once when the worker ends, the transaction is abandoned or the engine stops. When another thread clears the flag, the monitor waits a second and exits.
 class KyTransferMonitor {
 public:
-    /// @param active  the engine's flag; belongs to the engine
+    /// @param active  the active flag; not owned
     KyTransferMonitor(KyStatusRecord& record, const std::atomic<bool>& active)
         : m_record(record), m_active(active) {}
 
-    /// @param milliseconds  between two polls; 0, the default, for none
+    /// @param milliseconds  0, the default, for no pause
     void SetPause(unsigned int milliseconds) { m_pauseMs = milliseconds; }
 
-    /// The body of a monitor. @param request  Transaction::request
-    void Watch(Transaction::Kind kind, unsigned long long request);
+    /// The body of a monitor thread. @param requestNumber  Transaction::requestNumber
+    void Watch(Transaction::Kind kind, unsigned long long requestNumber);
 
     /// The same for the current transaction.
     void WatchCurrent(Transaction::Kind kind) { Watch(kind, m_record.CurrentRequest()); }
 
-    /// The body of the monitor of a push, which knows nothing to look for: it holds the record in progress while
-    /// the active flag is set, for 180 seconds at most, and fails it.
+    /// Keeps the record in progress while the active flag is set, at most 180 seconds. Then fails the record.
     void HoldForPush();
 
 private:
-    void Run(const MonitorRules& rules, unsigned long long request);
+    void Run(const MonitorRules& rules, unsigned long long requestNumber);
     void Hold();
 
     KyStatusRecord& m_record;
