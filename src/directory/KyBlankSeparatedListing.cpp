@@ -14,24 +14,24 @@
 
 namespace {
 
-// A file without blanks would otherwise be one name, as large as the file.
-constexpr size_t kMostTokenBytes = 65536;
+// Limits the memory for a file without blanks.
+constexpr size_t kMaxTokenBytes = 65536;
 
 constexpr size_t kBlockBytes = 65536;
 
 // The shortest entry is "a ,b ,c ,1,2".
-constexpr unsigned long long kFewestEntryBytes = 12;
+constexpr unsigned long long kMinEntryBytes = 12;
 
-// What the classic locale calls so.
+// As isspace() in the classic locale.
 constexpr auto IsBlank = [](char character) {
     return character == ' ' || static_cast<unsigned char>(character - '\t') < 5;
 };
 
-/// A regular file, read block by block. It is not mapped: a process that touches a mapped page behind the end
-/// of a file that has become shorter is ended by a signal.
+/// A regular file that is read in blocks. It is not mapped: if another process shortens a mapped file, reading it
+/// raises SIGBUS.
 class File {
 public:
-    // O_NONBLOCK, because opening a FIFO waits for its writer otherwise.
+    // O_NONBLOCK: otherwise opening a FIFO blocks until a writer opens it.
     explicit File(const char* path) : m_fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {
         struct stat info = {};
         m_isRegular = m_fd >= 0 && fstat(m_fd, &info) == 0 && S_ISREG(info.st_mode);
@@ -43,15 +43,15 @@ public:
         if (m_fd >= 0) close(m_fd);
     }
 
-    /// In bytes, when the file was opened.
+    /// Size in bytes at the time of opening.
     unsigned long long Size() const { return m_size; }
 
-    /// @return the number of bytes read; 0 at the end, behind an error, or if there is no regular file
-    size_t Read(char* block, size_t room) {
+    /// @return the number of bytes read; 0 at the end, after an error, or if there is no regular file
+    size_t Read(char* block, size_t capacity) {
         if (!m_isRegular) return 0;
         ssize_t count = 0;
         do
-            count = read(m_fd, block, room);
+            count = read(m_fd, block, capacity);
         while (count < 0 && errno == EINTR);
         m_isRegular = count > 0;
         return static_cast<size_t>(std::max<ssize_t>(count, 0));
@@ -67,23 +67,22 @@ private:
 
 namespace ky_directory {
 
-/// Takes items off a file as a stream's `>>` would in the classic locale. A stream asks the locale for every
-/// item and its buffer for every character, which takes longer than all other work on a listing.
+/// Parses items like a stream's `>>` in the classic locale. Streams take longer than all other work on a listing.
 ///
-/// The operations take the position of the next character in the block and return the one behind their item,
-/// or null if they fail. A position kept as a member would be stored and loaded again for each item.
+/// Operations take the position of the next character and return the position after their item, or null on failure.
+/// The position is no member: the compiler would store and load a member for each item.
 class BlankSeparatedReader {
 public:
     explicit BlankSeparatedReader(const std::string& path)
         : m_file(path.c_str()), m_block(kBlockBytes), m_end(m_block.data()) {}
 
-    /// Adds the file's entries to `directory`. Throws std::exception if memory runs out.
+    /// Appends the file's entries to `directory`. Throws std::exception if memory runs out.
     void ReadInto(KyTferDirectory& directory);
 
 private:
     using Position = const char*;
 
-    /// One entry, with room for the next.
+    /// Fields of one entry. Reused, so that later entries need no allocation.
     struct Entry {
         std::string origFileName;
         std::string xferFileName;
@@ -92,14 +91,14 @@ private:
         unsigned long long dateTime = 0;
     };
 
-    Position Header(Position next, unsigned int& count);
-    Position Item(Position next, Entry& entry);
+    Position ReadHeader(Position next, unsigned int& count);
+    Position ReadEntry(Position next, Entry& entry);
 
     // These skip leading blanks.
-    Position Character(Position next, char& character);
-    Position Token(Position next, std::string& token);
+    Position ReadCharacter(Position next, char& character);
+    Position ReadToken(Position next, std::string& token);
     template <typename Number>
-    Position Unsigned(Position next, Number& number);
+    Position ReadUnsigned(Position next, Number& number);
 
     Position Refill();
     template <typename Predicate>
@@ -112,53 +111,54 @@ private:
 
 void BlankSeparatedReader::ReadInto(KyTferDirectory& directory) {
     unsigned int count = 0;
-    Position next = Header(m_end, count);
-    // Not for a directory with entries: each file that is read into it would move them.
+    Position next = ReadHeader(m_end, count);
+    // Only for an empty directory: an exact reservation for each file would move all earlier entries each time.
     if (directory.m_entries.empty())
         directory.Reserve(
-            static_cast<size_t>(std::min<unsigned long long>(count, m_file.Size() / kFewestEntryBytes)));
+            static_cast<size_t>(std::min<unsigned long long>(count, m_file.Size() / kMinEntryBytes)));
     const std::string noPath;
-    for (Entry entry; next != nullptr && (next = Item(next, entry)) != nullptr;)
+    for (Entry entry; next != nullptr && (next = ReadEntry(next, entry)) != nullptr;)
         directory.Append(noPath, entry.origFileName, entry.xferFileName, entry.fileType, entry.size,
                          entry.dateTime);
 }
 
-BlankSeparatedReader::Position BlankSeparatedReader::Header(Position next, unsigned int& count) {
+BlankSeparatedReader::Position BlankSeparatedReader::ReadHeader(Position next, unsigned int& count) {
     char separator = 0;
-    const bool good = (next = Unsigned(next, count)) != nullptr &&
-                      (next = Character(next, separator)) != nullptr &&
-                      (next = Unsigned(next, count)) != nullptr;
+    const bool good = (next = ReadUnsigned(next, count)) != nullptr &&
+                      (next = ReadCharacter(next, separator)) != nullptr &&
+                      (next = ReadUnsigned(next, count)) != nullptr;
     return good ? SkipWhile(next, [](char character) { return character != '\n'; }) : nullptr;
 }
 
-inline BlankSeparatedReader::Position BlankSeparatedReader::Item(Position next, Entry& entry) {
+inline BlankSeparatedReader::Position BlankSeparatedReader::ReadEntry(Position next, Entry& entry) {
     char separator = 0;
-    const bool good =
-        (next = Token(next, entry.origFileName)) != nullptr &&
-        (next = Character(next, separator)) != nullptr &&
-        (next = Token(next, entry.xferFileName)) != nullptr &&
-        (next = Character(next, separator)) != nullptr && (next = Token(next, entry.fileType)) != nullptr &&
-        (next = Character(next, separator)) != nullptr && (next = Unsigned(next, entry.size)) != nullptr &&
-        (next = Character(next, separator)) != nullptr &&
-        (next = Unsigned(next, entry.dateTime)) != nullptr && separator == ',';
+    const bool good = (next = ReadToken(next, entry.origFileName)) != nullptr &&
+                      (next = ReadCharacter(next, separator)) != nullptr &&
+                      (next = ReadToken(next, entry.xferFileName)) != nullptr &&
+                      (next = ReadCharacter(next, separator)) != nullptr &&
+                      (next = ReadToken(next, entry.fileType)) != nullptr &&
+                      (next = ReadCharacter(next, separator)) != nullptr &&
+                      (next = ReadUnsigned(next, entry.size)) != nullptr &&
+                      (next = ReadCharacter(next, separator)) != nullptr &&
+                      (next = ReadUnsigned(next, entry.dateTime)) != nullptr && separator == ',';
     return good ? next : nullptr;
 }
 
-inline BlankSeparatedReader::Position BlankSeparatedReader::Character(Position next, char& character) {
+inline BlankSeparatedReader::Position BlankSeparatedReader::ReadCharacter(Position next, char& character) {
     next = SkipWhile(next, IsBlank);
     if (next == nullptr) return nullptr;
     character = *next;
     return next + 1;
 }
 
-inline BlankSeparatedReader::Position BlankSeparatedReader::Token(Position next, std::string& token) {
+inline BlankSeparatedReader::Position BlankSeparatedReader::ReadToken(Position next, std::string& token) {
     Position start = SkipWhile(next, IsBlank);
     if (start == nullptr) return nullptr;
     token.clear();
     for (;;) {
         next = std::find_if(start, m_end, IsBlank);
         token.append(start, static_cast<size_t>(next - start));
-        if (token.size() > kMostTokenBytes) return nullptr;
+        if (token.size() > kMaxTokenBytes) return nullptr;
         if (next != m_end) return next;
         start = Refill();
         if (start == nullptr) return m_end;
@@ -166,8 +166,8 @@ inline BlankSeparatedReader::Position BlankSeparatedReader::Token(Position next,
 }
 
 template <typename Number>
-inline BlankSeparatedReader::Position BlankSeparatedReader::Unsigned(Position next, Number& number) {
-    constexpr Number most = std::numeric_limits<Number>::max();
+inline BlankSeparatedReader::Position BlankSeparatedReader::ReadUnsigned(Position next, Number& number) {
+    constexpr Number max = std::numeric_limits<Number>::max();
     next = SkipWhile(next, IsBlank);
     if (next == nullptr) return nullptr;
     const bool negative = *next == '-';
@@ -179,7 +179,7 @@ inline BlankSeparatedReader::Position BlankSeparatedReader::Unsigned(Position ne
         const auto digit = static_cast<unsigned char>(character - '0');
         if (digit > 9) return false;
         digits = true;
-        if (value >= most / 10 && (value > most / 10 || digit > most % 10)) tooLarge = true;
+        if (value >= max / 10 && (value > max / 10 || digit > max % 10)) tooLarge = true;
         value = value * 10 + digit;
         return true;
     });
@@ -195,9 +195,7 @@ BlankSeparatedReader::Position BlankSeparatedReader::Refill() {
     return count != 0 ? m_block.data() : nullptr;
 }
 
-/// Hands each character to `predicate` up to the first one for which it is false.
-///
-/// @return where that is; null if there is no such character
+/// @return the position of the first character for which `predicate` is false; null if there is none
 template <typename Predicate>
 inline BlankSeparatedReader::Position BlankSeparatedReader::SkipWhile(Position next, Predicate predicate) {
     do {

@@ -7,35 +7,33 @@ class KyTferDirectory;
 
 namespace ky_directory {
 
-/// Reads a listing file in the blank-separated form and adds its entries, with an empty path, to those that
-/// the directory holds already.
+/// Reads a blank-separated listing file and appends its entries, with an empty path, to the directory.
 ///
-/// The form, in which a blank is any white space and a line end is one too:
+/// Example of the format. A blank is any white space, including a line end:
 ///
 ///     1 , 3
 ///     event.log , EVT0001.LOG , LOG , 20480 , 1710491400000000000
 ///
-/// The first line starts with two numbers with any one character between them. The second one should be the
-/// number of entries: memory for so many is taken at once, but never for more than the file can hold. The
-/// first number and the rest of the line are dropped. Then each entry is a file name, a transfer name, a type,
-/// a size in bytes and a time stamp in nanoseconds since 1970-01-01 UTC, each but the last followed by one
-/// character that is not blank. The one before the time stamp is a comma; the others may be any. A name
-/// reaches to the next blank. Entries need not have lines of their own.
+/// The first line starts with two numbers and one character between them. The second number is the announced number
+/// of entries: it reserves memory, at most for as many entries as the file can hold. The first number and the rest of
+/// the line are ignored.
 ///
-/// Everything is read as a stream's `>>` reads it with its first settings and in the classic locale: a number
-/// may have a sign (-1 is the largest value of its type) and is bad if it exceeds its type, 32 bits unsigned
-/// for the header's numbers and the size, 64 bits for the time stamp. One thing is stricter: a name of more
-/// than 65,536 bytes is bad.
+/// An entry has five items: file name, transfer name, type, size in bytes, and time stamp in nanoseconds since
+/// 1970-01-01 UTC. One character that is not blank stands between two items; before the time stamp it must be a
+/// comma. A name ends at the next blank. Several entries may share a line.
 ///
-/// The listing ends where an item is bad or missing, and the entry that lacks it is dropped. A bad header
-/// gives no entries, and neither does a path that is not that of a regular file that can be read: a FIFO is
-/// not waited for.
+/// Items are parsed like a stream's `>>` with default flags in the classic locale. A number may have a sign; -1 is the
+/// largest value of its type. The numbers of the header and the size have 32 bits, the time stamp has 64. A number out
+/// of range is bad, and so is a name of more than 65,536 bytes.
 ///
-/// @param path       path of the listing file; a symbolic link is followed. The file may change meanwhile.
-/// @param directory  takes the entries; those that were read before a bad item stay
-/// @return false if memory has run out; the entries before stay. True otherwise, whatever the file was.
+/// Reading ends at the first bad or missing item; its entry is dropped. A bad header gives no entries. Neither does a
+/// path that is not a readable regular file; a FIFO does not block.
 ///
-/// Blocks for the file. Does not throw. Needs memory for the entries and for about 64 KiB besides.
+/// @param path       path of the listing file; symbolic links are followed. The file may change during the call.
+/// @param directory  receives the entries before a bad item
+/// @return false if memory ran out, with the entries so far kept; true in all other cases
+///
+/// Blocks for file reads. Does not throw. Needs about 64 KiB of memory beside the entries.
 bool ReadBlankSeparatedListing(const std::string& path, KyTferDirectory& directory);
 
 }  // namespace ky_directory

@@ -41,7 +41,7 @@ KyTferDirEntry::KyTferDirEntry(KyTferDirEntry&& other) noexcept = default;
 
 KyTferDirEntry::~KyTferDirEntry() = default;
 
-// A member-wise assignment that fails would leave parts of both entries.
+// Copy and move: a failed memberwise assignment would mix the fields of both entries.
 KyTferDirEntry& KyTferDirEntry::operator=(const KyTferDirEntry& other) {
     return *this = KyTferDirEntry(other);
 }
@@ -66,7 +66,7 @@ std::string KyTferDirEntry::GetDateTimeAsString() const {
     }
 }
 
-// Formats the date in place: a page has many entries, and a string of this length would be allocated.
+// Formats the date in a local array: a std::string of this length would allocate for each entry.
 json_t* KyTferDirEntry::GetEntryAsJSONObject() const {
     try {
         DateText date = {};

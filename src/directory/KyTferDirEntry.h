@@ -7,31 +7,29 @@
 
 struct json_t;
 
-/// One file of the managed device's directory: its names, type, size and time stamp.
+/// One file of the managed device's directory: names, type, size and time stamp.
 ///
-/// A plain value: it owns its texts, and copies are independent. Texts are bytes; any text, size and time
-/// stamp is accepted. There is no lock; threads may read an entry at the same time while none writes it. No
-/// operation blocks.
+/// A value: it owns its texts, and copies are independent. Any text, size and time stamp is accepted. There is no
+/// lock: several threads may read an entry while no thread writes it. No operation blocks.
 ///
-/// Constructors with arguments, Init, copies and copy assignment throw std::bad_alloc if memory runs out; an
-/// entry that they were to overwrite stays as it was. Nothing else throws. Moves take no memory.
+/// Constructors with arguments, Init, copies and copy assignment throw std::bad_alloc; the target entry is then
+/// unchanged. Other operations do not throw. Moves do not allocate.
 class KYTFER_EXPORT KyTferDirEntry {
 public:
     /// An entry with empty texts, size 0 and time stamp 0.
     KyTferDirEntry();
 
-    /// @param path             directory of the file on the device, with or without a "/" at its end; may be
-    ///                         empty, and is for every entry that was read from a listing
+    /// @param path             directory of the file on the device; empty for entries of a listing file
     /// @param origFileName     the file's own name on the device
-    /// @param xferFileName     the name under which the file is transferred
-    /// @param fileType         the type as the device calls it
+    /// @param xferFileName     transfer name: the name in requests for the file
+    /// @param fileType         the device's name of the type
     /// @param fileSizeInBytes  size in bytes
     /// @param dateTime         time stamp in nanoseconds since 1970-01-01 00:00:00 UTC
     KyTferDirEntry(const std::string& path, const std::string& origFileName, const std::string& xferFileName,
                    const std::string& fileType, unsigned int fileSizeInBytes, unsigned long long dateTime);
 
     /// @{
-    /// All fields of `other`. A moved-from entry may be assigned to or destroyed.
+    /// Copies or moves all fields. A moved-from entry may be assigned to or destroyed.
     KyTferDirEntry(const KyTferDirEntry& other);
     KyTferDirEntry(KyTferDirEntry&& other) noexcept;
     /// @}
@@ -43,12 +41,12 @@ public:
     KyTferDirEntry& operator=(KyTferDirEntry&& other) noexcept;
     /// @}
 
-    /// Overwrites all that the entry holds; the arguments are those of the constructor.
+    /// Overwrites all fields. Takes the constructor's arguments.
     void Init(const std::string& path, const std::string& origFileName, const std::string& xferFileName,
               const std::string& fileType, unsigned int fileSizeInBytes, unsigned long long dateTime);
 
     /// @{
-    /// The field as it was given; a text stays the entry's own, and valid until the entry changes.
+    /// The field. A text belongs to the entry and is valid until the entry changes.
     const std::string& GetPath() const { return m_path; }
     const std::string& GetOrigFileName() const { return m_origFileName; }
     const std::string& GetXferFileName() const { return m_xferFileName; }
@@ -59,23 +57,22 @@ public:
     /// Nanoseconds since 1970-01-01 00:00:00 UTC.
     unsigned long long GetDateTime() const { return m_dateTime; }
 
-    /// The time stamp as UTC, cut to whole seconds, in the form "2024-03-15 08:30:00Z". The empty
-    /// string if memory has run out, as from the operations below.
+    /// The time stamp in UTC, cut to whole seconds, as "2024-03-15 08:30:00Z". Empty if memory runs out.
     std::string GetDateTimeAsString() const;
 
-    /// The entry as a new JSON object, whose one reference is the caller's. A text that is not valid UTF-8 is
-    /// missing from it; one with a NUL byte ends there. Null if memory has run out.
+    /// The entry as a new JSON object. The caller owns the one reference. Texts that are not valid UTF-8 are omitted; a
+    /// text ends at its first NUL byte. Null if memory runs out.
     json_t* GetEntryAsJSONObject() const;
 
-    /// That object as text: several lines, sorted keys, no blank after a colon, no final line end. The empty
-    /// string if memory has run out.
+    /// The object of GetEntryAsJSONObject as text: indented, keys sorted, no blank after a colon, no final line end.
+    /// Empty if memory runs out.
     std::string GetEntryAsJSONString() const;
 
-    /// The transfer file name behind the path and a "/"; the name alone if the path is empty. A "/" at the
-    /// path's end is not taken away.
+    /// Path, "/" and transfer name; the name alone if the path is empty. A "/" at the path's end is kept. Empty if
+    /// memory runs out.
     std::string GetFullXferFilePath() const;
 
-    /// The same with the file's own name.
+    /// The same with origFileName.
     std::string GetFullOrigFilePath() const;
 
 private:

@@ -15,7 +15,7 @@
 #include <memory>
 #include <string_view>
 
-#include "directory/KyListingDates.h"
+#include "directory/KyListingDateParser.h"
 #include "messages/KyJson.h"
 #include "platform/KyDlog.h"
 
@@ -23,31 +23,30 @@ namespace {
 
 constexpr char kSource[] = "KyTferDirectory";
 constexpr char kOutOfMemory[] = "Out of memory";
-constexpr int kLineRoom = 1024;  // wide characters of one read, the final NUL included
+constexpr int kLineCapacity = 1024;  // wide characters of one read, with the final NUL
 
-// What the entries of one file may take in memory. An entry takes more than a hundred bytes even if its line
-// is empty, and repeats the texts of the entry before it on top: a thousand bytes for one byte of the file.
+// Limit the memory for the entries of one file. An empty line makes an entry of more than a hundred bytes, with
+// copies of the previous entry's texts: up to a thousand bytes for one byte of the file.
 constexpr unsigned long long kBytesForAnyFile = 64ULL * 1024 * 1024;
 constexpr unsigned long long kBytesPerCharacter = 16;
 
-// A listing that is full moves to memory for four times as many entries. With a vector's own growth the moves
-// take as long as reading the entries; and memory that no entry has reached yet is only addresses.
-constexpr size_t kGrowth = 4;
-constexpr size_t kFewestEntries = 16;
+// With a vector's own growth, moving entries takes as long as reading them. Unused pages cost no memory.
+constexpr size_t kGrowthFactor = 4;
+constexpr size_t kMinCapacity = 16;
 
-constexpr size_t kBytesForLargePages = 4UL * 1024 * 1024;  // room for a large page wherever the memory starts
+constexpr size_t kBytesForLargePages = 4UL * 1024 * 1024;  // contains a large page at any alignment
 
 /// The lines of a listing file.
-class Lines {
+class LineReader {
 public:
-    explicit Lines(const std::string& fileName) : m_file(std::fopen(fileName.c_str(), "r")) {}
+    explicit LineReader(const std::string& fileName) : m_file(std::fopen(fileName.c_str(), "r")) {}
 
     bool IsOpen() const { return m_file != nullptr; }
 
-    /// Reads the next line, or piece of a line, with its line end. @return false at the end of the file
-    bool Next() { return std::fgetws(m_text, kLineRoom, m_file.get()) != nullptr; }
+    /// Reads the next line with its line end, or part of a long line. @return false at the end of the file
+    bool Next() { return std::fgetws(m_text, kLineCapacity, m_file.get()) != nullptr; }
 
-    /// The line that was read last, up to its first NUL; good until the next one is read.
+    /// The last line up to its first NUL. Valid until the next call of Next.
     std::wstring_view Line() const { return m_text; }
 
 private:
@@ -56,23 +55,22 @@ private:
     };
 
     std::unique_ptr<FILE, Close> m_file;
-    wchar_t m_text[kLineRoom] = {};
+    wchar_t m_text[kLineCapacity] = {};
 };
 
-/// Each character becomes one byte, its low 8 bits.
+/// Keeps the low 8 bits of each character.
 void Narrow(std::wstring_view wide, std::string& narrow) {
     narrow.resize(wide.size());
     std::transform(wide.begin(), wide.end(), narrow.begin(),
                    [](wchar_t character) { return static_cast<char>(character & 0xFF); });
 }
 
-/// An entry line that is split into its fields. Its wide characters tell where they are; their texts are
-/// narrow.
+/// Splits an entry line into fields. Finds them in the wide line, and copies them from the narrow one.
 class FieldSplitter {
 public:
     FieldSplitter(std::wstring_view line, const std::string& narrow) : m_line(line), m_narrow(narrow) {}
 
-    /// Gives the next field. @return false if there is none, with `field` untouched
+    /// @return false if there is no further field; `field` is then unchanged
     bool Next(std::string& field) {
         const bool quoted = m_start < m_line.size() && m_line[m_start] == L'"';
         const size_t closing = quoted ? FindClosingQuote() : m_start;
@@ -104,7 +102,7 @@ private:
         return static_cast<size_t>(found - m_line.data());
     }
 
-    /// Appends the inside of the quotes, in which every quote stands twice, and goes on behind them.
+    /// Appends the quoted text with each "" as one quote. Moves m_start behind the closing quote.
     void AppendUnescaped(std::string& field, size_t closing) {
         ++m_start;
         for (size_t quote = 0; (quote = m_line.find(L'"', m_start)) < closing; m_start = quote + 2)
@@ -126,7 +124,7 @@ int ClampToInt(long long value) {
     return static_cast<int>(std::clamp<long long>(value, INT_MIN, INT_MAX));
 }
 
-/// What the lines read so far give an entry; a line changes only what it has fields for.
+/// Fields of the next entry. A missing field keeps the value of the previous line.
 struct EntryValues {
     std::string texts[3];  // file name, transfer name and type
     std::string number;    // size or date, as the file has it
@@ -138,14 +136,14 @@ struct EntryValues {
     }
 };
 
-/// The entry lines of a listing file, read one by one.
-class EntryLines {
+/// Reads the entry lines of a listing file.
+class EntryReader {
 public:
-    explicit EntryLines(Lines& lines) : m_lines(lines) {}
+    explicit EntryReader(LineReader& lines) : m_lines(lines) {}
 
     /// Reads the next line into `values`.
     ///
-    /// @return false at the end of the file, or if its entries would take too much memory
+    /// @return false at the end of the file, or if the entries take too much memory
     bool Next(EntryValues& values) {
         if (!m_lines.Next()) return false;
         const std::wstring_view line = m_lines.Line();
@@ -158,8 +156,7 @@ public:
     }
 
 private:
-    // The traces take narrow text: the log formats in the process's locale, which need not have the
-    // characters.
+    // Traces narrow text: the log may fail to convert wide characters in the process's locale.
     void Split(std::wstring_view line, EntryValues& values) {
         Narrow(line, m_text);
         __dlog_printfex(KY_DLOG_TRACE, kSource, "ParseFile", "Input %3zd: [%.*s]",
@@ -176,21 +173,21 @@ private:
         }
     }
 
-    Lines& m_lines;
-    ky_directory::KyListingDates m_dates;
+    LineReader& m_lines;
+    ky_directory::KyListingDateParser m_dates;
     std::string m_text;
     unsigned long long m_allowedBytes = kBytesForAnyFile;
     unsigned long long m_takenBytes = 0;
 };
 
-/// With small pages, the page faults of a long listing take as long as reading it. On failure they stay small.
+/// With small pages, the page faults of a long listing take as long as reading it. Failure is ignored.
 void PreferLargePages(void* memory, size_t bytes) {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     if (bytes < kBytesForLargePages || std::align(page, page, memory, bytes) == nullptr) return;
     madvise(memory, bytes, MADV_HUGEPAGE);
 }
 
-/// PutHeaderData, but it throws std::bad_alloc.
+/// Implements PutHeaderData. Throws std::bad_alloc.
 void FillHeader(const ky_json::Ref& doc, const std::string& context, unsigned int skip, unsigned int take,
                 size_t totalFiles, KyTferStatusMsg::TferStatus status) {
     ky_json::Set(doc, "version", json_integer(1));
@@ -213,7 +210,7 @@ KyTferDirectory::KyTferDirectory() : m_version(0) {}
 KyTferDirectory::~KyTferDirectory() = default;
 
 bool KyTferDirectory::ParseFile(const std::string& fileName) try {
-    Lines lines(fileName);
+    LineReader lines(fileName);
     if (!lines.IsOpen()) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, "ParseFile", "Could not open file(%s) errno(%d)",
                         fileName.c_str(), errno);
@@ -234,7 +231,7 @@ bool KyTferDirectory::ParseFile(const std::string& fileName) try {
     Narrow(lines.Line(), header);
     __dlog_printfex(KY_DLOG_TRACE, kSource, "ParseFile", "2nd header(%s)", header.c_str());
     const std::string noPath;
-    EntryLines entries(lines);
+    EntryReader entries(lines);
     for (EntryValues values; entries.Next(values);)
         Append(noPath, values.texts[0], values.texts[1], values.texts[2], values.fileSizeInBytes,
                values.dateTime);
@@ -252,7 +249,7 @@ void KyTferDirectory::AddEntry(const std::string& path, const std::string& origF
     __dlog_printfex(KY_DLOG_ERROR, kSource, "AddEntry", "%s", kOutOfMemory);
 }
 
-/// AddEntry, but it throws if memory runs out.
+/// Implements AddEntry. Throws if memory runs out.
 void KyTferDirectory::Append(const std::string& path, const std::string& origFileName,
                              const std::string& xferFileName, const std::string& fileType,
                              unsigned int fileSizeInBytes, unsigned long long dateTime) {
@@ -260,17 +257,17 @@ void KyTferDirectory::Append(const std::string& path, const std::string& origFil
                     origFileName.c_str(), xferFileName.c_str(), fileType.c_str(),
                     static_cast<int>(fileSizeInBytes));
     if (m_entries.size() == m_entries.capacity())
-        Reserve(std::max(kFewestEntries, kGrowth * m_entries.size()));
+        Reserve(std::max(kMinCapacity, kGrowthFactor * m_entries.size()));
     m_entries.emplace_back(path, origFileName, xferFileName, fileType, fileSizeInBytes, dateTime);
 }
 
-/// Takes memory for `count` entries in all, if there is so much.
+/// Reserves memory for `count` entries in all. Failure is ignored.
 void KyTferDirectory::Reserve(size_t count) {
     try {
         m_entries.reserve(count);
         PreferLargePages(m_entries.data(), m_entries.capacity() * sizeof(KyTferDirEntry));
     } catch (const std::exception&) {
-        // That was too much; there may still be memory for what the vector asks for.
+        // The vector may still grow by less.
     }
 }
 
@@ -355,5 +352,5 @@ void KyTferDirectory::PutHeaderData(json_t* doc, const std::string& context, uns
                                     KyTferStatusMsg::TferStatus status) try {
     FillHeader(ky_json::Ref(json_incref(doc)), context, skip, take, totalFiles, status);
 } catch (const std::exception&) {
-    // What there was no memory for is missing then.
+    // Members that could not be set are missing.
 }

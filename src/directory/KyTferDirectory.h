@@ -13,98 +13,91 @@ namespace ky_directory {
 class BlankSeparatedReader;
 }
 
-/// The managed device's directory listing: entries in the order in which they were added, and pages of them
-/// as copies or as JSON.
+/// The managed device's directory listing: a list of entries, and pages of it as copies or as JSON.
 ///
-/// A listing starts empty and only grows; nothing is sorted, merged or removed. There is no lock: one thread
-/// fills a listing, and once it is filled any number of threads may read it. Only ParseFile blocks, for the
-/// file it reads.
+/// A listing starts empty. Entries are appended, never sorted, merged or removed. There is no lock: one thread fills a
+/// listing; afterwards several threads may read it. Only ParseFile blocks, while it reads its file.
 ///
-/// No operation throws; each one tells what it does if memory runs out. Only copies of a listing throw: they
-/// throw std::bad_alloc.
+/// Operations do not throw; each comment says what happens if memory runs out. Copying a listing throws
+/// std::bad_alloc.
 class KYTFER_EXPORT KyTferDirectory {
 public:
     KyTferDirectory();
     virtual ~KyTferDirectory();
 
-    /// Reads a comma-separated listing file and adds its entries to those that are there already.
+    /// Reads a comma-separated listing file and appends its entries.
     ///
-    /// The first line starts with the listing's version, the second one holds column titles. Every other line
-    /// is an entry: file name, transfer name, type, size in bytes and date, each ended by a comma, a line
-    /// feed or a carriage return. A field that starts with a double quote may hold commas, and two quotes for
-    /// one; if that quote is not closed before the last character of the line, this field and the rest of the
-    /// line are dropped. Text behind the last comma or line end is no field. A line with fewer fields repeats
-    /// the values of the entry before it; further fields are ignored.
+    /// The first line starts with the version; the second has column titles. Every other line is an entry: file name,
+    /// transfer name, type, size in bytes and date. A comma, a line feed or a carriage return ends each field; text
+    /// after the last of these is ignored. A field that starts with a double quote may contain commas, and "" for one
+    /// quote. Without a closing quote before the last character of the line, that field and the rest of the line are
+    /// dropped. A missing field has the value of the previous entry; extra fields are ignored.
     ///
-    /// A size is a number from -2147483648 to 2147483647, whichever is nearest to what is written; a negative
-    /// one counts from 4294967296 down. A date with a "-" in it is local standard time without daylight
-    /// saving, as in 2024-03-15T08:30:00.250; any other is a number of seconds since 1970-01-01 UTC. Dates
-    /// before 1970 are stored as 0, those beyond the range of the time stamp as its largest value.
+    /// A size is clamped to the range of a signed 32-bit number; a negative size n is stored as 4294967296 + n. A date
+    /// with a "-" is local standard time without daylight saving, as in 2024-03-15T08:30:00.250. Another date is the
+    /// number of seconds since 1970-01-01 UTC. Dates are clamped to the range of the time stamp.
     ///
-    /// Lines are read as wide characters of the process's locale, of which the low 8 bits are kept, in pieces
-    /// of 1023 characters that count as lines of their own, each up to its first NUL. The file ends with the
-    /// first byte that the locale has no character for. It also ends, with an error in the log, where its
-    /// entries would take far more memory than the file itself, which needs hundreds of thousands of lines
-    /// that are all but empty.
+    /// Lines are read as wide characters of the process's locale; the low 8 bits of each are kept. A longer line is
+    /// read as several lines of 1023 characters. A NUL ends a line. A byte that is invalid in the locale ends the file.
+    /// Reading also ends, with an error in the log, if the entries take more than 64 MiB and 16 bytes for each
+    /// character read: only a file of very many nearly empty lines does that.
     ///
     /// @param fileName  path of the listing file
-    /// @return true if both header lines could be read, whatever the entries were; false with an error in the
-    ///         log otherwise, or if memory runs out for an entry. Entries that were added before a failure stay.
+    /// @return true if both header lines were read, whatever the entries are. False, with an error in the log, if not
+    ///         or if memory runs out. Entries that were added before stay.
     bool ParseFile(const std::string& fileName);
 
-    /// Adds one entry behind the others; the arguments are those of KyTferDirEntry. Without memory for it,
-    /// nothing is added and an error is logged.
+    /// Appends an entry. Takes the arguments of KyTferDirEntry's constructor. If memory runs out, logs an error and
+    /// adds nothing.
     void AddEntry(const std::string& path, const std::string& origFileName, const std::string& xferFileName,
                   const std::string& fileType, unsigned int fileSizeInBytes, unsigned long long dateTime);
 
-    /// Finds the first entry with this path and transfer file name, both compared byte for byte. Entries that
-    /// were read from a listing have an empty path.
+    /// Finds the first entry with this path and transfer name, both compared byte for byte.
     ///
-    /// @param path          directory on the device, as the entry has it
-    /// @param xferFileName  transfer file name, as the entry has it
-    /// @param entry         overwritten with a copy of what was found, untouched otherwise
-    /// @return whether there is such an entry; false also if memory runs out
+    /// @param path          the entry's path; empty for entries of a listing file
+    /// @param xferFileName  the entry's transfer name
+    /// @param entry         receives a copy of the entry; unchanged if the result is false
+    /// @return true if an entry was found; false also if memory runs out
     bool GetDirEntry(const std::string& path, const std::string& xferFileName, KyTferDirEntry& entry) const;
 
-    /// Copies of a page's entries. Takes as long as the page is, whatever the size of the listing.
+    /// Copies a page of entries. The time depends on the page, not on the listing.
     ///
-    /// @param skip  number of entries before the page; the page is empty if there are no more than that
-    /// @param take  most entries that the page may have; 0 gives an empty page
-    /// @return the entries in their order; none if memory runs out
+    /// @param skip  number of entries before the page
+    /// @param take  maximum number of entries in the page; 0 gives an empty page
+    /// @return the entries in order; none if memory runs out
     std::vector<KyTferDirEntry> GetEntryList(unsigned int skip, unsigned int take) const;
 
-    /// A page as a JSON document: several lines, sorted keys, no blank after a colon, no final line end. It
-    /// holds the arguments as they are, the number of all entries and the page's entries. Takes as long as
-    /// the page is.
+    /// A page as a JSON document: indented, keys sorted, no blank after a colon, no final line end. Contains the
+    /// arguments, the number of all entries and the page's entries. The time depends on the page, not on the listing.
     ///
-    /// @param context  anything; handed back in the document, unless it is not valid UTF-8
+    /// @param context  any text; returned in the document, omitted if it is not valid UTF-8
     /// @param skip     as for GetEntryList
     /// @param take     as for GetEntryList
-    /// @param filter   not applied; the document always says that there is none
-    /// @param status   of the transaction that brought the listing
-    /// @return the document; the empty string if memory runs out
+    /// @param filter   ignored; the document has an empty filter
+    /// @param status   of the transaction that fetched the listing
+    /// @return the document; empty if memory runs out
     std::string GetEntryListAsJSONString(const std::string& context, unsigned int skip, unsigned int take,
                                          const std::string& filter, KyTferStatusMsg::TferStatus status) const;
 
-    /// The same document for no listing at all: with 0 entries and none in the page.
+    /// The same document for an empty listing.
     static std::string GetEmptyList(const std::string& context, unsigned int skip, unsigned int take,
                                     const std::string& filter, KyTferStatusMsg::TferStatus status);
 
-    /// Sets the members of a listing document that describe its page, all but the files.
+    /// Sets all members of a listing document except its files. Members are missing if memory runs out.
     ///
-    /// @param doc         a JSON object, which stays the caller's
-    /// @param context     as for GetEntryListAsJSONString, like all but the next
+    /// @param doc         a JSON object; stays the caller's
+    /// @param context     as for GetEntryListAsJSONString
     /// @param skip        number of entries before the page
-    /// @param take        most entries of the page
+    /// @param take        maximum number of entries in the page
     /// @param totalFiles  number of entries in the listing
-    /// @param filter      not applied
-    /// @param status      of the transaction that brought the listing
+    /// @param filter      ignored
+    /// @param status      of the transaction that fetched the listing
     static void PutHeaderData(json_t* doc, const std::string& context, unsigned int skip, unsigned int take,
                               unsigned int totalFiles, const std::string& filter,
                               KyTferStatusMsg::TferStatus status);
 
 protected:
-    /// The number at the start of the file that ParseFile read last, its low 8 bits; 0 before.
+    /// Low 8 bits of the version in the file that ParseFile read last; 0 before.
     unsigned char m_version;
 
 private:
