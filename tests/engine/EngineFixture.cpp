@@ -2,13 +2,13 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <map>
 #include <thread>
 
 void EngineTest::SetUp() {
     fs::remove_all("/var/tmp/dmp");
     fs::create_directories("/var/tmp/dmp");
-    m_builder.Journal(true);
 }
 
 void EngineTest::TearDown() {
@@ -39,6 +39,7 @@ void EngineTest::Build() {
     fs::remove_all("/var/local/tal");
     device = m_builder.Build();
     ASSERT_TRUE(device);
+    proxy.emplace(*device);
     engine = std::make_unique<KyTferClient>();
     m_threadsWithoutEngine = ThreadCount();
     device->SetListener([this](const KyValChgInfo& change) { engine->DataChange(change); });
@@ -50,16 +51,9 @@ void EngineTest::Start(size_t size) {
         bytes[i] = static_cast<char>((i * 2654435761U) >> 13);
     WriteFile(files / "f", bytes);
     Build();
-    ASSERT_EQ(engine->Init(3, device.get()), 0);
+    ASSERT_EQ(engine->Init(3, &*proxy), 0);
     ASSERT_TRUE(device->WaitIdle(10000));
-    device->ClearCalls();
-}
-
-Status EngineTest::Request(const std::string& name, int size) {
-    const int watching = log->Count(5, ") Diff(180)");
-    Status accepted = engine->GetFileFromDevRequest(name, size);
-    EXPECT_TRUE(WaitUntil([&] { return log->Count(5, ") Diff(180)") > watching; }));
-    return accepted;
+    proxy->Clear();
 }
 
 bool EngineTest::WaitForThreads(int count) const {
@@ -75,14 +69,9 @@ bool EngineTest::WaitForOutcome(const std::string& outcome) {
 }
 
 Strings EngineTest::Written() const {
-    Strings written;
-    for (const SimCall& call : device->Calls()) {
-        const bool number = call.operation == SimCallKind::SET_UINT32;
-        if (number || call.operation == SimCallKind::SET_STRING)
-            written.push_back(std::to_string(call.pointId) + "=" + call.value);
-        if (call.operation == SimCallKind::GET_FILE) written.push_back("get " + call.value);
-        if (call.operation == SimCallKind::PUT_FILE) written.push_back("put " + call.value);
-    }
+    Strings written = proxy->Calls();
+    const auto isRead = [](const std::string& call) { return call.find_first_of("= ") == std::string::npos; };
+    written.erase(std::remove_if(written.begin(), written.end(), isRead), written.end());
     return written;
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "engine/KyTferClient.h"
+#include "engine/RecordingProxy.h"
 #include "simdevice/SimDevice.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
@@ -23,7 +24,7 @@ using namespace std::chrono_literals;
 using Status = KyTferStatusMsg;
 using Strings = std::vector<std::string>;
 
-/// An engine and the simulated device it talks to, in a sandbox whose card directories are empty at first.
+/// An engine that talks to a simulated device through a recording proxy. The card's directories are empty at first.
 class EngineTest : public ::testing::Test {
 protected:
     static constexpr char kLanding[] = "/var/local/tal/pldserver/3/";
@@ -39,16 +40,12 @@ protected:
     /// The device's description, for a test to change before Build.
     SimDevice::Builder& Device() { return m_builder; }
 
-    /// Makes device and engine, in the place of those before, with an empty log and fresh transfer
-    /// directories. Changes of points reach the engine from here on.
+    /// Replaces device and engine by new ones, with an empty log and fresh transfer directories. Changes of points
+    /// reach the engine from here on.
     void Build();
 
-    /// Build, with a file "f" of that size on the device, and Init of the engine, which must succeed; the
-    /// journal is empty afterwards.
+    /// Builds with a file "f" of that size on the device, and initialises the engine. No call is recorded after it.
     void Start(size_t size = 1000);
-
-    /// Requests a fetch and waits until its monitor has taken the time.
-    Status Request(const std::string& name, int size);
 
     /// Waits until no thread of the engine runs and the device has nothing left to report.
     bool WaitUntilQuiet() { return WaitForThreads(0) && device->WaitIdle(10000); }
@@ -64,11 +61,11 @@ protected:
 
     Status Record() { return engine->GetStatus(""); }
 
-    /// What the card wrote to the points since Start, as "point=value" in order, file calls as "get name".
+    /// The recorded calls but for reads.
     Strings Written() const;
 
-    /// Waits until a request's own two writes and so many more are Written, and for the worker.
-    /// @return those that follow the first two
+    /// Waits for a request's own two writes, so many more, and the end of the worker.
+    /// @return what follows the first two
     Strings WrittenAfterRequest(size_t count);
 
     /// The lines of level 3 since Build.
@@ -78,6 +75,7 @@ protected:
     std::string bytes;  ///< of the file "f"
     std::optional<LogCapture> log{std::in_place};
     std::unique_ptr<SimDevice> device;
+    std::optional<RecordingProxy> proxy;
     std::unique_ptr<KyTferClient> engine;
 
 private:

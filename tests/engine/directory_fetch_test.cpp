@@ -4,12 +4,21 @@
 
 namespace {
 
-const char kRequested[] = "in progress: Directory listing has been requested";
 const char kTimedOutListing[] = "failed: File transfer Failed - timedout";
 
 class DirectoryFetch : public EngineTest {
 protected:
-    Status List() { return engine->GetDirectoryFromDevRequest(); }
+    Status List() {
+        const Status accepted = engine->GetDirectoryFromDevRequest();
+        EXPECT_EQ(Outcome(accepted), "in progress: Directory listing has been requested");
+        EXPECT_EQ(accepted.GetBytesTransfered(), 0U) << "nothing of the transaction before";
+        return accepted;
+    }
+
+    void FetchF() {
+        EXPECT_EQ(engine->GetFileFromDevRequest("f", 1000).GetStatus(), Status::TFER_STATUS_INPROGRESS);
+        EXPECT_TRUE(WaitForOutcome(Fetched("f")) && WaitUntilQuiet());
+    }
 };
 
 TEST_F(DirectoryFetch, Endings) {
@@ -18,30 +27,26 @@ TEST_F(DirectoryFetch, Endings) {
     const struct {
         const char* name;
         SimFault fault;
-        bool ended;  ///< without waiting for the limit
+        bool waits;  ///< for the limit
         Strings written;
     } rows[] = {
-        {"whole", {}, true, kSuccess},
-        {"late", Fault([](SimFault& f) { f.delayMs = 5000; }), true, kSuccess},
-        {"silent", Fault([](SimFault& f) { f.answer = SimAnswer::SILENT; }), false, {}},
-        {"NONE", Fault([](SimFault& f) { f.answer = SimAnswer::NONE_VALUE; }), true, {}},
-        {"before the request returns", Fault([](SimFault& f) { f.answerBeforeReturn = true; }), true,
-         kSuccess},
-        {"wrong size announced", Fault([](SimFault& f) { f.announceSizeDelta = 7; }), false, kError},
-        {"no file", Fault([](SimFault& f) { f.noFile = true; }), false, {"get listing.txt", "8604=0"}},
+        {"whole", {}, false, kSuccess},
+        {"silent", Fault([](SimFault& f) { f.answer = SimAnswer::SILENT; }), true, {}},
+        {"NONE", Fault([](SimFault& f) { f.answer = SimAnswer::NONE_VALUE; }), false, {}},
+        {"wrong size announced", Fault([](SimFault& f) { f.announceSizeDelta = 7; }), true, kError},
+        {"no file", Fault([](SimFault& f) { f.noFile = true; }), true, {"get listing.txt", "8604=0"}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         Start();
         device->SetFault(SimOperation::DIRECTORY, row.fault);
         const Status accepted = List();
-        EXPECT_EQ(Outcome(accepted), kRequested);
         EXPECT_EQ(accepted.GetOrigFileName(), "DIRREQ");
         EXPECT_EQ(accepted.GetXferFullFilePath(), std::string(kLanding) + "DIRREQ");
         EXPECT_EQ(accepted.GetReqType(), Status::TFER_REQ_DIRECTORY);
         ASSERT_TRUE(WaitUntil([&] { return log->Count(5, ") Diff(60)") == 1; })) << "the monitor's time";
         EXPECT_EQ(WrittenAfterRequest(row.written.size()), row.written);
-        if (!row.ended) {
+        if (row.waits) {
             ASSERT_TRUE(WaitForThreads(1)) << "the monitor waits for its limit";
             SteppedTime::Advance(61s);
         }
@@ -54,23 +59,56 @@ TEST_F(DirectoryFetch, Endings) {
     }
 }
 
-TEST_F(DirectoryFetch, RefusalsAndOneWithoutAMonitor) {
+/// A file of the expected size may lie there before the device has named the listing, and an empty one before the
+/// device has announced the size.
+TEST_F(DirectoryFetch, OldFileIsNotTheListing) {
     Start();
-    device->FailPoint(SimAccess::WRITE, 8602, -5);
+    FetchF();
+    device->SetFault(SimOperation::DIRECTORY, Fault([](SimFault& f) {
+                         f.announceSize = false;
+                         f.stuck = true;
+                         f.delayMs = 1000;
+                     }));
+    WriteFile(std::string(kLanding) + "DIRREQ", bytes);
+    WriteFile(std::string(kLanding) + "listing.txt", "");
+    device->PauseDelivery();
+    List();
+    EXPECT_TRUE(WaitForOutcome(kNothingYet));
+    device->ResumeDelivery();
+    EXPECT_TRUE(WaitUntil([&] { return Written().back() == "get listing.txt"; }));
+    EXPECT_TRUE(WaitForOutcome(kNothingYet));
+    EXPECT_TRUE(WaitForThreads(2)) << "monitor and worker go on";
+}
+
+TEST_F(DirectoryFetch, RefusedListingLeavesTheRecordAndTheNextRequests) {
+    Start();
+    FetchF();
+    proxy->Fail("8602=DIRREQ", -5);
     const Status refused = engine->GetDirectoryFromDevRequest();
     EXPECT_EQ(Outcome(refused), "failed: Failed to send directory request to server. Status=-5");
     EXPECT_EQ(refused.GetReqType(), Status::TFER_REQ_DIRECTORY);
+    EXPECT_EQ(Outcome(Record()), Fetched("f"));
     EXPECT_EQ(Record().GetReqType(), Status::TFER_REQ_NONE);
-    EXPECT_EQ(Outcome(Record()), "none: ");
-    device->ClearFaults();
+    proxy->Clear();
+    device->ChangeString(8602, "READY");
+    EXPECT_TRUE(device->WaitIdle(10000));
+    EXPECT_EQ(log->Texts("DataChange").back(), "Current req type is 0");
+    FetchF();
+    proxy->OnCall({});
+    List();
+    EXPECT_TRUE(WaitForOutcome(Fetched("listing.txt")));
+}
+
+TEST_F(DirectoryFetch, NeedsNoMonitorAndNoOtherTransaction) {
+    Start();
     systemfaults::FailNextThread(11);
     List();
     ASSERT_TRUE(WaitForOutcome(Fetched("listing.txt")) && WaitUntilQuiet());
     EXPECT_EQ(Errors().back(), "Error creating directory monitor thread.  error=11");
     engine->GetFileFromDevRequest("missing", 5);
-    device->ClearCalls();
+    proxy->Clear();
     EXPECT_EQ(Outcome(engine->GetDirectoryFromDevRequest()), kInProgress);
-    EXPECT_TRUE(Written().empty());
+    EXPECT_EQ(Written(), Strings{});
 }
 
 /// The leak check tells whether each listing is freed, also one that the map does not take.
@@ -82,7 +120,7 @@ TEST_F(DirectoryFetch, ListingsFromAnyFile) {
         client.CreateDirectoryFromFile(files / name);
     EXPECT_EQ(log->Count(3, ""), 0);
     EXPECT_EQ(log->Count(7, " a b c 1 ..."), 2);
-    // Four so far. Of seventeen, the one goes that was asked for longest ago.
+    // Four so far. The seventeenth replaces the one that was read longest ago.
     for (int i = 5; i <= 16; ++i)
         client.CreateDirectoryFromFile(std::to_string(i));
     client.CreateDirectoryFromFile(files / "good");

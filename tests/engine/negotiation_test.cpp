@@ -18,7 +18,7 @@ using Negotiation = EngineTest;
 TEST_F(Negotiation, WritesTheCardsSideInOrder) {
     WriteFile(kDmpSupported, "");
     Build();
-    ASSERT_EQ(engine->Init(3, device.get()), 0);
+    ASSERT_EQ(engine->Init(3, &*proxy), 0);
     EXPECT_EQ(Written(), (Strings{"8598=1", "8599=1", "8601=307200", "8604=0", "8602=", "8602=NONE"}));
     std::string request;
     EXPECT_EQ(engine->MaiStringGet(request, 8602), 0);
@@ -27,40 +27,32 @@ TEST_F(Negotiation, WritesTheCardsSideInOrder) {
     EXPECT_FALSE(fs::exists(kDmpSupported));
     EXPECT_EQ(KyTferClient::GetHmiDownloadDirectory(), kDownload);
     EXPECT_EQ(KyTferClient::GetCardReceiveFileDirectory(), kLanding);
-    for (const SimCall& call : device->Calls()) {
-        EXPECT_EQ(call.device, 3);
-        const bool number = call.operation == SimCallKind::SET_UINT32;
-        EXPECT_TRUE(!number || (call.timeout == 5000 && call.mmIdx == 2));
-        EXPECT_TRUE(call.operation != SimCallKind::SET_STRING || call.timeout == 1000);
-    }
     for (const std::string directory : {kDownload, "/var/local/tal/pldserver/3/3/"})
         EXPECT_EQ(fs::status(directory).permissions(), fs::perms(0777)) << directory;
 }
 
 TEST_F(Negotiation, OneStepFails) {
     const struct {
-        SimAccess access;
-        unsigned short point;
-        int skip, times;
+        const char* call;  ///< that fails
         int result;
         bool supported;
         Strings logged;
     } rows[] = {
-        {SimAccess::READ, 8597, 0, -1, 0, false, {"Could not get server max version. status(7)"}},
-        {SimAccess::READ, 8600, 0, -1, 0, true, {"Could not get server max file size. status(7)"}},
-        {SimAccess::WRITE, 8598, 0, -1, 0, true, {"Could not set client min version. status(7)"}},
-        {SimAccess::WRITE, 8599, 0, -1, 0, true, {"Could not set client max version. status(7)"}},
-        {SimAccess::WRITE, 8601, 0, -1, 0, true, {"Could not set client max file size. status(7)"}},
-        {SimAccess::WRITE, 8604, 0, -1, 7, true, {"Could not set client max file size. status(7)"}},
+        {"8597", 0, false, {"Could not get server max version. status(7)"}},
+        {"8600", 0, true, {"Could not get server max file size. status(7)"}},
+        {"8598*", 0, true, {"Could not set client min version. status(7)"}},
+        {"8599*", 0, true, {"Could not set client max version. status(7)"}},
+        {"8601*", 0, true, {"Could not set client max file size. status(7)"}},
+        {"8604*", 7, true, {"Could not set client max file size. status(7)"}},
         // Of a string's two writes the second decides.
-        {SimAccess::WRITE, 8602, 0, 1, 0, true, {}},
-        {SimAccess::WRITE, 8602, 1, 1, 0, true, {kStringNotSet}},
+        {"8602=", 0, true, {}},
+        {"8602=NONE", 0, true, {kStringNotSet}},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(std::to_string(row.point) + " after " + std::to_string(row.skip));
+        SCOPED_TRACE(row.call);
         Build();
-        device->FailPoint(row.access, row.point, 7, row.times, row.skip);
-        EXPECT_EQ(engine->Init(3, device.get()), row.result);
+        proxy->Fail(row.call, 7);
+        EXPECT_EQ(engine->Init(3, &*proxy), row.result);
         EXPECT_EQ(engine->IsTferProtocolSupported(), row.supported);
         EXPECT_EQ(Errors(), row.logged);
     }
@@ -70,17 +62,18 @@ TEST_F(Negotiation, UsbProbe) {
     const struct {
         const char* name;
         unsigned int dmp, speed;
-        unsigned short failing;
+        const char* failing;  ///< read; null for none
         int result;
         bool dmpFile, fsFile;
         const char* logged;
     } rows[] = {
-        {"full speed", 1, 2, 0, 0, true, true, "Full Speed (12 Mbit/s) or lower."},
-        {"high speed", 1, 3, 0, 0, true, false, "High Speed (480 Mbit/s) or greater."},
-        {"not supported", 0, 3, 0, 0, false, true, "Server explicitly indicates DMP is NOT supported."},
-        {"odd flag", 2, 3, 0, 0, false, true, "Server explicitly indicates DMP is NOT supported."},
-        {"no flag", 1, 3, 8631, 7, false, true, "DMP support flag (status=7). USB transport not supported."},
-        {"no speed", 1, 3, 8632, 7, false, true, "Max USB Speed (status=7). USB transport not supported."},
+        {"full speed", 1, 2, nullptr, 0, true, true, "Full Speed (12 Mbit/s) or lower."},
+        {"high speed", 1, 3, nullptr, 0, true, false, "High Speed (480 Mbit/s) or greater."},
+        {"not supported", 0, 3, nullptr, 0, false, true, "Server explicitly indicates DMP is NOT supported."},
+        {"odd flag", 2, 3, nullptr, 0, false, true, "Server explicitly indicates DMP is NOT supported."},
+        {"no flag", 1, 3, "8631", 7, false, true,
+         "DMP support flag (status=7). USB transport not supported."},
+        {"no speed", 1, 3, "8632", 7, false, true, "Max USB Speed (status=7). USB transport not supported."},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -88,8 +81,8 @@ TEST_F(Negotiation, UsbProbe) {
         if (row.speed > 2) WriteFile(kUsbForceFs, "");
         Device().Transport(SimDevice::USB_ONLY).Dmp(row.dmp, row.speed);
         Build();
-        if (row.failing != 0) device->FailPoint(SimAccess::READ, row.failing, 7);
-        EXPECT_EQ(engine->Init(3, device.get()), row.result);
+        if (row.failing) proxy->Fail(row.failing, 7);
+        EXPECT_EQ(engine->Init(3, &*proxy), row.result);
         EXPECT_EQ(fs::exists(kDmpSupported), row.dmpFile);
         EXPECT_EQ(fs::exists(kUsbForceFs), row.fsFile);
         EXPECT_EQ(log->Count(5, row.logged), 1);
@@ -118,10 +111,8 @@ TEST_F(Negotiation, FlagFileFailuresAreLoggedAndNothingElse) {
 }
 
 TEST_F(Negotiation, NoProxyRunsThroughAndFails) {
-    systemfaults::FailNextMutex(12, 1);
     KyTferClient client;
     EXPECT_NE(client.Init(3, nullptr), 0);
-    EXPECT_EQ(log->Count(3, "error initializing request mutex. error=12"), 1);
     EXPECT_EQ(SteppedTime::TotalSlept(), 0s);
     WriteFile(files / "up", "kept");
     EXPECT_EQ(Outcome(client.GetFileFromDevRequest("f", 1)), kNotInitialized);
@@ -135,27 +126,25 @@ TEST_F(Negotiation, NoProxyRunsThroughAndFails) {
     EXPECT_EQ(Outcome(client.GetStatus("")), "none: ");
 }
 
-TEST_F(Negotiation, SearchGoesOnAfterAMismatchOnTheFourthReadAndAfterAThrowingProxy) {
+TEST_F(Negotiation, SearchGoesOnAfterAMismatchAndAfterAnException) {
     Build();
     const std::string address = device->GetString(6459);
-    device->SlowPoint(SimAccess::READ, 6459, 1);
-    std::vector<int> indexes;
-    SteppedTime::OnSleep([&] {
-        const std::vector<SimCall> calls = device->Calls();
-        const auto reads = std::count_if(calls.begin(), calls.end(), [](const SimCall& call) {
-            return call.operation == SimCallKind::GET_STRING;
-        });
-        if (reads == static_cast<long>(indexes.size())) return;  // the engine's own pause
-        indexes.push_back(calls.back().mmIdx);
-        if (reads == 5) device->ChangeString(6459, "x");  // index 2, fourth read
+    int reads = 0;
+    proxy->OnCall([&](const std::string& call) {
+        if (call.compare(0, 5, "6459/") != 0) return 0;
+        ++reads;
+        if (reads == 5) device->ChangeString(6459, "x");  // module 2, fourth read
         if (reads == 6) device->ChangeString(6459, address);
-        if (reads == 7) throw 7;  // index 1 of the next pass; the device would catch a std::exception
+        if (reads == 7) throw 7;  // module 1 of the next pass
+        return 0;
     });
-    EXPECT_EQ(engine->Init(3, device.get()), 0);
-    SteppedTime::OnSleep({});
-    EXPECT_EQ(indexes, (std::vector<int>{1, 2, 2, 2, 2, 3, 1, 2, 2, 2, 2}));
+    EXPECT_EQ(engine->Init(3, &*proxy), 0);
+    Strings calls = proxy->Calls();
+    calls.resize(11);
+    EXPECT_EQ(calls, (Strings{"6459/1", "6459/2", "6459/2", "6459/2", "6459/2", "6459/3", "6459/1", "6459/2",
+                              "6459/2", "6459/2", "6459/2"}));
     EXPECT_EQ(Errors(), Strings{"The device proxy has thrown an exception: unknown"});
-    EXPECT_EQ(SteppedTime::TotalSlept(), 6s + 2s + 8s + 11ms);
+    EXPECT_EQ(SteppedTime::TotalSlept(), 6s + 2s + 6s + 2s);
 }
 
 TEST_F(Negotiation, StopEndsASearchThatNeverMatchesAndReturnsAfterInit) {
@@ -164,15 +153,15 @@ TEST_F(Negotiation, StopEndsASearchThatNeverMatchesAndReturnsAfterInit) {
         SteppedTime::Reset();
         Device().Modules(modules, 0);
         Build();
-        std::thread init([this] { engine->Init(3, device.get()); });
+        std::thread init([this] { engine->Init(3, &*proxy); });
         EXPECT_TRUE(WaitUntil([] { return SteppedTime::TotalSlept() > 5s; }));
         engine->Stop();
-        const size_t calls = device->Calls().size();
+        const size_t calls = proxy->Calls().size();
         EXPECT_EQ(log->Count(5, "that we will use: 0"), 1) << "Init has come to its end";
         init.join();
         EXPECT_EQ(device->GetString(8602), "NONE") << "negotiated without an index";
         EXPECT_EQ(Outcome(engine->GetFileFromDevRequest("f", 1)), kNotInitialized);
-        EXPECT_EQ(device->Calls().size(), calls);
+        EXPECT_EQ(proxy->Calls().size(), calls);
     }
 }
 

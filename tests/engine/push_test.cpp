@@ -27,19 +27,17 @@ protected:
 
 TEST_F(Push, WholeConversation) {
     Start();
-    Strings beforeSleep;
     SteppedTime::Reset();
-    SteppedTime::OnSleep([&] { beforeSleep = Written(); });
+    std::vector<std::chrono::microseconds> slept;
+    proxy->OnCall([&](const std::string&) { return slept.push_back(SteppedTime::TotalSlept()), 0; });
     const Status accepted = Put();
-    SteppedTime::OnSleep({});
-    EXPECT_EQ(SteppedTime::TotalSlept(), 1s);
-    EXPECT_EQ(beforeSleep, Strings{"8604=1000"}) << "the name comes a second after the size";
     const std::string& name = accepted.GetXferFileName();
     EXPECT_TRUE(name.substr(0, 6) == "3-0000" && name.size() == 7) << name;
     EXPECT_EQ(Outcome(accepted), kAccepted);
     EXPECT_EQ(accepted.GetBytesRequested(), bytes.size());
     EXPECT_EQ(accepted.GetReqType(), Status::TFER_REQ_NONE);
     ASSERT_TRUE(WaitUntilQuiet());
+    EXPECT_EQ(slept, (std::vector<std::chrono::microseconds>{0s, 1s, 1s, 1s}));
     EXPECT_EQ(Written(), (Strings{"8604=1000", "8603=", "8603=" + name,
                                   "put /var/local/tal/pldserver/ fw.bin " + name}));
     EXPECT_EQ(Outcome(Record()), "complete: File Transfer Complete");
@@ -48,37 +46,38 @@ TEST_F(Push, WholeConversation) {
     EXPECT_FALSE(fs::exists(kSource));
 }
 
-/// Each step fails in turn: what the record says, what becomes of the file, how far the conversation came.
-/// Numbers are used one after the other, and only with a name that is written.
+/// Each step fails in turn. Transfer numbers follow each other, and only a written name uses one.
 TEST_F(Push, Failures) {
     static const SimFault kRefusal = Fault([](SimFault& f) { f.refuse = true; });
     const struct {
         const char* name;
-        void (*arrange)(SimDevice& device);
+        void (*arrange)(SimDevice& device, RecordingProxy& proxy);
         const char* outcome;  ///< of the request
         const char* ended;    ///< of the record in the end
         size_t calls;
         bool staged;
         const char* logged;
     } rows[] = {
-        {"move", [](SimDevice&) { systemfaults::FailRename(18, 1); }, kNotMoved, kNotMoved, 0, false,
-         kNotRenamed},
-        {"a directory", [](SimDevice&) { fs::remove(kSource), fs::create_directory(kSource); }, kNoSize,
+        {"move", [](SimDevice&, RecordingProxy&) { systemfaults::FailRename(18, 1); }, kNotMoved, kNotMoved,
+         0, false, kNotRenamed},
+        {"a directory",
+         [](SimDevice&, RecordingProxy&) { fs::remove(kSource), fs::create_directory(kSource); }, kNoSize,
          kNoSize, 0, true, "Failed to get size for file(/var/local/tal/pldserver/fw.bin)"},
-        {"size write", [](SimDevice& sim) { sim.FailPoint(SimAccess::WRITE, 8604, 7); }, kFailed, kFailed, 3,
+        {"size write", [](SimDevice&, RecordingProxy& calls) { calls.Fail("8604*", 7); }, kFailed, kFailed, 3,
          false, "to managed device s1(7) s2(0)"},
-        {"name write", [](SimDevice& sim) { sim.FailPoint(SimAccess::WRITE, 8603, 8); }, kFailed, kFailed, 3,
+        {"name write", [](SimDevice&, RecordingProxy& calls) { calls.Fail("8603*", 8); }, kFailed, kFailed, 3,
          false, "to managed device s1(0) s2(8)"},
-        {"device refuses", [](SimDevice& sim) { sim.SetFault(SimOperation::PUSH, kRefusal); }, kAccepted,
+        {"device refuses",
+         [](SimDevice& sim, RecordingProxy&) { sim.SetFault(SimOperation::PUSH, kRefusal); }, kAccepted,
          kFailed, 4, true, "PLD Transfer of orig file(fw.bin) as xfer file(3-"},
-        {"worker's thread", [](SimDevice&) { systemfaults::FailNextThread(11, 1); }, kAccepted, kFailed, 3,
-         true, "Could not start thread(t-putDevFileWorker) error(11)"},
+        {"worker's thread", [](SimDevice&, RecordingProxy&) { systemfaults::FailNextThread(11, 1); },
+         kAccepted, kFailed, 3, true, "Could not start thread(t-putDevFileWorker) error(11)"},
     };
     int last = 0;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         Start();
-        row.arrange(*device);
+        row.arrange(*device, *proxy);
         EXPECT_EQ(Outcome(Put()), row.outcome);
         ASSERT_TRUE(WaitUntilQuiet());
         EXPECT_EQ(Outcome(Record()), row.ended);
