@@ -1,10 +1,7 @@
 #include "engine/EngineFixture.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <map>
-#include <thread>
 
 void EngineTest::SetUp() {
     fs::remove_all("/var/tmp/dmp");
@@ -17,31 +14,15 @@ void EngineTest::TearDown() {
     engine.reset();
 }
 
-namespace {
-
-/// Threads of a test that has no device yet. A sanitizer's own comes with the first thread that is made, and the
-/// kernel counts a joined thread for a moment longer.
-int BareThreads() {
-    std::thread([] {}).join();
-    const timespec moment{0, 50'000'000};
-    nanosleep(&moment, nullptr);
-    return ThreadCount();
-}
-
-}  // namespace
-
 void EngineTest::Build() {
-    static const int s_bareThreads = BareThreads();
     TearDown();
     device.reset();
-    ASSERT_TRUE(WaitUntil([] { return ThreadCount() == s_bareThreads; }));
     log.emplace();
     fs::remove_all("/var/local/tal");
     device = m_builder.Build();
     ASSERT_TRUE(device);
     proxy.emplace(*device);
     engine = std::make_unique<KyTferClient>();
-    m_threadsWithoutEngine = ThreadCount();
     device->SetListener([this](const KyValChgInfo& change) { engine->DataChange(change); });
 }
 
@@ -56,16 +37,12 @@ void EngineTest::Start(size_t size) {
     proxy->Clear();
 }
 
-bool EngineTest::WaitForThreads(int count) const {
-    return WaitUntil([&] { return ThreadCount() == m_threadsWithoutEngine + count; });
-}
-
 bool EngineTest::WaitForWorker() {
     return WaitUntil([this] { return !engine->WorkerRunning(); }) && device->WaitIdle(10000);
 }
 
 bool EngineTest::WaitForOutcome(const std::string& outcome) {
-    return WaitUntil([&] { return Outcome(Record()) == outcome; });
+    return WaitUntil([&] { return Outcome(Record()) == outcome; }) && WaitForWorker();
 }
 
 Strings EngineTest::Written() const {

@@ -47,16 +47,10 @@ protected:
     /// Builds with a file "f" of that size on the device, and initialises the engine. No call is recorded after it.
     void Start(size_t size = 1000);
 
-    /// Waits until no thread of the engine runs and the device has nothing left to report.
-    bool WaitUntilQuiet() { return WaitForThreads(0) && device->WaitIdle(10000); }
-
-    /// Waits until that many threads of the engine run.
-    bool WaitForThreads(int count) const;
-
     /// Waits until no worker runs and the device has nothing left to report.
     bool WaitForWorker();
 
-    /// Waits until the record's Outcome is that one.
+    /// Waits until the record's Outcome is that one, and then as WaitForWorker.
     bool WaitForOutcome(const std::string& outcome);
 
     Status Record() { return engine->GetStatus(""); }
@@ -80,7 +74,6 @@ protected:
 
 private:
     SimDevice::Builder m_builder{files.Path()};
-    int m_threadsWithoutEngine = 0;
 };
 
 /// "complete: text" and so on, for comparing a record in one go.

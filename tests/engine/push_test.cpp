@@ -36,11 +36,10 @@ TEST_F(Push, WholeConversation) {
     EXPECT_EQ(Outcome(accepted), kAccepted);
     EXPECT_EQ(accepted.GetBytesRequested(), bytes.size());
     EXPECT_EQ(accepted.GetReqType(), Status::TFER_REQ_NONE);
-    ASSERT_TRUE(WaitUntilQuiet());
+    ASSERT_TRUE(WaitForOutcome("complete: File Transfer Complete"));
     EXPECT_EQ(slept, (std::vector<std::chrono::microseconds>{0s, 1s, 1s, 1s}));
     EXPECT_EQ(Written(), (Strings{"8604=1000", "8603=", "8603=" + name,
                                   "put /var/local/tal/pldserver/ fw.bin " + name}));
-    EXPECT_EQ(Outcome(Record()), "complete: File Transfer Complete");
     EXPECT_EQ(ReadFile(files / name), bytes);
     EXPECT_EQ(ReadFile(kStaged), bytes) << "the staged file stays";
     EXPECT_FALSE(fs::exists(kSource));
@@ -48,48 +47,50 @@ TEST_F(Push, WholeConversation) {
 
 /// Each step fails in turn. Transfer numbers follow each other, and only a written name uses one.
 TEST_F(Push, Failures) {
-    static const SimFault kRefusal = Fault([](SimFault& f) { f.refuse = true; });
     const struct {
-        const char* name;
-        void (*arrange)(SimDevice& device, RecordingProxy& proxy);
+        const char* step;     ///< a call of the proxy, or another
         const char* outcome;  ///< of the request
-        const char* ended;    ///< of the record in the end
+        const char* ended;    ///< of the record
         size_t calls;
         bool staged;
         const char* logged;
     } rows[] = {
-        {"move", [](SimDevice&, RecordingProxy&) { systemfaults::FailRename(18, 1); }, kNotMoved, kNotMoved,
-         0, false, kNotRenamed},
-        {"a directory",
-         [](SimDevice&, RecordingProxy&) { fs::remove(kSource), fs::create_directory(kSource); }, kNoSize,
-         kNoSize, 0, true, "Failed to get size for file(/var/local/tal/pldserver/fw.bin)"},
-        {"size write", [](SimDevice&, RecordingProxy& calls) { calls.Fail("8604*", 7); }, kFailed, kFailed, 3,
-         false, "to managed device s1(7) s2(0)"},
-        {"name write", [](SimDevice&, RecordingProxy& calls) { calls.Fail("8603*", 8); }, kFailed, kFailed, 3,
-         false, "to managed device s1(0) s2(8)"},
-        {"device refuses",
-         [](SimDevice& sim, RecordingProxy&) { sim.SetFault(SimOperation::PUSH, kRefusal); }, kAccepted,
-         kFailed, 4, true, "PLD Transfer of orig file(fw.bin) as xfer file(3-"},
-        {"worker's thread", [](SimDevice&, RecordingProxy&) { systemfaults::FailNextThread(11, 1); },
-         kAccepted, kFailed, 3, true, "Could not start thread(t-putDevFileWorker) error(11)"},
+        {"move", kNotMoved, kNotMoved, 0, false, kNotRenamed},
+        {"measure", kNoSize, kNoSize, 0, true, kNoSize + 8},
+        {"8604*", kFailed, kFailed, 3, false, "to managed device s1(7) s2(0)"},
+        {"8603*", kFailed, kFailed, 3, false, "to managed device s1(0) s2(7)"},
+        {"put*", kAccepted, kFailed, 4, true, "PLD Transfer of orig file(fw.bin) as xfer file(3-"},
+        {"thread", kAccepted, kFailed, 3, true, "Could not start thread(t-putDevFileWorker) error(11)"},
     };
     int last = 0;
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
+        SCOPED_TRACE(row.step);
         Start();
-        row.arrange(*device, *proxy);
+        proxy->Fail(row.step, 7);
+        if (row.outcome == kNotMoved) systemfaults::FailRename(18, 1);
+        if (row.outcome == kNoSize) fs::remove(kSource), fs::create_directory(kSource);
+        if (row.step == std::string("thread")) systemfaults::FailNextThread(11, 1);
         EXPECT_EQ(Outcome(Put()), row.outcome);
-        ASSERT_TRUE(WaitUntilQuiet());
-        EXPECT_EQ(Outcome(Record()), row.ended);
+        EXPECT_TRUE(WaitForOutcome(row.ended)) << Outcome(Record());
         EXPECT_EQ(fs::exists(kStaged), row.staged);
         EXPECT_FALSE(fs::exists(kSource)) << "consumed";
         EXPECT_EQ(Written().size(), row.calls);
-        EXPECT_TRUE(row.logged[0] == '\0' || log->Count(3, row.logged) == 1);
+        EXPECT_EQ(log->Count(3, row.logged), 1);
         if (row.calls == 0) continue;
         const int number = std::stoi(Record().GetXferFileName().substr(2));
         EXPECT_TRUE(last == 0 || number == last + 1) << number;
         last = number;
     }
+}
+
+/// The size is announced as the largest one that the point can hold.
+TEST_F(Push, FileOfMoreThan4GiB) {
+    Start();
+    fs::resize_file(kSource, 4294967296 + 5);
+    proxy->Fail("put*", 1);
+    EXPECT_EQ(Put().GetBytesRequested(), 4294967295U);
+    EXPECT_EQ(Written().front(), "8604=4294967295");
+    EXPECT_TRUE(WaitForOutcome(kFailed));
 }
 
 TEST_F(Push, MonitorHoldsTheRecordUpToItsLimit) {
