@@ -56,7 +56,7 @@ TEST_F(Fetch, Endings) {
         fault.sizeDelta = -row.missing;
         device->SetFault(SimOperation::FETCH, fault);
         proxy->Fail(row.fails, 7);
-        if (row.logged == notMoved) systemfaults::FailRename(18, 1);
+        if (row.logged == notMoved) systemfaults::FailNextRename(18);
         const Status accepted = Request("f", static_cast<int>(row.size));
         EXPECT_EQ(Outcome(accepted), "in progress: ");
         EXPECT_EQ(accepted.GetReqType(), Status::TFER_REQ_GET_FILE);

@@ -67,9 +67,9 @@ TEST_F(Push, Failures) {
         SCOPED_TRACE(row.step);
         Start();
         proxy->Fail(row.step, 7);
-        if (row.outcome == kNotMoved) systemfaults::FailRename(18, 1);
+        if (row.outcome == kNotMoved) systemfaults::FailNextRename(18);
         if (row.outcome == kNoSize) fs::remove(kSource), fs::create_directory(kSource);
-        if (row.step == std::string("thread")) systemfaults::FailNextThread(11, 1);
+        if (row.step == std::string("thread")) systemfaults::FailNextThread(11);
         EXPECT_EQ(Outcome(Put()), row.outcome);
         EXPECT_TRUE(WaitForOutcome(row.ended)) << Outcome(Record());
         EXPECT_EQ(fs::exists(kStaged), row.staged);

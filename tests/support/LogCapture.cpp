@@ -13,10 +13,11 @@ LogCapture::~LogCapture() {
     ky_host::SetLogSink(nullptr, nullptr);
 }
 
-void LogCapture::Take(void* context, int level, const char* source, const char* function, const char* text) {
+void LogCapture::Take(void* context, int level, const char* /*source*/, const char* function,
+                      const char* text) {
     auto* const self = static_cast<LogCapture*>(context);
     const std::lock_guard<std::mutex> lock(self->m_mutex);
-    self->m_lines.push_back({level, source, function, text});
+    self->m_lines.push_back({level, function, text});
 }
 
 std::vector<LogCapture::Line> LogCapture::Lines() const {

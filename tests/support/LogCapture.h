@@ -12,7 +12,6 @@ class LogCapture {
 public:
     struct Line {
         int level;
-        std::string source;
         std::string function;
         std::string text;
     };

@@ -4,6 +4,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <mutex>
 #include <utility>
 
@@ -20,32 +21,19 @@ namespace {
 
 using Duration = SteppedTime::Duration;
 
-constexpr Duration START = std::chrono::seconds(1710491400);
+constexpr Duration::rep kStart = 1'710'491'400'000'000;
 
-struct State {
-    std::mutex mutex;
-    Duration now = START;
-    Duration totalSlept{0};
-    std::function<void()> hook;
-};
-
-/// Never destroyed: a thread that outlives main() may still sleep.
-State& TheState() {
-    static State* const state = new State;
-    return *state;
-}
-
-/// What `work` makes of the state, which no other thread has meanwhile.
-template <typename Work>
-auto Locked(Work work) {
-    State& state = TheState();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    return work(state);
-}
-
+std::atomic<Duration::rep> s_now{kStart};
+std::atomic<Duration::rep> s_slept{0};
+std::mutex s_hookMutex;
+// Never destroyed: a thread that outlives main() may still sleep.
+std::function<void()>& s_hook = *new std::function<void()>;
 thread_local bool t_inHook = false;
 
-void CallHook(const std::function<void()>& hook) {
+void CallHook() {
+    std::unique_lock<std::mutex> lock(s_hookMutex);
+    const std::function<void()> hook = s_hook;
+    lock.unlock();
     if (!hook || t_inHook) return;
     struct InHook {
         InHook() { t_inHook = true; }
@@ -57,40 +45,36 @@ void CallHook(const std::function<void()>& hook) {
 }  // namespace
 
 extern "C" int __wrap_usleep(useconds_t microseconds) {
-    const Duration length(microseconds);
-    CallHook(Locked([&](State& state) {
-        state.totalSlept += length;
-        return state.hook;
-    }));
-    SteppedTime::Advance(length);
+    s_slept += microseconds;
+    CallHook();
+    s_now += microseconds;
     sched_yield();
     return 0;
 }
 
 extern "C" int WrapClockGettime(clockid_t clock, timespec* time) {
     if (clock != CLOCK_REALTIME) return RealClockGettime(clock, time);
-    const auto microseconds = Locked([](State& state) { return state.now.count(); });
-    time->tv_sec = microseconds / 1'000'000;
-    time->tv_nsec = static_cast<long>(microseconds % 1'000'000 * 1000);
+    const Duration::rep now = s_now;
+    time->tv_sec = now / 1'000'000;
+    time->tv_nsec = static_cast<long>(now % 1'000'000 * 1000);
     return 0;
 }
 
 void SteppedTime::Advance(Duration step) {
-    Locked([&](State& state) { state.now += step; });
+    s_now += step.count();
 }
 
-Duration SteppedTime::TotalSlept() {
-    return Locked([](State& state) { return state.totalSlept; });
+SteppedTime::Duration SteppedTime::TotalSlept() {
+    return Duration(s_slept);
 }
 
 void SteppedTime::OnSleep(std::function<void()> hook) {
-    Locked([&](State& state) { state.hook = std::move(hook); });
+    const std::lock_guard<std::mutex> lock(s_hookMutex);
+    s_hook = std::move(hook);
 }
 
 void SteppedTime::Reset() {
-    Locked([](State& state) {
-        state.hook = nullptr;
-        state.now = START;
-        state.totalSlept = Duration(0);
-    });
+    OnSleep(nullptr);
+    s_now = kStart;
+    s_slept = 0;
 }

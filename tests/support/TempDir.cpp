@@ -33,17 +33,6 @@ void WriteFile(const std::string& path, const std::string& bytes) {
     if (!(file << bytes).flush()) ADD_FAILURE() << "cannot write " << path;
 }
 
-int ThreadCount() {
-    // Not a walk through the list of threads, which may miss one while another ends.
-    std::ifstream status("/proc/self/status");
-    std::string word;
-    while (status >> word && word != "Threads:") {
-    }
-    int count = 0;
-    status >> count;
-    return count;
-}
-
 int OpenDescriptors() {
     const auto count = std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
     return static_cast<int>(count) - 1;  // the listing itself holds one

@@ -25,7 +25,6 @@ std::string ReadFile(const std::string& path);
 /// Writes the file anew; fails the test when it cannot.
 void WriteFile(const std::string& path, const std::string& bytes);
 
-int ThreadCount();      ///< threads of this process
 int OpenDescriptors();  ///< open descriptors of this process
 
 #endif
