@@ -75,6 +75,13 @@ void SimChangeQueue::SetListener(Listener listener) {
                    [this, begun = m_calls] { return m_deliverer == std::thread::id() || m_calls != begun; });
 }
 
+void SimChangeQueue::SetPaused(bool paused) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_paused = paused;
+    UpdateEvent();
+    m_changed.notify_all();
+}
+
 void SimChangeQueue::Post(SimChange change) {
     constexpr std::size_t kMostWaiting = 65536;
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -115,7 +122,7 @@ std::size_t SimChangeQueue::DeliverPending() {
     m_changed.wait(lock, [this] { return m_deliverer == std::thread::id(); });
     const std::size_t pending = m_waiting.size();
     std::size_t count = 0;
-    while (count < pending && !m_waiting.empty()) {
+    while (count < pending && Ready()) {
         DeliverFront(lock);
         ++count;
     }
@@ -135,7 +142,7 @@ void SimChangeQueue::Stop() {
 void SimChangeQueue::Run() {
     std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
-        m_changed.wait(lock, [this] { return m_stopped || !m_waiting.empty(); });
+        m_changed.wait(lock, [this] { return m_stopped || Ready(); });
         if (m_stopped) return;
         DeliverFront(lock);
     }
@@ -156,8 +163,8 @@ void SimChangeQueue::DeliverFront(std::unique_lock<std::mutex>& lock) {
 }
 
 void SimChangeQueue::UpdateEvent() {
-    if (!m_manual || m_signalled == !m_waiting.empty()) return;
-    m_signalled = !m_waiting.empty();
+    if (!m_manual || m_signalled == Ready()) return;
+    m_signalled = Ready();
     eventfd_t count = 0;
     if (m_signalled)
         eventfd_write(m_event.Get(), 1);

@@ -34,7 +34,8 @@ struct SimChange {
 ///
 /// Any thread may call any operation, also from inside the listener. Post never waits for the listener.
 /// SetListener waits for a running call of the listener, unless it is called from inside the listener. No lock
-/// of the queue is held while the listener runs. The listener must not throw.
+/// of the queue is held while the listener runs. The listener must not throw. While the queue is paused, changes
+/// stay in it.
 class SimChangeQueue {
 public:
     using Listener = std::function<void(const KyValChgInfo&)>;
@@ -46,6 +47,7 @@ public:
     SimChangeQueue& operator=(const SimChangeQueue&) = delete;
 
     void SetListener(Listener listener);
+    void SetPaused(bool paused);
     void Post(SimChange change);
 
     /// Announces an answer: WaitIdle waits until AnswerGiven is called, after the answer's changes are posted.
@@ -62,7 +64,7 @@ public:
     bool InListener() const;
 
     /// Manual mode: delivers the changes that are queued now. @return their number; 0 if not in manual mode,
-    /// and inside the listener
+    /// while paused, and inside the listener
     std::size_t DeliverPending();
 
     /// Manual mode: readable while changes are queued; for polling only, do not read it. Otherwise -1.
@@ -75,6 +77,7 @@ private:
     void Run();
     void DeliverFront(std::unique_lock<std::mutex>& lock);
     void UpdateEvent();
+    bool Ready() const { return !m_paused && !m_waiting.empty(); }
 
     const bool m_manual;
     KyFd m_event;
@@ -86,6 +89,7 @@ private:
     std::thread::id m_deliverer;  // the thread inside the listener
     std::size_t m_calls = 0;      // deliveries begun
     std::size_t m_expected = 0;
+    bool m_paused = false;
     bool m_stopped = false;
     bool m_signalled = false;  // the event descriptor is readable
 

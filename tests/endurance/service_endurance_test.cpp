@@ -10,22 +10,17 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <optional>
 #include <random>
 
-#include "client/TferSvcMsgClient.h"
 #include "host/KyHostLog.h"
 #include "messages/KyTferMsgFactory.h"
 #include "messages/KyTferRespMsg.h"
-#include "service/Process.h"
-#include "support/TempDir.h"
+#include "service/ServiceFixture.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using Choice = std::mt19937::result_type;
 
-constexpr char kDownloaded[] = "/var/local/tal/pldserver/3/tferFiles/f";
 constexpr int kFileSize = 20'000;
 constexpr int kCallers = 4;
 constexpr int kFirst = 100;
@@ -80,28 +75,20 @@ std::map<std::string, long> FiguresOf(const std::string& directory) {
     return figures;
 }
 
-/// A service with short sleeps over a device with one file, and its callers, the test's process among them.
-class ServiceEndurance : public testing::Test {
+class ServiceEndurance : public ServiceFixture {
 protected:
     ServiceEndurance() {
-        fs::create_directory(m_temp / "device");
-        WriteFile(m_temp / "device/f", m_bytes);
-        setenv("KY_IPC_DIR", m_fifos.c_str(), 1);
+        WriteFile(m_files + "f", m_bytes);
         ky_host::SetLogLevel(-1);
     }
 
+    // How many threads coincide is chance: no stack and no arena of malloc is to hide what else grows.
     void Start() {
-        WriteFile(m_log, "");
-        // How many threads coincide is chance: no stack and no arena of malloc is to hide what else grows.
-        m_service.emplace("prlimit --stack=1048576 " + std::string(kShortSleeps) +
-                          "KY_LOG_LEVEL=5 MALLOC_ARENA_MAX=1 " TFERSVC_PROGRAM " --device-id 3 --simulate " +
-                          (m_temp / "device") + " 2>>" + m_log);
+        ServiceFixture::Start("", "prlimit --stack=1048576 " + std::string(kShortSleeps) +
+                                      "KY_LOG_LEVEL=5 MALLOC_ARENA_MAX=1 ");
     }
 
-    void Await() const {
-        const auto ready = [&] { return ReadFile(m_log).find("the engine is ready") != std::string::npos; };
-        EXPECT_TRUE(WaitUntil(ready, 3 * kDeadline));
-    }
+    void AwaitReady() const { EXPECT_TRUE(AwaitLogged("the engine is ready")); }
 
     void StartCallers(int requests) {
         for (int i = 0; i < kCallers; ++i)
@@ -114,26 +101,18 @@ protected:
             EXPECT_EQ(caller.End(0, 10 * kDeadline), 0) << "a caller hangs or has crashed";
         m_callers.clear();
         EXPECT_EQ(m_tally.wrong, 0);
-        fs::remove(kDownloaded);
+        fs::remove(m_downloaded);
         const auto accepted = [&] {
             const std::unique_ptr<KyTferRespMsg> answer(m_client.GetDevFile("f", "", kFileSize));
             return answer && answer->GetResultStatus() == 1;
         };
-        ASSERT_TRUE(WaitUntil(accepted) && WaitUntil([] { return fs::exists(kDownloaded); }));
-        EXPECT_TRUE(ReadFile(kDownloaded) == m_bytes);
-    }
-
-    void ExpectEnd() {
-        EXPECT_EQ(m_service->End(SIGTERM), 0);
-        EXPECT_EQ(EntriesOf(m_fifos), std::multiset<std::string>{"tfersvc.lock"});
+        ASSERT_TRUE(WaitUntil(accepted) && WaitUntil([&] { return fs::exists(m_downloaded); }));
+        EXPECT_TRUE(ReadFile(m_downloaded) == m_bytes);
     }
 
     std::mt19937 m_random;  // its choices are the same in each run, the moments of the kills are not
-    const TempDir m_temp;
-    const std::string m_fifos = m_temp / "ipc", m_log = m_temp / "log";
     const std::string m_bytes = std::string(kFileSize / 2, 'a') + std::string(kFileSize / 2, 'z');
-    TferSvcMsgClient m_client;
-    std::optional<Process> m_service;
+    const std::string m_downloaded = std::string(kDownload) + "f";
     std::list<Process> m_callers;
     Tally& m_tally =
         *new (mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Tally;
@@ -143,21 +122,21 @@ TEST_F(ServiceEndurance, KillsHinderNeitherCallersNorTheNextService) {
     StartCallers(INT_MAX);
     for (int i = 0; i < kKills && !HasFailure(); ++i) {
         Start();
-        if (i % 8 != 0) Await();
+        if (i % 8 != 0) AwaitReady();
         Pause(m_random() % 50'000);
         EXPECT_EQ(m_service->End(SIGKILL), -SIGKILL) << i;
     }
     m_tally.stop = true;
     Start();
-    Await();
+    AwaitReady();
     ExpectCallersEndAndFetch();
     EXPECT_GT(m_tally.answered, kKills);
-    ExpectEnd();
+    ExpectEnd(SIGTERM, 0);
 }
 
 TEST_F(ServiceEndurance, ManyRequestsLeaveNothingBehind) {
     Start();
-    Await();
+    AwaitReady();
     std::map<std::string, long> figures[2];
     for (const int i : {0, 1}) {
         StartCallers((i == 0 ? kFirst : kRequests - kFirst) / kCallers);
@@ -171,7 +150,7 @@ TEST_F(ServiceEndurance, ManyRequestsLeaveNothingBehind) {
                                       std::pair("VmSize:", 8192), std::pair("RssAnon:", 1000)})
         EXPECT_LT(figures[1][what] - figures[0][what], bound) << what;
     EXPECT_EQ(m_tally.answered, kRequests);
-    ExpectEnd();
+    ExpectEnd(SIGTERM, 0);
 }
 
 }  // namespace

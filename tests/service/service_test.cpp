@@ -9,7 +9,6 @@
 #include <memory>
 #include <random>
 
-#include "client/TferSvcMsgClient.h"
 #include "host/KyFd.h"
 #include "host/KyIpcFrame.h"
 #include "messages/KyServiceContract.h"
@@ -20,21 +19,15 @@
 #include "platform/KyDlog.h"
 #include "platform/KyIpcMsgBuffer.h"
 #include "platform/KyIpcMsgUtil.h"
-#include "service/Process.h"
+#include "service/ServiceFixture.h"
 #include "support/LogCapture.h"
-#include "support/TempDir.h"
 
-namespace fs = std::filesystem;
 using Record = KyTferStatusMsg;
-using Names = std::multiset<std::string>;
 
 namespace {
 
-constexpr char kLanding[] = "/var/local/tal/pldserver/3/";
-constexpr char kDownload[] = "/var/local/tal/pldserver/3/tferFiles/";
 constexpr char kCallers[] = "/var/local/tal/pldserver/callers/";  // where callers stage what they push
 constexpr char kSource[] = "/var/local/tal/pldserver/callers/settings.cfg";
-constexpr char kControl[] = "tfersvc-CtrlFifo";
 
 /// How often the text stands in the bytes.
 int Count(const std::string& bytes, const std::string& text) {
@@ -44,15 +37,10 @@ int Count(const std::string& bytes, const std::string& text) {
     return count;
 }
 
-/// A service over a simulated device 3 of some files, and the test's process as its caller. At the end SIGTERM
-/// must end the service, with no descriptor lost and nothing but its lock file left beside the FIFOs.
-class ServiceTest : public testing::Test {
+/// At the end SIGTERM must end the service, with no descriptor lost.
+class ServiceTest : public ServiceFixture {
 protected:
-    ServiceTest() {
-        fs::create_directories(m_files);
-        fs::create_directories(kCallers);
-        setenv("KY_IPC_DIR", m_fifos.c_str(), 1);
-    }
+    ServiceTest() { fs::create_directories(kCallers); }
 
     ~ServiceTest() override {
         if (m_service) {
@@ -60,31 +48,13 @@ protected:
             ExpectEnd(SIGTERM, 0);
         }
         if (HasFailure()) std::cerr << ReadFile(m_log);
-        for (const std::string& directory : {std::string("/var/local/tal"), m_files, m_fifos})
-            fs::remove_all(directory);
-    }
-
-    /// Runs a service, as the argument of another command if there is one.
-    std::unique_ptr<Process> Run(const std::string& options, const std::string& log, const std::string& by) {
-        return std::make_unique<Process>(by + " " TFERSVC_PROGRAM " --device-id 3 --simulate " + m_files +
-                                         " " + options + " >" + log + " 2>&1");
-    }
-
-    /// Ends the service. After a signal that it can take, nothing but its lock file is left beside the FIFOs.
-    void ExpectEnd(int signal, int status) {
-        constexpr std::chrono::seconds longest{3};  // two, and one for a machine that is busy
-        EXPECT_EQ(m_service->End(signal, longest), status);
-        m_service.reset();
-        Names left = {"tfersvc.lock"};
-        if (signal == SIGKILL) left.insert(kControl);
-        EXPECT_EQ(EntriesOf(m_fifos), left);
+        fs::remove_all("/var/local/tal");
     }
 
     /// Starts the service with short sleeps, and waits until it is ready. It says so just before it is; until
     /// then there must be no request that could change its descriptors.
     void Start(const std::string& options = "") {
-        WriteFile(m_log, "");
-        m_service = Run(options, m_log, kShortSleeps);
+        ServiceFixture::Start(options, kShortSleeps);
         ASSERT_TRUE(AwaitLogged("the engine is ready"));
         m_idleDescriptors = Descriptors();
         ASSERT_TRUE(WaitUntil([&] { return Status().GetStatus() == Record::TFER_STATUS_NONE; }, kDeadline));
@@ -166,17 +136,7 @@ protected:
         return KyFd(open((m_fifos + name).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     }
 
-    bool AwaitLogged(const std::string& text) const {
-        return WaitUntil([&] { return Logged(text) > 0; }, kDeadline);
-    }
-
-    const TempDir m_temp;
-    const std::string m_files = m_temp / "device/";
-    const std::string m_fifos = m_temp / "ipc/";
-    const std::string m_log = m_temp / "log";
     const LogCapture m_clientLog{KY_DLOG_ERROR};
-    TferSvcMsgClient m_client;
-    std::unique_ptr<Process> m_service;
 
 private:
     static std::string Told(KyTferRespMsg* response) {
