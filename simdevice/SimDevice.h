@@ -49,6 +49,10 @@ public:
     /// listener does not run any more (unless it is the caller).
     void SetListener(Listener listener) { m_changes.SetListener(std::move(listener)); }
 
+    /// Holds the change reports back until the delivery is resumed.
+    void PauseDelivery() { m_changes.SetPaused(true); }
+    void ResumeDelivery() { m_changes.SetPaused(false); }
+
     /// Waits until every change is delivered and no late answer is due.
     ///
     /// @param realMilliseconds  longest wait, in real time
