@@ -58,8 +58,8 @@ TEST_F(DirectoryFetch, Endings) {
     }
 }
 
-/// A file of the expected size may lie there before the device has named the listing, and an empty one before the
-/// device has announced the size.
+/// A file may lie there before the device has named the listing or announced its size, with the size of the transfer
+/// before or without a byte.
 TEST_F(DirectoryFetch, OldFileIsNotTheListing) {
     Start();
     FetchF();
@@ -69,14 +69,16 @@ TEST_F(DirectoryFetch, OldFileIsNotTheListing) {
                          f.delayMs = 1000;
                      }));
     WriteFile(std::string(kLanding) + "DIRREQ", bytes);
-    WriteFile(std::string(kLanding) + "listing.txt", "");
     device->PauseDelivery();
     List();
     const auto waiting = [&] { return Outcome(Record()) == kNothingYet; };
     EXPECT_TRUE(WaitUntil(waiting));
     device->ResumeDelivery();
     EXPECT_TRUE(WaitUntil([&] { return Written().back() == "get listing.txt"; }));
-    EXPECT_FALSE(WaitUntil([&] { return !waiting(); }, 20ms)) << "the monitor polls without a pause";
+    for (const std::string& old : {std::string(), bytes}) {
+        WriteFile(std::string(kLanding) + "listing.txt", old);
+        EXPECT_FALSE(WaitUntil([&] { return !waiting(); }, 20ms)) << "the monitor polls without a pause";
+    }
 }
 
 TEST_F(DirectoryFetch, RefusedListingLeavesTheRecordAndTheNextRequests) {

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <climits>
 
 #include "engine/EngineFixture.h"
@@ -115,6 +116,27 @@ TEST_F(Fetch, LimitIsReachedInItsLastSecond) {
     SteppedTime::Advance(1s);
     EXPECT_TRUE(WaitForOutcome(kTimedOut));
     EXPECT_EQ(Errors(), Strings{}) << "the time-out step comes a second later";
+}
+
+/// The worker of an abandoned fetch removes its file, but not the next fetch's file of the same name.
+TEST_F(Fetch, AbandonedWorkerLeavesTheNextFileOfThatName) {
+    Start();
+    std::atomic<int> calls{0};
+    const auto dropped = [this] { return log->Count(4, "has been replaced. Dropping file") == 1; };
+    proxy->OnCall([&](const std::string& call) {
+        if (call != "get f") return 0;
+        const bool first = ++calls == 1;
+        if (!first) WriteFile(std::string(kLanding) + "f", bytes);
+        EXPECT_TRUE(WaitUntil(
+            [&] { return first ? calls == 2 && fs::exists(kLanding + call.substr(4)) : dropped(); }));
+        return 1;
+    });
+    Request("f", 1000);
+    EXPECT_TRUE(WaitUntil([&] { return calls == 1; }));
+    EXPECT_EQ(Outcome(engine->AbandonTransaction("")), "failed: File transfer cancelled");
+    EXPECT_EQ(engine->GetFileFromDevRequest("f", 1000).GetStatus(), Status::TFER_STATUS_INPROGRESS);
+    EXPECT_TRUE(WaitForOutcome(Fetched("f")));
+    EXPECT_EQ(ReadFile(std::string(kDownload) + "f"), bytes);
 }
 
 TEST_F(Fetch, NamesOfTheDeviceDoNotLeadElsewhere) {

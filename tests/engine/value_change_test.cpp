@@ -62,6 +62,26 @@ TEST_F(ValueChange, NumbersAndForeignRecords) {
     EXPECT_EQ(log->Lines().size(), lines + 2) << "the two strings, taken as empty";
 }
 
+/// A worker writes the size 0 at its end. The device's report of that write may come in the next transaction, and is
+/// no announcement. The same value for a second time is one, and so is each value if the write has failed.
+TEST_F(ValueChange, ReportOfAnOwnWriteIsNoAnnouncement) {
+    for (const bool fails : {false, true}) {
+        SCOPED_TRACE(fails);
+        Start();
+        device->SetListener(nullptr);
+        engine->GetFileFromDevRequest("f", 1000);
+        if (fails) proxy->Fail("8604=0", 7);
+        Request("READY");
+        ASSERT_TRUE(WaitForOutcome(Fetched("f")));
+        engine->GetFileFromDevRequest("g", 7);
+        SteppedTime::Advance(2s);
+        ChangeNumber(8604, 2, 0);
+        EXPECT_EQ(Record().GetBytesRequested(), fails ? 0U : 7U);
+        ChangeNumber(8604, 2, 0);
+        EXPECT_EQ(Record().GetBytesRequested(), 0U);
+    }
+}
+
 TEST_F(ValueChange, DmpFollowsTheCardsOwnModuleAlone) {
     Start();
     WriteFile("/var/tmp/dmp/usb_force_fs", "");
