@@ -71,8 +71,7 @@ public:
         m_world.Told(point, std::to_string(value));
         if (m_echo != kNever) Report(m_echo, {point, "", value, 0});
         const World::Role& me = m_world.Me();
-        if (me.kind == World::Role::WORKER && me.transfer->action->fault == Action::LAST_WRITE)
-            m_run.Wait(this, m_run.Now() + kHanging);
+        if (me.kind == World::Role::WORKER && me.transfer->action->fault == Action::LAST_WRITE) Hang();
         return 0;
     }
 
@@ -218,7 +217,13 @@ private:
     bool Continues(const Transfer& transfer) {
         m_run.Sleep(m_run.Pick({0, 10 * kMillisecond, 3 * kSecond}));
         if (transfer.action->delivery != Action::HANGING) return transfer.action->delivery == Action::WHOLE;
-        return !m_run.Wait(this, m_run.Now() + kHanging);
+        return !Hang();
+    }
+
+    /// @return whether it was aborted
+    bool Hang() {
+        m_world.hung = true;
+        return m_run.Wait(this, m_run.Now() + kHanging);
     }
 
     World& m_world;

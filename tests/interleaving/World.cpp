@@ -7,8 +7,6 @@ using Record = KyTferStatusMsg;
 
 namespace {
 
-constexpr Time kPatience = 8 * kSecond;  // one poll more, and how far the clock moves while nothing happens
-
 bool Begins(const std::string& text, const std::string& start) {
     return text.compare(0, start.size(), start) == 0;
 }
@@ -266,6 +264,7 @@ int World::Move(const std::string& from, const std::string& to) {
                 to == (fetched ? kDownload : kStaging) + transfer.name,
             "a file is moved to its own place");
     if (fetched) Me().story += "move ";
+    scheduler.Sleep(scheduler.Pick({0, 0, 10 * kMillisecond, kSecond}));
     if (fetched && transfer.action->fault == Action::MOVE) {
         transfer.left = true;
         return EXDEV;
@@ -346,7 +345,8 @@ void World::CheckStory(const Role& role) {
 
 // The end.
 
-void World::CheckStopped() {
+void World::CheckStopped(Time due) {
+    Require(hung || scheduler.Now() <= due + scheduler.HeldUp(), "Stop ends what only waits");
     for (const auto& [fiber, role] : m_roles)
         Require(role.kind < Role::MONITOR || (fiber->ended && fiber->joined), "no thread is left after Stop");
 }

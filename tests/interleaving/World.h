@@ -10,6 +10,8 @@
 #include "engine/KyTferClient.h"
 #include "interleaving/Scheduler.h"
 
+constexpr Time kPatience = 8 * kSecond;  ///< one poll more, and how far the clock moves while nothing happens
+
 /// One thing that somebody does to the engine, and what the device and the system make of it.
 struct Action {
     enum Kind { FETCH, LISTING, PUSH, ABANDON, STATUS, STOP, NOTHING };
@@ -96,6 +98,7 @@ public:
     const bool shortOfMemory = scheduler.Random(8) == 0;
     const unsigned shortage = unsigned(scheduler.Pick({5, 25, 125}));  ///< one allocation of so many fails
     bool memoryBack = !shortOfMemory;                                  ///< for the last fetch
+    bool hung = false;                                                 ///< a call of the proxy, for long
     std::map<std::string, unsigned> files;                             ///< sizes by path
     std::map<std::string, Named> named;
     Transfer* current = nullptr;  ///< the fetch or listing, or the file that was named for it
@@ -120,7 +123,8 @@ public:
     int Move(const std::string& from, const std::string& to);
     int Remove(const std::string& path);
 
-    void CheckStopped();
+    /// @param due  when Stop had to return if no call of the proxy hung
+    void CheckStopped(Time due);
     void CheckEnd();
 
 private:

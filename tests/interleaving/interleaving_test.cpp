@@ -176,9 +176,10 @@ private:
 
     void Stop() {
         m_world.stopping = true;
+        const Time due = m_run.Now() + kPatience;
         Inside(), m_world.engine.Stop();
         m_world.stopped = true;
-        m_world.CheckStopped();
+        m_world.CheckStopped(due);
     }
 
     const std::array<const Action*, 3> m_actions;
