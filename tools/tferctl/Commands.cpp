@@ -1,19 +1,21 @@
-// The commands that need no file of their own: status, ls and cancel.
+// The commands that need no listing: status, put and cancel.
 #include "tferctl/Commands.h"
 
-#include "common/Text.h"
-#include "tferctl/ExitStatus.h"
-#include "tferctl/Listing.h"
-#include "tferctl/Record.h"
-#include "tferctl/Table.h"
+#include <chrono>
+#include <string>
+
+#include "tferctl/Failure.h"
+#include "tferctl/FileCopy.h"
+#include "tferctl/StatusRecord.h"
+#include "tferctl/Text.h"
+#include "tferctl/Transactions.h"
 
 namespace ky_tferctl {
 namespace {
 
-constexpr char s_context[] = "tferctl";
+using PushClock = std::chrono::steady_clock;
 
-/// Shows the record while it changes. Where there is no terminal, each tenth of the way is one more piece of
-/// output.
+/// Shows the record while it changes: on a terminal each change, elsewhere each tenth of the transfer.
 class StatusView {
 public:
     explicit StatusView(const Context& context) : m_out(context.out), m_json(context.options.json) {}
@@ -38,40 +40,47 @@ private:
                record.GetStatusMsg() + "|" + std::to_string(Percent(record) / 10);
     }
 
-    ky_tools::Console& m_out;
+    Console& m_out;
     const bool m_json;
     std::string m_lastStage;
 };
 
 /// @return the record at the end; `record` itself if nothing is in progress
 KyTferStatusMsg Watch(const Context& context, KyTferStatusMsg record, StatusView& view) {
-    Standstill standstill(context.options.timeOut);
+    StallTimeOut timeOut(context.options.timeOut);
     while (IsUnderWay(record)) {
         view.Change(record);
-        if (standstill.Lasts(record))
-            throw Failure(ExitStatus::TIMED_OUT, "The transfer does not come to its end: " + Summary(record));
-        standstill.Pause();
+        if (timeOut.Expired(record))
+            throw Failure(ExitStatus::TIMED_OUT, "The transfer has stalled: " + Summary(record));
+        timeOut.Pause();
         record = context.service.Status();
     }
     return record;
 }
 
-std::string ShownRange(std::size_t shown, std::size_t all, unsigned int skip) {
-    const std::string files = all == 1 ? " file" : " files";
-    if (shown == all) return std::to_string(all) + files;
-    if (shown == 0) return "None of " + std::to_string(all) + files;
-    return "Files " + std::to_string(skip + 1ULL) + " to " + std::to_string(skip + shown) + " of " +
-           std::to_string(all);
+std::string Since(PushClock::time_point start) {
+    return Seconds(std::chrono::duration<double>(PushClock::now() - start).count());
 }
 
-std::string PageTable(const std::vector<KyTferDirEntry>& page) {
-    Table table({"NAME", "TRANSFER NAME", "TYPE", "BYTES", "DATE"},
-                {Table::Align::LEFT, Table::Align::LEFT, Table::Align::LEFT, Table::Align::RIGHT,
-                 Table::Align::LEFT});
-    for (const KyTferDirEntry& entry : page)
-        table.Add({entry.GetOrigFileName(), entry.GetXferFileName(), entry.GetFileType(),
-                   std::to_string(entry.GetFileSizeInBytes()), entry.GetDateTimeAsString()});
-    return table.Text();
+KyTferStatusMsg Push(const Context& context, const StagedCopy& copy, const std::string& label) {
+    Transactions transactions(context.service, context.options, context.notices);
+    const auto start = PushClock::now();
+    transactions.Begin([&](Service& service, const std::string& transactionId) {
+        context.out.Redraw(label);  // the service takes a second to reply
+        return service.Push(copy.Path(), transactionId);
+    });
+    PushMatch match(copy.FileName());
+    // The record of a push does not count bytes.
+    const auto record = transactions.Follow(
+        match, [&](const KyTferStatusMsg&) { context.out.Redraw(label + ", " + Since(start)); });
+    context.out.Clear();
+    if (!record)
+        throw Failure(ExitStatus::FAILED, "Another transfer began before it could be seen whether " +
+                                              Printable(copy.FileName()) + " had been sent.");
+    if (record->GetStatus() == KyTferStatusMsg::TFER_STATUS_FAIL)
+        throw Failure(ExitStatus::FAILED, Printable(copy.FileName()) +
+                                              " could not be sent: " + Printable(record->GetStatusMsg()));
+    return *record;
 }
 
 }  // namespace
@@ -83,29 +92,21 @@ void RunStatus(const Context& context) {
     const KyTferStatusMsg last = Watch(context, first, view);
     view.Final(last);
     if (last.GetStatus() == KyTferStatusMsg::TFER_STATUS_FAIL)
-        throw Failure(ExitStatus::FAILED,
-                      "The transfer has failed: " + ky_tools::Printable(last.GetStatusMsg()));
+        throw Failure(ExitStatus::FAILED, "The transfer has failed: " + Printable(last.GetStatusMsg()));
 }
 
-void RunList(const Context& context) {
-    const Options& options = context.options;
-    Transactions transactions(context.service, options, context.notices);
-    Listing listing;
-    FetchListing(transactions, context.notices, listing);
-    if (options.json) {
-        context.out.Line(listing.files.GetEntryListAsJSONString(s_context, options.skip, options.take, "",
-                                                                listing.status));
-        return;
-    }
-    const auto page = listing.files.GetEntryList(options.skip, options.take);
-    const std::size_t all = listing.files.GetEntryList(0, std::numeric_limits<unsigned int>::max()).size();
-    context.out.Line(PageTable(page));
-    context.out.Line(ShownRange(page.size(), all, options.skip));
+void RunPut(const Context& context) {
+    context.service.Status();  // Fail before copying if no service runs.
+    const StagedCopy copy(context.options.sourcePath);
+    const std::string label = Printable(copy.FileName()) + ", " + Bytes(copy.Size());
+    const auto start = PushClock::now();
+    const KyTferStatusMsg record = Push(context, copy, "Sending " + label);
+    context.out.Line(label + ", sent as " + Printable(record.GetXferFileName()) + " in " + Since(start));
 }
 
 void RunCancel(const Context& context) {
-    const Answer answer = context.service.Cancel(context.options.subject);
-    if (!answer.accepted) throw Failure(ExitStatus::REFUSED, ky_tools::Printable(answer.text));
+    const Answer answer = context.service.Cancel(context.options.transactionId);
+    if (!answer.accepted) throw Failure(ExitStatus::REFUSED, Printable(answer.text));
     context.out.Line("The transfer has been cancelled.");
 }
 

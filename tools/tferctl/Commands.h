@@ -1,7 +1,7 @@
 #ifndef TFERCTL_COMMANDS_H
 #define TFERCTL_COMMANDS_H
 
-#include "common/Console.h"
+#include "tferctl/Console.h"
 #include "tferctl/Options.h"
 #include "tferctl/Service.h"
 
@@ -11,12 +11,11 @@ namespace ky_tferctl {
 struct Context {
     const Options& options;
     Service& service;
-    ky_tools::Console& out;      ///< standard output
-    ky_tools::Console& notices;  ///< standard error
+    Console& out;      ///< standard output
+    Console& notices;  ///< standard error
 };
 
-/// The commands of the command line, one each. They return when they have done what was asked for, and throw
-/// a Failure otherwise.
+// Each command returns when it is done, and throws a Failure otherwise.
 void RunStatus(const Context& context);
 void RunList(const Context& context);
 void RunGet(const Context& context);

@@ -3,18 +3,17 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
-#include "tferctl/ExitStatus.h"
+#include "tferctl/Failure.h"
 
 namespace ky_tferctl {
 namespace {
 
-constexpr char s_description[] =
-    "Asks the transfer service: for the device's files, for one of them, to send it one, and for how things "
-    "stand.";
+constexpr char kDescription[] =
+    "Lists, fetches and sends files of the managed device through the transfer service.";
 
-constexpr char s_footer[] =
+constexpr char kFooter[] =
     "Exit status: 0 done; 1 failed; 2 wrong command line; 3 refused; 4 timed out; 5 no transfer service.\n"
-    "More in tferctl(1).";
+    "See tferctl(1).";
 
 class CommandLine {
 public:
@@ -28,7 +27,7 @@ private:
     void AddWaiting(CLI::App& command);
     void AddTimeOut(CLI::App& command);
 
-    CLI::App m_app{s_description, "tferctl"};
+    CLI::App m_app{kDescription, "tferctl"};
     Options m_options;
     bool m_noWait = false;
     double m_seconds = m_options.timeOut.count();
@@ -37,35 +36,35 @@ private:
 CommandLine::CommandLine() {
     m_app.set_version_flag("--version", "tferctl " KYTFER_VERSION);
     m_app.require_subcommand(1);
-    m_app.footer(s_footer);
+    m_app.footer(kFooter);
     m_app.failure_message([](const CLI::App*, const CLI::Error& error) {
-        return std::string("tferctl: ") + error.what() + " (tferctl --help tells more)\n";
+        return std::string("tferctl: ") + error.what() + " (see tferctl --help)\n";
     });
 
-    CLI::App& status = Add(Command::STATUS, "status", "Show the transfer service's record of its transfer.");
-    status.add_flag("--json", m_options.json, "as the service's JSON document");
+    CLI::App& status = Add(Command::STATUS, "status", "Show the transfer in progress, or the last one.");
+    status.add_flag("--json", m_options.json, "print the service's JSON document");
     status.add_flag("--watch", m_options.watch, "follow the transfer in progress to its end");
     AddTimeOut(status);
 
     CLI::App& list = Add(Command::LIST, "ls", "Fetch the device's listing and show it.");
-    list.add_option("--skip", m_options.skip, "leave out the first N files")->option_text("N");
-    list.add_option("--take", m_options.take, "show N files at most")->option_text("N");
-    list.add_flag("--json", m_options.json, "as the library's JSON document of the page");
+    list.add_option("--skip", m_options.skip, "skip the first N files")->option_text("N");
+    list.add_option("--take", m_options.take, "show at most N files")->option_text("N");
+    list.add_flag("--json", m_options.json, "print the library's JSON document of the page");
     AddWaiting(list);
 
-    CLI::App& get = Add(Command::GET, "get", "Fetch a file of the device.");
-    get.add_option("NAME", m_options.subject, "transfer name of the file, or its name on the device")
+    CLI::App& get = Add(Command::GET, "get", "Fetch a file from the device.");
+    get.add_option("NAME", m_options.deviceFile, "transfer name of the file, or its file name on the device")
         ->required()
         ->option_text(" ");
-    get.add_option("-o,--output", m_options.output, "copy the file to FILE")->option_text("FILE");
+    get.add_option("-o,--output", m_options.outputPath, "copy the file to FILE")->option_text("FILE");
     AddWaiting(get);
 
     CLI::App& put = Add(Command::PUT, "put", "Send a copy of a file to the device.");
-    put.add_option("FILE", m_options.subject, "the file; stays as it is")->required()->option_text(" ");
+    put.add_option("FILE", m_options.sourcePath, "the file; it is not changed")->required()->option_text(" ");
     AddWaiting(put);
 
     CLI::App& cancel = Add(Command::CANCEL, "cancel", "End the transfer in progress.");
-    cancel.add_option("ID", m_options.subject, "only the transfer that was requested with this identifier")
+    cancel.add_option("ID", m_options.transactionId, "end it only if it was requested with this identifier")
         ->option_text(" ");
 }
 
@@ -81,7 +80,7 @@ void CommandLine::AddWaiting(CLI::App& command) {
 }
 
 void CommandLine::AddTimeOut(CLI::App& command) {
-    command.add_option("--timeout", m_seconds, "give up once nothing has changed for so long (300)")
+    command.add_option("--timeout", m_seconds, "give up after this time without progress; 300 if not given")
         ->option_text("SECONDS")
         ->check(CLI::Range(0.0, 1e6));
 }

@@ -10,22 +10,25 @@ namespace ky_tferctl {
 
 enum class Command { STATUS, LIST, GET, PUT, CANCEL };
 
-/// What the command line says.
+/// The command line.
 struct Options {
     Command command = Command::STATUS;
-    std::string subject;  ///< the file's name or path, or the transfer to cancel
-    std::string output;   ///< where a fetched file goes; empty: it stays in the download directory
+    std::string deviceFile;     ///< get: transfer name or file name on the device
+    std::string outputPath;     ///< get: copy of the fetched file; empty for none
+    std::string sourcePath;     ///< put: the file to send
+    std::string transactionId;  ///< cancel: the transaction to end; empty for any
     unsigned int skip = 0;
     unsigned int take = std::numeric_limits<unsigned int>::max();
     bool json = false;
     bool watch = false;
-    bool wait = true;                            ///< for the end of somebody else's transfer
-    std::chrono::duration<double> timeOut{300};  ///< how long a record may stay as it is
+    bool wait = true;                            ///< for another transfer that is in progress
+    std::chrono::duration<double> timeOut{300};  ///< longest time without progress
 };
 
-/// Reads the command line. @param exitStatus  set if there is nothing to run
-/// @return nothing after the help and the version, which are printed, and after a mistake, which is told on
-/// standard error
+/// Parses the command line.
+///
+/// @param exitStatus  set if there is nothing to run
+/// @return nothing if help, the version or an error has been printed instead
 std::optional<Options> ParseOptions(int argc, char** argv, int& exitStatus);
 
 }  // namespace ky_tferctl

@@ -2,21 +2,25 @@
 
 #include <unistd.h>
 
+#include <new>
+
+#include "client/TferSvcMsgClient.h"
 #include "messages/KyServiceContract.h"
 #include "messages/KyTferCancelTransMsg.h"
 #include "messages/KyTferGetDevDirMsg.h"
 #include "messages/KyTferGetDevFile.h"
 #include "messages/KyTferPutDevFile.h"
+#include "platform/KyIpcDirectory.h"
 #include "platform/KyIpcFifoSession.h"
-#include "tferctl/ExitStatus.h"
+#include "tferctl/Failure.h"
 
 namespace ky_tferctl {
 namespace {
 
-constexpr auto s_answerBound = std::chrono::milliseconds(ky_service::kReplyTimeoutMs);
-constexpr auto s_slack = std::chrono::seconds(1);
+constexpr auto kReplyTimeOut = std::chrono::milliseconds(ky_service::kReplyTimeoutMs);
+constexpr auto kTolerance = std::chrono::seconds(1);
 
-/// Whether a service reads requests at this moment. @return a KyIpcFifoSession::IpcStatus
+/// @return IPC_OK if a service reads requests, otherwise the KyIpcFifoSession::IpcStatus that tells why not
 int Probe() {
     KyIpcFifoSession session("tferctl", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
     return session.OpenCtrlFifo(ky_service::kControlFifo);
@@ -29,67 +33,68 @@ KyTferStatusMsg Service::Status() {
     const auto* const record = dynamic_cast<const KyTferStatusMsg*>(reply.get());
     if (record == nullptr)
         throw Failure(ExitStatus::FAILED,
-                      "The transfer service answered with something else than its status.");
+                      "The transfer service sent no status in reply to a status request.");
     return *record;
 }
 
-// The client's own operations send no identifier, and keep the answer to a cancel to themselves.
+// The client's own operations send no transaction identifier, and do not return the reply to a cancel
+// request.
 
-Answer Service::FetchListing(const std::string& id) {
-    return AskForAnswer(std::make_unique<KyTferGetDevDirMsg>(512), id);
+Answer Service::FetchListing(const std::string& transactionId) {
+    return AskForAnswer(std::make_unique<KyTferGetDevDirMsg>(512), transactionId);
 }
 
-Answer Service::Fetch(const std::string& transferName, unsigned int size, const std::string& id) {
+Answer Service::Fetch(const std::string& transferName, unsigned int size, const std::string& transactionId) {
     auto request = std::make_unique<KyTferGetDevFile>(1024);
     request->SetXferFileName(transferName);
     request->SetXferFileSize(static_cast<int>(size));
-    return AskForAnswer(std::move(request), id);
+    return AskForAnswer(std::move(request), transactionId);
 }
 
-Answer Service::Push(const std::string& path, const std::string& id) {
+Answer Service::Push(const std::string& path, const std::string& transactionId) {
     auto request = std::make_unique<KyTferPutDevFile>(1024);
     request->SetSrcPath(path);
-    return AskForAnswer(std::move(request), id);
+    return AskForAnswer(std::move(request), transactionId);
 }
 
-Answer Service::Cancel(const std::string& id) {
-    return AskForAnswer(std::make_unique<KyTferCancelTransMsg>(512), id);
+Answer Service::Cancel(const std::string& transactionId) {
+    return AskForAnswer(std::make_unique<KyTferCancelTransMsg>(512), transactionId);
 }
 
-std::string Service::ReplyFifo() {
-    return ky_service::ReplyFifo(ky_service::CallerSession(getpid()));
+std::string Service::ReplyFifoPath() {
+    return ky_ipc::IpcDirectory() + "/" + ky_service::ReplyFifo(ky_service::CallerSession(getpid()));
 }
 
 std::unique_ptr<KyTferMsg> Service::Ask(std::unique_ptr<KyTferMsg> request) {
-    const Clock::time_point start = m_now();
+    const Clock::time_point start = Clock::now();
     TferSvcMsgClient* const client = TferSvcMsgClient::GetInstance();
     if (client == nullptr) throw std::bad_alloc();
     std::unique_ptr<KyTferMsg> reply(client->DoRequest(request.release()));
-    if (!reply) ExplainSilence(start);
+    if (!reply) ExplainMissingReply(start);
     return reply;
 }
 
-Answer Service::AskForAnswer(std::unique_ptr<KyTferMsg> request, const std::string& id) {
-    request->SetTransId(id);
+Answer Service::AskForAnswer(std::unique_ptr<KyTferMsg> request, const std::string& transactionId) {
+    request->SetTransId(transactionId);
     const std::unique_ptr<KyTferMsg> reply = Ask(std::move(request));
     const auto* const response = dynamic_cast<const KyTferRespMsg*>(reply.get());
     if (response == nullptr)
-        throw Failure(ExitStatus::FAILED, "The transfer service answered with something else than a result.");
+        throw Failure(ExitStatus::FAILED, "The transfer service sent a reply of another kind than expected.");
     return {response->GetResultStatus() == ky_service::kAccepted, response->GetResultMsg()};
 }
 
-// The client says only that there was no answer.
-void Service::ExplainSilence(Clock::time_point start) const {
+// The client does not tell why there is no reply.
+void Service::ExplainMissingReply(Clock::time_point start) {
     const int status = Probe();
     if (status == KyIpcFifoSession::IPC_NO_FIFO || status == KyIpcFifoSession::IPC_NO_READER)
         throw Failure(ExitStatus::NO_SERVICE, "No transfer service is running.");
     if (status != KyIpcFifoSession::IPC_OK)
         throw Failure(ExitStatus::NO_SERVICE,
-                      "The transfer service cannot be reached; KY_LOG_LEVEL=4 tells why.");
-    if (m_now() - start >= s_answerBound - s_slack)
+                      "The transfer service cannot be reached; KY_LOG_LEVEL=4 shows the reason.");
+    if (Clock::now() - start >= kReplyTimeOut - kTolerance)
         throw Failure(ExitStatus::TIMED_OUT, "The transfer service has not answered for a minute.");
     throw Failure(ExitStatus::FAILED,
-                  "There was no answer of the transfer service that can be used; KY_LOG_LEVEL=4 tells why.");
+                  "The transfer service sent no valid reply; KY_LOG_LEVEL=4 shows the reason.");
 }
 
 }  // namespace ky_tferctl

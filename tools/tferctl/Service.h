@@ -2,53 +2,45 @@
 #define TFERCTL_SERVICE_H
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <string>
 
-#include "client/TferSvcMsgClient.h"
 #include "messages/KyTferRespMsg.h"
 #include "messages/KyTferStatusMsg.h"
 
 namespace ky_tferctl {
 
-/// What the service says to a request.
+/// The service's reply to a request.
 struct Answer {
     bool accepted = false;
     std::string text;
 };
 
-/// The transfer service as the process's client reaches it, with a reason where there is no answer. Every
-/// operation waits for the service's answer, for a minute at most, and throws a Failure if none comes that
-/// can be used.
+/// Sends requests to the transfer service. Each operation blocks until the reply has come, at most for a
+/// minute, and throws a Failure with the reason if no valid reply comes.
 class Service {
 public:
-    using Clock = std::chrono::steady_clock;
-
-    /// @param now  the time
-    explicit Service(std::function<Clock::time_point()> now = Clock::now) : m_now(std::move(now)) {}
-
     KyTferStatusMsg Status();
 
-    /// @param id  identifier by which this transfer can be cancelled
-    Answer FetchListing(const std::string& id);
-    Answer Fetch(const std::string& transferName, unsigned int size, const std::string& id);
+    /// @param transactionId  by which this transfer can be cancelled
+    Answer FetchListing(const std::string& transactionId);
+    Answer Fetch(const std::string& transferName, unsigned int size, const std::string& transactionId);
 
-    /// @param path  of a file that the service may keep
-    Answer Push(const std::string& path, const std::string& id);
+    /// @param path  of a file that the service takes over
+    Answer Push(const std::string& path, const std::string& transactionId);
 
-    /// Cancels the transfer with this identifier; with an empty one, whichever is in progress.
-    Answer Cancel(const std::string& id);
+    /// Cancels the transfer with this identifier; with an empty one, the transfer in progress.
+    Answer Cancel(const std::string& transactionId);
 
-    /// Name of the FIFO that this process makes while it waits for an answer.
-    static std::string ReplyFifo();
+    /// Path of the FIFO that this process creates while it waits for a reply.
+    static std::string ReplyFifoPath();
 
 private:
-    std::unique_ptr<KyTferMsg> Ask(std::unique_ptr<KyTferMsg> request);
-    Answer AskForAnswer(std::unique_ptr<KyTferMsg> request, const std::string& id);
-    [[noreturn]] void ExplainSilence(Clock::time_point start) const;
+    using Clock = std::chrono::steady_clock;
 
-    const std::function<Clock::time_point()> m_now;
+    static std::unique_ptr<KyTferMsg> Ask(std::unique_ptr<KyTferMsg> request);
+    static Answer AskForAnswer(std::unique_ptr<KyTferMsg> request, const std::string& transactionId);
+    [[noreturn]] static void ExplainMissingReply(Clock::time_point start);
 };
 
 }  // namespace ky_tferctl

@@ -1,64 +1,74 @@
 #include "tferctl/Transactions.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 
-#include "common/Text.h"
 #include "messages/KyServiceContract.h"
-#include "tferctl/ExitStatus.h"
+#include "tferctl/Failure.h"
+#include "tferctl/Text.h"
 
 namespace ky_tferctl {
 namespace {
 
-constexpr char s_cancelledByOther[] = "Somebody else has cancelled the transfer";
+constexpr char kCancelledByOther[] = "Somebody else has cancelled the transfer";
 
 std::string NewId() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     return "tferctl-" + std::to_string(getpid()) + "-" + std::to_string(now.count());
 }
 
-std::string Quoted(const std::string& text) {
-    return text.empty() ? std::string("without a reason") : ky_tools::Printable(text);
+std::string Reason(const Answer& answer) {
+    return answer.text.empty() ? "without a reason" : Printable(answer.text);
 }
 
 }  // namespace
 
-Transactions::Transactions(Service& service, const Options& options, ky_tools::Console& notices)
+bool TransferLock::TryAcquire() {
+    if (m_acquired) return true;
+    if (!m_directory)
+        m_directory = KyFd(open(ky_service::kStagingDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    m_acquired = !m_directory || flock(m_directory.Get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+    return m_acquired;
+}
+
+Transactions::Transactions(Service& service, const Options& options, Console& notices)
     : m_service(service), m_options(options), m_notices(notices), m_id(NewId()) {}
 
-void Transactions::Begin(const Ask& ask) {
-    Standstill others(m_options.timeOut);
+void Transactions::Begin(const Request& request) {
+    StallTimeOut timeOut(m_options.timeOut);
     for (bool first = true;; first = false) {
-        const bool ourTurn = m_turn.Take();
+        const bool locked = m_lock.TryAcquire();
         const KyTferStatusMsg record = m_service.Status();
-        if (ourTurn && TryToBegin(ask, record)) break;
+        if (locked && TryToBegin(request, record)) break;
         if (!m_options.wait)
             throw Failure(ExitStatus::REFUSED, "Another transfer is in progress: " + Summary(record));
-        if (others.Lasts(record))
-            throw Failure(ExitStatus::TIMED_OUT,
-                          "Another transfer does not come to its end: " + Summary(record));
-        TellOfOther(record, first);
-        others.Pause();
+        if (timeOut.Expired(record))
+            throw Failure(ExitStatus::TIMED_OUT, "Another transfer has stalled: " + Summary(record));
+        ShowOther(record, first);
+        timeOut.Pause();
     }
     m_notices.Clear();
 }
 
-// A complete record will do, even if its file is still to be moved: the service lets the request wait for
-// that.
-bool Transactions::TryToBegin(const Ask& ask, const KyTferStatusMsg& record) {
+// The file of a complete transfer may not have been moved yet: then the service lets the request wait.
+bool Transactions::TryToBegin(const Request& request, const KyTferStatusMsg& record) {
     if (record.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS) return false;
-    m_interruption.emplace();
-    const Answer answer = ask(m_service, m_id);
+    m_signal.emplace();
+    const Answer answer = request(m_service, m_id);
     if (answer.accepted) return true;
-    m_interruption.reset();
-    if (answer.text == ky_service::kCancelled) throw Failure(ExitStatus::FAILED, s_cancelledByOther);
+    m_signal.reset();
+    if (answer.text == ky_service::kCancelled) throw Failure(ExitStatus::FAILED, kCancelledByOther);
+    // Another transfer may have begun after the record was read.
     if (answer.text != ky_service::kAlreadyInProgress)
-        throw Failure(ExitStatus::REFUSED, "The transfer service refused: " + Quoted(answer.text));
+        throw Failure(ExitStatus::REFUSED, "The transfer service refused: " + Reason(answer));
     return false;
 }
 
-void Transactions::TellOfOther(const KyTferStatusMsg& record, bool first) {
+void Transactions::ShowOther(const KyTferStatusMsg& record, bool first) {
     const std::string text = "Waiting for another transfer: " + Summary(record);
     if (m_notices.IsTerminal()) {
         m_notices.Redraw(text);
@@ -67,42 +77,42 @@ void Transactions::TellOfOther(const KyTferStatusMsg& record, bool first) {
     }
 }
 
-std::optional<KyTferStatusMsg> Transactions::Follow(Claim& claim, const Observer& observer) {
-    auto record = FollowToEnd(claim, observer);
-    m_interruption.reset();
-    if (record && IsCancelled(*record)) throw Failure(ExitStatus::FAILED, s_cancelledByOther);
+std::optional<KyTferStatusMsg> Transactions::Follow(RecordMatch& match, const Observer& observer) {
+    auto record = FollowToEnd(match, observer);
+    m_signal.reset();
+    if (record && IsCancelled(*record)) throw Failure(ExitStatus::FAILED, kCancelledByOther);
     return record;
 }
 
-std::optional<KyTferStatusMsg> Transactions::FollowToEnd(Claim& claim, const Observer& observer) {
-    Standstill standstill(m_options.timeOut);
+std::optional<KyTferStatusMsg> Transactions::FollowToEnd(RecordMatch& match, const Observer& observer) {
+    StallTimeOut timeOut(m_options.timeOut);
     for (;;) {
-        AbandonIfInterrupted();
+        CancelIfInterrupted();
         const KyTferStatusMsg record = m_service.Status();
         if (record.GetXferFileName().empty())
-            throw Failure(ExitStatus::FAILED, "The transfer service has begun anew and lost this transfer.");
-        if (!claim.Holds(record)) return std::nullopt;
+            throw Failure(ExitStatus::FAILED, "The transfer service has restarted and lost this transfer.");
+        if (!match.Matches(record)) return std::nullopt;
         observer(record);
         const bool ended = record.GetStatus() == KyTferStatusMsg::TFER_STATUS_COMPLETE ||
                            record.GetStatus() == KyTferStatusMsg::TFER_STATUS_FAIL;
         if (ended && !IsUnderWay(record)) return record;
-        if (standstill.Lasts(record))
-            throw Failure(ExitStatus::TIMED_OUT, "The transfer does not come to its end: " + Summary(record));
-        standstill.Pause();
+        if (timeOut.Expired(record))
+            throw Failure(ExitStatus::TIMED_OUT, "The transfer has stalled: " + Summary(record));
+        timeOut.Pause();
     }
 }
 
-void Transactions::AbandonIfInterrupted() {
-    const int signal = m_interruption ? m_interruption->Take() : 0;
-    if (signal != 0) throw Interrupted(signal, "Interrupted; " + Abandon());
+void Transactions::CancelIfInterrupted() {
+    const int signal = m_signal ? m_signal->Take() : 0;
+    if (signal != 0) throw Interrupted(signal, "Interrupted; " + Cancel());
 }
 
-// Says what has become of the transfer.
-std::string Transactions::Abandon() {
+// Returns the end of a sentence that tells whether the transfer was cancelled.
+std::string Transactions::Cancel() {
     const std::string notDone = "the transfer was not cancelled: ";
     try {
         const Answer answer = m_service.Cancel(m_id);
-        return answer.accepted ? "the transfer has been cancelled." : notDone + Quoted(answer.text) + ".";
+        return answer.accepted ? "the transfer has been cancelled." : notDone + Reason(answer) + ".";
     } catch (const std::exception& failure) {
         return notDone + failure.what();
     }

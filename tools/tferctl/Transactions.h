@@ -3,71 +3,73 @@
 
 #include <functional>
 #include <optional>
-#include <stdexcept>
 #include <string>
 
-#include "common/Console.h"
-#include "tferctl/Claim.h"
+#include "platform/KyFd.h"
+#include "tferctl/Console.h"
 #include "tferctl/Options.h"
-#include "tferctl/Record.h"
 #include "tferctl/Service.h"
 #include "tferctl/Signals.h"
-#include "tferctl/Turn.h"
+#include "tferctl/StatusRecord.h"
 
 namespace ky_tferctl {
 
-/// A signal has interrupted a transfer of this process. The text is a sentence that says what has become of
-/// the transfer.
-class Interrupted : public std::runtime_error {
+/// Lets one tferctl at a time make transfers. The service has one record for all transfers, so a process
+/// could miss the end of its transfer when another process begins the next one.
+///
+/// The lock is a lock on the staging directory; the kernel releases it with the process. Without access to
+/// the directory, no lock is taken.
+class TransferLock {
 public:
-    Interrupted(int signal, const std::string& sentence) : std::runtime_error(sentence), m_signal(signal) {}
-
-    /// The process is to die of it.
-    int Signal() const { return m_signal; }
+    /// Does not wait.
+    /// @return false if another process has the lock
+    bool TryAcquire();
 
 private:
-    int m_signal;
+    KyFd m_directory;
+    bool m_acquired = false;
 };
 
-/// Makes this process's transfers through the service, one after the other, and never mistakes another's for
-/// its own. The first to begin takes the process's turn among all tferctl; it is given up with the object.
+/// Makes this process's transfers through the service, one after the other, and does not mistake another
+/// caller's transfer for one of them. Holds the transfer lock from the first transfer on.
 ///
-/// A signal that would end the process while a transfer of its own is under way first cancels the transfer.
+/// A signal that would end the process during a transfer cancels the transfer first.
 class Transactions {
 public:
-    /// Asks the service for a transfer with this transaction identifier.
-    using Ask = std::function<Answer(Service& service, const std::string& id)>;
+    /// Requests a transfer with this transaction identifier.
+    using Request = std::function<Answer(Service& service, const std::string& transactionId)>;
     using Observer = std::function<void(const KyTferStatusMsg& record)>;
 
-    /// @param notices  gets what happens while another's transfer is in progress
-    Transactions(Service& service, const Options& options, ky_tools::Console& notices);
+    /// @param notices  shows the transfer for which this process waits
+    Transactions(Service& service, const Options& options, Console& notices);
 
-    /// Waits until no other transfer is in progress, and asks for one. Throws a Failure if the service
-    /// refuses, if another's is in progress and we are not to wait, and if that stands still for too long.
-    void Begin(const Ask& ask);
+    /// Waits until no other transfer is in progress, and requests one. Throws a Failure if the service
+    /// refuses, if another transfer is in progress and the options say not to wait, or if that transfer
+    /// stalls.
+    void Begin(const Request& request);
 
     /// Follows the transfer to its end.
     ///
-    /// @param claim     our claim to it
-    /// @param observer  gets each record of it
-    /// @return its last record; none if the service has begun another before the end was seen. Throws a
-    /// Failure if it stands still for too long, if somebody else has cancelled it, and if a new service does
-    /// not know of it. Throws Interrupted after a signal.
-    std::optional<KyTferStatusMsg> Follow(Claim& claim, const Observer& observer);
+    /// @param match     tells the transfer's records
+    /// @param observer  called with each record of the transfer
+    /// @return its last record; nothing if the service began another transfer before that record was seen.
+    ///         Throws a Failure if the transfer stalls, if another caller cancels it, or if the service
+    ///         restarts. Throws Interrupted after a signal
+    std::optional<KyTferStatusMsg> Follow(RecordMatch& match, const Observer& observer);
 
 private:
-    bool TryToBegin(const Ask& ask, const KyTferStatusMsg& record);
-    std::optional<KyTferStatusMsg> FollowToEnd(Claim& claim, const Observer& observer);
-    void AbandonIfInterrupted();
-    std::string Abandon();
-    void TellOfOther(const KyTferStatusMsg& record, bool first);
+    bool TryToBegin(const Request& request, const KyTferStatusMsg& record);
+    std::optional<KyTferStatusMsg> FollowToEnd(RecordMatch& match, const Observer& observer);
+    void CancelIfInterrupted();
+    std::string Cancel();
+    void ShowOther(const KyTferStatusMsg& record, bool first);
 
     Service& m_service;
     const Options& m_options;
-    ky_tools::Console& m_notices;
-    const std::string m_id;  // of all our requests; no other process has it
-    Turn m_turn;
-    std::optional<DeferredInterruption> m_interruption;  // from a request of ours to the end of its transfer
+    Console& m_notices;
+    const std::string m_id;  // transaction identifier of all our requests; unique to this process
+    TransferLock m_lock;
+    std::optional<DeferredSignal> m_signal;  // from our request to the end of its transfer
 };
 
 }  // namespace ky_tferctl

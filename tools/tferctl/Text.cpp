@@ -1,12 +1,16 @@
-#include "common/Text.h"
+#include "tferctl/Text.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
-namespace ky_tools {
+namespace ky_tferctl {
 namespace {
+
+constexpr std::size_t kMaxCellColumns = 40;
+constexpr char kGap[] = "  ";
 
 struct Unit {
     double bytes;
@@ -15,10 +19,10 @@ struct Unit {
 };
 
 Unit UnitFor(std::uint64_t bytes) {
-    constexpr std::uint64_t kibi = 1024;
-    if (bytes < kibi) return {1.0, "bytes", 0};
-    if (bytes < kibi * kibi) return {1024.0, "KiB", 1};
-    if (bytes < kibi * kibi * kibi) return {1024.0 * 1024, "MiB", 1};
+    constexpr std::uint64_t kKibi = 1024;
+    if (bytes < kKibi) return {1.0, "bytes", 0};
+    if (bytes < kKibi * kKibi) return {1024.0, "KiB", 1};
+    if (bytes < kKibi * kKibi * kKibi) return {1024.0 * 1024, "MiB", 1};
     return {1024.0 * 1024 * 1024, "GiB", 1};
 }
 
@@ -32,7 +36,7 @@ std::string In(const Unit& unit, std::uint64_t bytes) {
     return Fixed(static_cast<double>(bytes) / unit.bytes, unit.decimals);
 }
 
-// A character of several bytes has one that is no continuation: its first.
+// In UTF-8, all bytes of a character but the first are continuation bytes.
 bool StartsCharacter(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
 }
@@ -50,8 +54,8 @@ std::string Printable(std::string text) {
     for (std::size_t i = 0; i < text.size(); ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);
         if (byte < ' ' || byte == 0x7F) text[i] = '?';
-        const bool inTwo = i > 0 && text[i - 1] == '\xC2' && byte >= 0x80 && byte < 0xA0;
-        if (inTwo) text[i - 1] = text[i] = '?';
+        const bool isC1Control = i > 0 && text[i - 1] == '\xC2' && byte >= 0x80 && byte < 0xA0;
+        if (isC1Control) text[i - 1] = text[i] = '?';
     }
     return text;
 }
@@ -85,8 +89,8 @@ std::string Seconds(double seconds) {
 }
 
 std::string Duration(double seconds) {
-    constexpr double most = 99.0 * 3600;
-    if (seconds > most) return "long";
+    constexpr double kMaxSeconds = 99.0 * 3600;
+    if (seconds > kMaxSeconds) return "long";
     const int whole = static_cast<int>(std::ceil(seconds));
     if (whole < 60) return std::to_string(whole) + " s";
     std::array<char, 64> text{};
@@ -98,4 +102,34 @@ std::string Duration(double seconds) {
     return text.data();
 }
 
-}  // namespace ky_tools
+Table::Table(std::vector<std::string> titles, std::vector<Align> aligns)
+    : m_aligns(std::move(aligns)), m_widths(m_aligns.size(), 0) {
+    Add(std::move(titles));
+}
+
+void Table::Add(std::vector<std::string> cells) {
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        cells[i] = Printable(std::move(cells[i]));
+        m_widths[i] = std::max(m_widths[i], std::min(Length(cells[i]), kMaxCellColumns));
+    }
+    m_rows.push_back(std::move(cells));
+}
+
+std::string Table::Text() const {
+    std::string text;
+    for (const auto& cells : m_rows)
+        text += (text.empty() ? "" : "\n") + Row(cells);
+    return text;
+}
+
+std::string Table::Row(const std::vector<std::string>& cells) const {
+    std::string row;
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        const std::size_t length = Length(cells[i]);
+        const std::string fill(m_widths[i] - std::min(length, m_widths[i]), ' ');
+        row += (i == 0 ? "" : kGap) + (m_aligns[i] == Align::LEFT ? cells[i] + fill : fill + cells[i]);
+    }
+    return row.substr(0, row.find_last_not_of(' ') + 1);
+}
+
+}  // namespace ky_tferctl
