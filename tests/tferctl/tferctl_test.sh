@@ -108,6 +108,17 @@ expect "nothing to cancel" 3 "^tferctl: No transfer is in progress\.$" "$TFERCTL
 expect "status" 0 "" "$TFERCTL" status --json
 grep -q '"statusStr": "TFER_STATUS_COMPLETE"' "$WORK/out" || fail "status --json: $(cat "$WORK/out")"
 nothing_left "all went well"
+group=$(stat -c %G "$KY_IPC_DIR")
+[ "$group" != UNKNOWN ] || group=$(stat -c %g "$KY_IPC_DIR")
+for row in 070:. 060:tfersvc-CtrlFifo; do  # the owner is denied what the group may do, as a user outside of it
+    mode=$(stat -c %a "$KY_IPC_DIR/${row#*:}")
+    chmod "${row%:*}" "$KY_IPC_DIR/${row#*:}"
+    expect "outside of the group" 5 "requests from members of group $group only\.$" "$TFERCTL" status
+    chmod "$mode" "$KY_IPC_DIR/${row#*:}"
+done
+chmod 0 "$KY_IPC_DIR"  # no group would help
+expect "closed directory" 5 "cannot be reached" "$TFERCTL" status
+chmod 700 "$KY_IPC_DIR"
 
 start_service --fault push=refuse
 expect "the device refuses" 1 "." "$TFERCTL" put "$WORK/mine.cfg"

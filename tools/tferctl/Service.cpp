@@ -1,7 +1,11 @@
 #include "tferctl/Service.h"
 
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <new>
 
 #include "client/TferSvcMsgClient.h"
@@ -24,6 +28,28 @@ constexpr auto kTolerance = std::chrono::seconds(1);
 int Probe() {
     KyIpcFifoSession session("tferctl", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
     return session.OpenCtrlFifo(ky_service::kControlFifo);
+}
+
+std::string GroupName(gid_t group) {
+    const struct group* const entry = getgrgid(group);
+    return entry == nullptr ? std::to_string(group) : entry->gr_name;
+}
+
+/// Name of the path's group, if only the group's members have the access that this process is denied;
+/// otherwise empty.
+std::string GroupWithAccess(const std::string& path, int access) {
+    struct stat found = {};
+    const bool denied = faccessat(AT_FDCWD, path.c_str(), access, AT_EACCESS) != 0 && errno == EACCES;
+    const mode_t groupAccess = static_cast<mode_t>(access) << 3;
+    if (!denied || stat(path.c_str(), &found) != 0 || (found.st_mode & groupAccess) != groupAccess) return {};
+    return GroupName(found.st_gid);
+}
+
+/// Name of the group whose members may send requests, if this process may not; otherwise empty.
+std::string GroupOfCallers() {
+    const std::string directory = ky_ipc::IpcDirectory();
+    const std::string group = GroupWithAccess(directory, W_OK | X_OK);
+    return group.empty() ? GroupWithAccess(directory + "/" + ky_service::kControlFifo, W_OK) : group;
 }
 
 }  // namespace
@@ -88,6 +114,10 @@ void Service::ExplainMissingReply(Clock::time_point start) {
     const int status = Probe();
     if (status == KyIpcFifoSession::IPC_NO_FIFO || status == KyIpcFifoSession::IPC_NO_READER)
         throw Failure(ExitStatus::NO_SERVICE, "No transfer service is running.");
+    const std::string group = GroupOfCallers();
+    if (!group.empty())
+        throw Failure(ExitStatus::NO_SERVICE,
+                      "The transfer service accepts requests from members of group " + group + " only.");
     if (status != KyIpcFifoSession::IPC_OK)
         throw Failure(ExitStatus::NO_SERVICE,
                       "The transfer service cannot be reached; KY_LOG_LEVEL=4 shows the reason.");
