@@ -25,8 +25,8 @@ public:
         REPEATED_WORKER,  ///< started by a repeated answer of the device
     };
 
-    /// Marks a user call that may call the proxy. Close waits for its destruction. It converts to false after
-    /// Close; the call must then do nothing.
+    /// Marks a user call that may call the proxy. Close waits for its destruction. It converts to false if it
+    /// was created after Close; the user call must then do nothing.
     class Call {
     public:
         enum Admission { UNLESS_CLOSED, ALWAYS };

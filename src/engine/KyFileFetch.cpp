@@ -83,12 +83,12 @@ bool KyFileFetch::FinishFetch(Transaction& job) {
             return MoveFile(job);
         default:
             __dlog_printfex(KY_DLOG_WARNING, kSource, kFunction,
-                            "The transaction has been replaced. Dropping file(%s)", job.path.c_str());
+                            "The transaction has been replaced; its file(%s) is removed", job.path.c_str());
             return false;
     }
 }
 
-// Catches here because only its worker may end a claimed transaction.
+// Catches exceptions here: only its worker ends a claimed transaction.
 bool KyFileFetch::MoveFile(const Transaction& job) {
     try {
         HandleCompleteFile(job);

@@ -34,7 +34,7 @@ void KyFilePush::Request(const std::string& directory, const std::string& fileNa
     const int error =
         m_threads.Start(KyEngineThreads::WORKER, "t-putDevFileWorker", m_members.m_putFileThread, job,
                         [this](const Transaction& own) { PutFileToDevice(own); });
-    // The result still says in progress, as the device does. The record must not stay so for ever.
+    // Returns the result in progress: the device has accepted the push. The record must not stay in progress.
     if (error != 0) m_record.EndPush(job, false);
 }
 

@@ -12,7 +12,7 @@ namespace ky_engine {
 /// Pushes a file: the request stages and announces the file, and the worker sends it.
 class KyFilePush {
 public:
-    /// @param members  hold the device identifier; stores the thread handle
+    /// @param members  holds the device identifier and the thread handle
     KyFilePush(KyDeviceAccess& device, KyStatusRecord& record, KyEngineThreads& threads,
                KyTferClientMembers& members)
         : m_device(device), m_record(record), m_threads(threads), m_members(members) {}

@@ -7,9 +7,9 @@
 namespace ky_engine {
 
 /// Negotiates the transport: Sorrel 485, or USB if the device's first Sorrel 485 point cannot be read. Logs failed
-/// steps; over Sorrel 485 the next step follows. Blocks for its point accesses.
+/// steps. Over Sorrel 485 a failed step does not end the negotiation. Blocks for its point accesses.
 ///
-/// @param members       receive the device's versions and file size limit
+/// @param members       receives the device's versions and file size limit
 /// @param xferFileSize  written to the device's file size point
 /// @return over Sorrel 485 the status of that write; over USB that of the failed read, or 0
 int Negotiate(KyDeviceAccess& device, KyTferClientMembers& members, unsigned int xferFileSize);

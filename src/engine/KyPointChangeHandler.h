@@ -12,7 +12,7 @@ namespace ky_engine {
 /// Passes each change of a device point to the fetch, the directory fetch or the record. One call at a time.
 class KyPointChangeHandler {
 public:
-    /// @param members  hold the card's module index and the last value of the request point
+    /// @param members  holds the card's module index and the last value of the request point
     KyPointChangeHandler(KyDeviceAccess& device, KyStatusRecord& record, KyFileFetch& fetch,
                          KyDirectoryFetch& directory, KyTferClientMembers& members)
         : m_device(device), m_record(record), m_fetch(fetch), m_directory(directory), m_members(members) {}

@@ -141,7 +141,7 @@ void KyStatusRecord::EndCurrent() {
     NotifyChange();
 }
 
-// Returns when the worker of a claimed transaction has written its last update.
+// Waits until the worker of a claimed transaction has written its last update.
 void KyStatusRecord::WaitForClaimedMove() {
     while (IsOpen() && m_current.worker == Transaction::CLAIMED)
         pthread_cond_wait(&m_changed, m_members.m_requestMutex.Native());
@@ -169,11 +169,11 @@ void KyStatusRecord::AssignNumber(Transaction& transaction) const {
     transaction.deadline = WallClockSeconds() + RulesOf(transaction.kind).limitSeconds;
 }
 
-std::optional<Transaction> KyStatusRecord::AcceptFetch(const std::string& name, unsigned int size,
+std::optional<Transaction> KyStatusRecord::AcceptFetch(const std::string& transferName, unsigned int size,
                                                        Status& result) {
     Transaction fetch;
     fetch.kind = Transaction::FETCH;
-    fetch.SetFile(name, KyTferClientMembers::LandingDirectory());
+    fetch.SetFile(transferName, KyTferClientMembers::LandingDirectory());
     fetch.downloadDirectory = KyTferClientMembers::DownloadDirectory();
     fetch.expectedSize = size;
     KyRequestLock lock(m_members.m_requestMutex);
@@ -240,7 +240,7 @@ void KyStatusRecord::RefuseListing(const Transaction& listing) {
     m_requestType = Status::TFER_REQ_NONE;
 }
 
-// "READY" is an answer to the previous transaction.
+// Drops "READY", which answers the previous transaction.
 bool KyStatusRecord::KeepEarlyAnswer(const std::string& answer) {
     KyRequestLock lock(m_members.m_requestMutex);
     if (m_listingReserved && answer != kRequestReady) m_earlyAnswer = answer;
@@ -336,16 +336,16 @@ std::optional<Transaction> KyStatusRecord::AcceptReady(bool& repeated) {
     return NextJob(repeated);
 }
 
-std::optional<Transaction> KyStatusRecord::SetListingFile(const std::string& name, bool early,
+std::optional<Transaction> KyStatusRecord::SetListingFile(const std::string& transferName, bool early,
                                                           bool& repeated) {
-    std::string xferFileName(name);
+    std::string xferFileName(transferName);
     KyRequestLock lock(m_members.m_requestMutex);
     WaitForClaimedMove();
     if (m_current.kind != Transaction::LISTING || early != m_listingReserved) return std::nullopt;
-    if (IsOpen() && m_current.answered && m_current.transferName == name) return NextJob(repeated);
+    if (IsOpen() && m_current.answered && m_current.transferName == transferName) return NextJob(repeated);
     Transaction next(m_current);
     next.number = m_lastNumber + 1;
-    next.SetFile(name, m_current.directory);
+    next.SetFile(transferName, m_current.directory);
     next.expectedSize = m_members.m_xferFileSize;
     next.answered = true;
     next.worker = Transaction::UNCLAIMED;
@@ -395,7 +395,7 @@ bool KyStatusRecord::BeginWorker(const Transaction& job) {
     if (m_current.worker != Transaction::UNCLAIMED) return true;
     WriteInProgress();
     Reopen();
-    // A report so far is about an older file. The worker fetches a new one.
+    // An earlier report is about an old file. The worker fetches a new one.
     for (ReportedFile& reported : m_reported) {
         if (reported.number == job.number) reported.number = 0;
     }
@@ -533,8 +533,8 @@ Poll KyStatusRecord::PollFile(const MonitorRules& rules, unsigned long long requ
 }
 
 // Since the time-out, a worker or another file name may have reopened the transaction.
-void KyStatusRecord::EndTimedOut(const MonitorRules& rules, unsigned long long requestNumber,
-                                 bool afterTimeOut) {
+void KyStatusRecord::EndPolling(const MonitorRules& rules, unsigned long long requestNumber,
+                                bool afterTimeOut) {
     KyRequestLock lock(m_members.m_requestMutex);
     const bool mayEnd = !m_current.ended || (afterTimeOut && m_shownNumber == m_current.number);
     if (!IsMonitored(requestNumber) || m_current.worker == Transaction::CLAIMED || !mayEnd) return;

@@ -25,7 +25,7 @@ struct MonitorRules {
     const char* workerCompletedLog;  ///< logged if the worker has completed the transaction
     const char* noTransactionLog;    ///< logged if the record has no transaction
     const char* timeOutText;         ///< recorded by the poll that detects the time-out
-    const char* finalText;           ///< recorded when the monitor ends by time
+    const char* finalText;           ///< recorded when polling ends without a complete file
     const char* finalLog;            ///< logged then
 };
 
@@ -50,7 +50,7 @@ enum class FetchOutcome {
     MISSING,     ///< there is no file
     WRONG_SIZE,  ///< its size is not the expected one
     COMPLETE,    ///< move it
-    REPLACED,    ///< nothing: another transaction is current, and the file has been removed
+    REPLACED,    ///< nothing: the transaction is replaced, and its file has been removed
 };
 
 /// Owns the status record. Every write is an operation of this class. An operation takes the request mutex, checks
@@ -68,10 +68,10 @@ enum class FetchOutcome {
 ///
 ///     writer    update                      condition and effect
 ///     --------  --------------------------  ------------------------------------------------------------------
-///     request   fetch IN PROGRESS           the record is not in progress, and the record shows any open fetch or
-///                                           listing (no push has overwritten it); replaces all earlier ones
-///     request   listing IN PROGRESS         reserved on the same condition, which replaces all earlier ones;
-///                                           written after the device has been asked
+///     request   fetch IN PROGRESS           the record is not in progress, and no push has overwritten an open fetch
+///                                           or listing in it; replaces all earlier transactions
+///     request   listing IN PROGRESS         reserved on the same condition; the reservation replaces all earlier
+///                                           transactions; written after the device has been asked
 ///     request   push IN PROGRESS or FAIL    always; replaces nothing
 ///     device    name of the listing file    the listing is current; reopens an ended listing; replaces the worker
 ///                                           of another name; waits while a claimed file is moved
@@ -84,8 +84,9 @@ enum class FetchOutcome {
 ///     worker    COMPLETE                    claimed by this worker
 ///     push      COMPLETE or FAIL            no fetch or listing has become current since
 ///     monitor   IN PROGRESS, COMPLETE       its request is current and open; COMPLETE reports it
-///     monitor   FAIL by time                its request is current, and not claimed
-///     reader    FAIL by time                no monitor watches it, and its deadline has passed
+///     monitor   FAIL at the end             its request is current, and not claimed; after the time limit, "NONE" or
+///                                           Stop
+///     reader    FAIL by deadline            no monitor watches it, and its deadline has passed
 ///     request   FAIL, cancelled             something is in progress; replaces all
 ///     worker,   FAIL, out of memory         not replaced, not claimed by another worker; needs no memory
 ///     monitor
@@ -114,7 +115,7 @@ public:
     // Requests. `result` receives a copy of the record.
 
     /// @return the new transaction; none, with nothing changed, if one is in progress
-    std::optional<Transaction> AcceptFetch(const std::string& name, unsigned int size,
+    std::optional<Transaction> AcceptFetch(const std::string& transferName, unsigned int size,
                                            KyTferStatusMsg& result);
 
     /// Makes a listing current without an update. AcceptListing or RefuseListing follows.
@@ -159,7 +160,7 @@ public:
     /// Handles "READY".
     std::optional<Transaction> AcceptReady(bool& repeated);
     /// Handles the name of a listing file.
-    std::optional<Transaction> SetListingFile(const std::string& name, bool early, bool& repeated);
+    std::optional<Transaction> SetListingFile(const std::string& transferName, bool early, bool& repeated);
     /// Handles "NONE": the device has no listing.
     void NoListing(bool early);
     void SetAnnouncedSize(unsigned int size, bool echo);
@@ -182,8 +183,8 @@ public:
     /// @param sizeLogged  the size that the monitor has logged last
     Poll PollFile(const MonitorRules& rules, unsigned long long requestNumber, long long end,
                   unsigned int sizeLogged);
-    /// Writes the monitor's last update.
-    void EndTimedOut(const MonitorRules& rules, unsigned long long requestNumber, bool afterTimeOut);
+    /// Fails a transaction that is still open after the monitor's last poll.
+    void EndPolling(const MonitorRules& rules, unsigned long long requestNumber, bool afterTimeOut);
     /// Waits for a change after the poll that returned `changeCount`, at most for this time.
     void WaitForChange(unsigned long long changeCount, unsigned int milliseconds);
     /// Ends all waits of monitors. Stop calls it.
@@ -238,7 +239,8 @@ private:
     std::atomic<KyTferStatusMsg::TferRequestType> m_requestType{KyTferStatusMsg::TFER_REQ_NONE};
 
     unsigned long long m_lastNumber KY_GUARDED_BY(m_members.m_requestMutex) = 0;
-    Transaction m_current KY_GUARDED_BY(m_members.m_requestMutex);   // NONE before the first
+    Transaction m_current
+        KY_GUARDED_BY(m_members.m_requestMutex);  // of kind NONE before the first fetch, and after Abandon
     Transaction m_previous KY_GUARDED_BY(m_members.m_requestMutex);  // a reserved listing
     Transaction m_lastPush KY_GUARDED_BY(m_members.m_requestMutex);
     // Number of the transaction that the record shows.

@@ -23,7 +23,8 @@ struct Engine;
 /// A fetch. GetFileFromDevRequest records the transaction, starts a monitor and writes the file's name to the
 /// device's request point. The device answers "READY", which DataChange delivers. A worker then fetches the file
 /// into the landing directory, checks its size, moves it to the download directory and answers the device. The
-/// monitor records the size of the arriving file, and ends the transaction after 180 seconds.
+/// monitor records the size of the arriving file, and ends the transaction after 180 seconds. Later answers of the
+/// device do not change the record of a completed fetch.
 ///
 /// Threads. Any thread may call any operation, with these exceptions. Init is called once, before all others except
 /// Stop. DataChange and CreateDirectoryFromFile are each called by one thread at a time. A call of the proxy may call
@@ -122,7 +123,8 @@ public:
 
     /// Ends the transfer in progress as failed, with the text "File transfer cancelled". A fetch or listing in
     /// progress and a running push end together. A push alone ends only if the record shows it in progress; otherwise
-    /// it continues. With nothing in progress, nothing changes. A complete file that is being moved is not cancelled: its transaction completes.
+    /// it continues. With nothing in progress, nothing changes. While a complete file is moved, its transaction is not
+    /// cancelled but completes.
     ///
     /// The next request is accepted at once. If the device has not answered a fetch or listing, "NONE" is written to
     /// its request point; a later "READY" starts nothing, unless another fetch has been accepted. A monitor exits

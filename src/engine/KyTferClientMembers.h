@@ -38,9 +38,8 @@ public:
     std::atomic<unsigned int> m_serverMaxFileSize{0};  ///< largest file that the device accepts; only logged
 
 private:
-    std::string m_xferFileName KY_GUARDED_BY(m_requestMutex);  ///< transfer name of the listing file
-    unsigned int m_xferFileSize KY_GUARDED_BY(m_requestMutex) =
-        0;  ///< last known value of PNT_XFER_FILE_SIZE
+    std::string m_xferFileName KY_GUARDED_BY(m_requestMutex);       ///< transfer name of the listing file
+    unsigned int m_xferFileSize KY_GUARDED_BY(m_requestMutex) = 0;  ///< last value of the size point
 
 public:
     std::map<std::string, Listing> m_directoryMap;  ///< by path of the listing file

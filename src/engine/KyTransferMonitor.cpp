@@ -65,7 +65,7 @@ void KyTransferMonitor::Run(const MonitorRules& rules, unsigned long long reques
         SleepUnlessStopped(1, m_active);
         goOn = m_active && WallClockSeconds() < end;
     }
-    m_record.EndTimedOut(rules, requestNumber, timedOut);
+    m_record.EndPolling(rules, requestNumber, timedOut);
     __dlog_printfex(KY_DLOG_NOTICE, kSource, rules.function, "%s", rules.finalLog);
 }
 

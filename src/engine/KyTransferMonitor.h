@@ -10,8 +10,9 @@ namespace ky_engine {
 /// Polls the size of an arriving file. Ends the transaction when the file is complete or the time limit has passed.
 /// A monitor starts with the request, on its own thread.
 ///
-/// Polls while the active flag is set, with the pause of SetPause between two polls. The pause ends
-/// at once when the worker ends, the transaction is abandoned or the engine stops. When another thread clears the flag, the monitor waits a second and exits.
+/// Polls while the active flag is set, with the pause of SetPause between two polls. The pause ends at once when the
+/// worker ends, the transaction is abandoned or the engine stops. When another thread clears the flag, the monitor
+/// waits a second and exits.
 class KyTransferMonitor {
 public:
     /// @param active  the active flag; not owned
