@@ -71,13 +71,27 @@ void TraceLimits(const KyTferClientMembers& members) {
     }
 }
 
+struct NegotiationStep {
+    std::atomic<unsigned int>* read;  // receives the value; null for a write
+    unsigned int written;
+    unsigned short pointId;
+    const char* what;
+};
+
+int RunStep(KyDeviceAccess& device, const NegotiationStep& step) {
+    unsigned int value = 0;
+    const int status =
+        step.read != nullptr ? device.Read(value, step.pointId) : device.Write(step.written, step.pointId);
+    if (status != 0) {
+        __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "Could not %s. status(%d)", step.what, status);
+    } else if (step.read != nullptr) {
+        *step.read = value;
+    }
+    return status;
+}
+
 int NegotiateSorrel485(KyDeviceAccess& device, KyTferClientMembers& members, unsigned int xferFileSize) {
-    const struct {
-        std::atomic<unsigned int>* read;  // null for a write
-        unsigned int written;
-        unsigned short pointId;
-        const char* what;
-    } steps[] = {
+    const NegotiationStep steps[] = {
         {&members.m_serverMaxVersion, 0, PNT_SERVER_MAX_VERSION, "get server max version"},
         {&members.m_serverMaxFileSize, 0, PNT_SERVER_MAX_FILE_SIZE, "get server max file size"},
         {nullptr, kClientVersion, PNT_CLIENT_MIN_VERSION, "set client min version"},
@@ -87,16 +101,8 @@ int NegotiateSorrel485(KyDeviceAccess& device, KyTferClientMembers& members, uns
     };
     SetDmpSupported(false);
     int status = 0;
-    for (const auto& step : steps) {
-        unsigned int value = 0;
-        status = step.read != nullptr ? device.Read(value, step.pointId)
-                                      : device.Write(step.written, step.pointId);
-        if (status != 0) {
-            __dlog_printfex(KY_DLOG_ERROR, kSource, kFunction, "Could not %s. status(%d)", step.what, status);
-        } else if (step.read != nullptr) {
-            *step.read = value;
-        }
-    }
+    for (const NegotiationStep& step : steps)
+        status = RunStep(device, step);
     TraceLimits(members);
     device.Send(kRequestNone, PNT_CLIENT_FILE_REQ);
     __dlog_printfex(KY_DLOG_NOTICE, kSource, kFunction, "download dir is(%s)",

@@ -468,7 +468,7 @@ void KyStatusRecord::EndPush(const Transaction& push, bool pushed) {
 
 // --- Monitors
 
-// @return true if the file exists. A listing is measured only after the device has named it and its size.
+// @return true if the file exists. A listing is measured only after the device has sent its name and size.
 bool KyStatusRecord::MeasureFile(Poll& poll, unsigned int sizeLogged) const {
     poll.expectedSize = m_current.expectedSize;
     const bool measurable =
