@@ -70,7 +70,7 @@ namespace ky_directory {
 /// Parses items like a stream's `>>` in the classic locale. Streams take longer than all other work on a listing.
 ///
 /// Operations take the position of the next character and return the position after their item, or null on failure.
-/// The position is no member: the compiler would store and load a member for each item.
+/// The position is not a member, because the compiler would store and load a member for each item.
 class BlankSeparatedReader {
 public:
     explicit BlankSeparatedReader(const std::string& path)

@@ -19,7 +19,8 @@ public:
     /// An entry with empty texts, size 0 and time stamp 0.
     KyTferDirEntry();
 
-    /// @param path             directory of the file on the device; empty for entries of a listing file
+    /// @param path             directory of the file on the device, with or without a "/" at its end; empty for
+    ///                         entries of a listing file
     /// @param origFileName     the file's own name on the device
     /// @param xferFileName     transfer name: the name in requests for the file
     /// @param fileType         the device's name of the type

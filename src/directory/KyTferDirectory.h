@@ -67,8 +67,8 @@ public:
     /// @return the entries in order; none if memory runs out
     std::vector<KyTferDirEntry> GetEntryList(unsigned int skip, unsigned int take) const;
 
-    /// A page as a JSON document: indented, keys sorted, no blank after a colon, no final line end. Contains the
-    /// arguments, the number of all entries and the page's entries. The time depends on the page, not on the listing.
+    /// A page as a JSON document: indented, keys sorted, no blank after a colon, no final line end. Contains
+    /// context, skip, take and status, the number of all entries, and the page's entries. The time depends on the page, not on the listing.
     ///
     /// @param context  any text; returned in the document, omitted if it is not valid UTF-8
     /// @param skip     as for GetEntryList
