@@ -54,7 +54,7 @@ private:
     KyTferStatusMsg m_status KY_GUARDED_BY(m_requestMutex){512};  ///< the status record
 
 public:
-    pthread_t m_getDirMonitorThread{};   ///< last directory monitor
+    pthread_t m_getDirMonitorThread{};   ///< last listing monitor
     pthread_t m_getFileMonitorThread{};  ///< last fetch monitor
     pthread_t m_putFileMonitorThread{};  ///< never started
     pthread_t m_dirFileFetchThread{};    ///< last worker of a listing
