@@ -34,6 +34,8 @@ TEST(DirEntry, Document) {
         Json("{|  'filedate':'2024-02-29 23:59:59Z',|  'filesize':4294967295,|  'filesizeunit':'bytes',|"
              "  'filetype':'\xC3\xA9\\n',|  'path':'p',|  'tfername':'a'|}"));
     setenv("TZ", "UTC0", 1);
+    EXPECT_EQ(odd.GetFullXferFilePath(), "p/a\0b"s);
+    EXPECT_EQ(KyTferDirEntry("", "o", "x", "", 0, 0).GetFullOrigFilePath(), "o");
 }
 
 TEST(Directory, FindsTheFirstByPathAndTransferName) {

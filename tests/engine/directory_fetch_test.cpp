@@ -69,15 +69,19 @@ TEST_F(DirectoryFetch, OldFileIsNotTheListing) {
                          f.delayMs = 1000;
                      }));
     WriteFile(std::string(kLanding) + "DIRREQ", bytes);
+    device->ChangeUint32(8604, 1000);
+    EXPECT_TRUE(device->WaitIdle(10000));
     device->PauseDelivery();
     List();
     const auto waiting = [&] { return Outcome(Record()) == kNothingYet; };
     EXPECT_TRUE(WaitUntil(waiting));
+    EXPECT_FALSE(WaitUntil([&] { return !waiting(); }, 20ms)) << "the monitor polls without a pause";
+    device->ChangeUint32(8604, 0);
     device->ResumeDelivery();
     EXPECT_TRUE(WaitUntil([&] { return Written().back() == "get listing.txt"; }));
     for (const std::string& old : {std::string(), bytes}) {
         WriteFile(std::string(kLanding) + "listing.txt", old);
-        EXPECT_FALSE(WaitUntil([&] { return !waiting(); }, 20ms)) << "the monitor polls without a pause";
+        EXPECT_FALSE(WaitUntil([&] { return !waiting(); }, 20ms)) << old.size();
     }
 }
 
