@@ -32,7 +32,7 @@ struct Stream {
         const unsigned kind = input.Byte();
         const std::string text = input.Text(input.Byte() % 32);
         const std::string frame = FrameOf(text);
-        const std::string mark(std::begin(ky_frame::MARK), std::end(ky_frame::MARK));
+        const std::string mark(std::begin(ky_frame::kMark), std::end(ky_frame::kMark));
         switch (kind % 8) {
             case 0:
             case 1:
@@ -92,7 +92,7 @@ void Feed(KyIpcFrameDecoder& decoder, const std::string& piece, Decoded& decoded
         Require(step > 0 && (decoder.IsWhole() || taken + step == bytes.size()),
                 "no byte is left without reason");
         taken += step;
-        Require(decoder.Message().GetLength() <= ky_frame::MOST_BODY, "a message has its limit");
+        Require(decoder.Message().GetLength() <= ky_frame::kMaxBody, "a message has its limit");
         if (decoder.IsWhole()) decoded.messages.push_back(fuzz::BytesOf(decoder.Message()));
     }
 }
@@ -110,7 +110,7 @@ Decoded ThroughDecoder(const std::string& stream, const std::string& cuts) {
 /// Every byte belongs to a message or is told to be skipped. Damage may have taken the stuffing from behind a
 /// lead that ends a message, which then is taken as it stands.
 void CheckSkipped(const Decoded& decoded, size_t size) {
-    const std::string lead(ky_frame::MARK, ky_frame::MARK + ky_frame::LEAD);
+    const std::string lead(ky_frame::kMark, ky_frame::kMark + ky_frame::kLead);
     size_t most = decoded.skipped;
     size_t unsure = 0;
     for (const std::string& message : decoded.messages) {

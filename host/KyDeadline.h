@@ -4,16 +4,16 @@
 #include <algorithm>
 #include <chrono>
 
-/// A moment on the monotonic clock up to which something is waited for, in as many pieces as it takes.
+/// Ends a wait of several steps at one moment of the monotonic clock.
 class KyDeadline {
 public:
-    /// The moment `milliseconds` from now; now itself for 0 and less.
+    /// @param milliseconds  from now; 0 and less for now
     explicit KyDeadline(int milliseconds)
         : m_end(Clock::now() + std::chrono::milliseconds(std::max(milliseconds, 0))) {}
 
     bool Passed() const { return Clock::now() >= m_end; }
 
-    /// The milliseconds left, rounded up, so that a wait of this length does not end before the deadline.
+    /// The milliseconds left, rounded up: a wait of this length does not end before the deadline.
     int Remaining() const {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_end - Clock::now());
         return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));

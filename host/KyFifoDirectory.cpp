@@ -19,23 +19,23 @@
 
 namespace {
 
-constexpr char SYSTEM_DIRECTORY[] = "/run/ky-ipc";
-constexpr char TEMPORARY_DIRECTORY[] = "/tmp/ky-ipc-";
-constexpr mode_t GROUP_ONLY = 01770;  // the members of the group do not remove each other's FIFOs
-constexpr mode_t OWNER_ONLY = 0700;
-constexpr int COMMON_FLAGS = O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
+constexpr char kSystemDirectory[] = "/run/ky-ipc";
+constexpr char kUserDirectory[] = "/tmp/ky-ipc-";
+constexpr mode_t kGroupMode = 01770;  // sticky: members of the group cannot remove each other's FIFOs
+constexpr mode_t kOwnerMode = 0700;
+constexpr int kOpenFlags = O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
 
 struct Place {
     std::string path;
-    bool inTmp;  // where anybody may have made it
+    bool inTmp;  // any user may have created it
 };
 
-Place ThePlace() {
+Place FindPlace() {
     const char* const named = secure_getenv("KY_IPC_DIR");
     if (named != nullptr && *named != '\0') return {named, false};
     struct stat found;
-    if (geteuid() == 0 || lstat(SYSTEM_DIRECTORY, &found) == 0) return {SYSTEM_DIRECTORY, false};
-    return {TEMPORARY_DIRECTORY + std::to_string(geteuid()), true};
+    if (geteuid() == 0 || lstat(kSystemDirectory, &found) == 0) return {kSystemDirectory, false};
+    return {kUserDirectory + std::to_string(geteuid()), true};
 }
 
 int Refuse(const char* function, const char* what, const char* reason) {
@@ -59,7 +59,7 @@ bool IsFifo(const KyFd& file) {
     return fstat(file.Get(), &found) == 0 && S_ISFIFO(found.st_mode);
 }
 
-/// The file as one that this process has made; without a descriptor if it is no FIFO or another user's.
+/// The FIFO that this process has created; without a descriptor if the file is no FIFO or has another owner.
 KyMadeFifo OwnFifo(KyFd file) {
     struct stat found;
     const bool own = fstat(file.Get(), &found) == 0 && S_ISFIFO(found.st_mode) && found.st_uid == geteuid();
@@ -80,11 +80,12 @@ bool KyFifoDirectory::FitName(const char* name) {
 }
 
 int KyFifoDirectory::Open() {
-    const Place place = ThePlace();
+    const Place place = FindPlace();
     KyFd directory(open(place.path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat found;
     if (!directory || fstat(directory.Get(), &found) != 0) return Fail("Open", place.path.c_str());
-    if (!Trusted(found, place.inTmp)) return Refuse("Open", place.path.c_str(), "strangers can write there");
+    if (!Trusted(found, place.inTmp))
+        return Refuse("Open", place.path.c_str(), "other users can write to it");
     m_directory = std::move(directory);
     return KyIpcFifoSession::IPC_OK;
 }
@@ -98,9 +99,9 @@ int KyFifoDirectory::MakeFifo(const char* name, mode_t mode, KyMadeFifo& fifo) c
         RemoveOld(name);
         return failure;
     }
-    // Whoever may write to the directory could have put something else there meanwhile.
+    // Other writers of the directory could have replaced the FIFO before it was opened.
     KyMadeFifo made = OwnFifo(std::move(opened));
-    if (!made.fd) return Refuse("MakeFifo", name, "not the FIFO that was made");
+    if (!made.fd) return Refuse("MakeFifo", name, "not the FIFO that was created");
     if (fchmod(made.fd.Get(), mode & 0777) != 0) {
         const int failure = Fail("MakeFifo", name);
         RemoveFifo(name, made);
@@ -110,8 +111,8 @@ int KyFifoDirectory::MakeFifo(const char* name, mode_t mode, KyMadeFifo& fifo) c
     return KyIpcFifoSession::IPC_OK;
 }
 
-/// A FIFO that has the name already is not used but replaced: bytes may stand in it, and a service that
-/// answers the process that made it may still have it open.
+/// Replaces an older FIFO: it may hold bytes, and a service that replies to its creator may still have it
+/// open.
 int KyFifoDirectory::CreateFifo(const char* name) const {
     if (mkfifoat(m_directory.Get(), name, 0600) == 0) return KyIpcFifoSession::IPC_OK;
     if (errno != EEXIST) return Fail("CreateFifo", name);
@@ -129,10 +130,10 @@ int KyFifoDirectory::RemoveOld(const char* name) const {
     return Refuse("RemoveOld", name, std::strerror(errno));
 }
 
-/// Opens the FIFO just made. The umask may have taken even this process's own permissions from it; then it is
-/// opened as a mere place first, for which none is needed, and gets them back if it is the right one.
+/// Opens the FIFO just created. If the umask has removed the owner's permissions, opens it with O_PATH, which
+/// needs none, checks it, and restores them.
 KyFd KyFifoDirectory::OpenMade(const char* name) const {
-    KyFd fifo(openat(m_directory.Get(), name, O_RDWR | COMMON_FLAGS));
+    KyFd fifo(openat(m_directory.Get(), name, O_RDWR | kOpenFlags));
     if (fifo || errno != EACCES) return fifo;
     const KyMadeFifo place = OwnFifo(KyFd(openat(m_directory.Get(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC)));
     char link[32];
@@ -142,7 +143,7 @@ KyFd KyFifoDirectory::OpenMade(const char* name) const {
 }
 
 int KyFifoDirectory::OpenForWriting(const char* name, KyFd& fifo) const {
-    KyFd found(openat(m_directory.Get(), name, O_WRONLY | COMMON_FLAGS));
+    KyFd found(openat(m_directory.Get(), name, O_WRONLY | kOpenFlags));
     if (!found) return Fail("OpenForWriting", name);
     if (!IsFifo(found)) return Refuse("OpenForWriting", name, "not a FIFO");
     fifo = std::move(found);
@@ -159,8 +160,8 @@ int KyFifoDirectory::RemoveFifo(const char* name, const KyMadeFifo& fifo) const 
 
 int ky_ipc::CreateIpcDirectory() {
     try {
-        const Place place = ThePlace();
-        if (!tal_fileutils::MakeDirPath(place.path, place.inTmp ? OWNER_ONLY : GROUP_ONLY, false))
+        const Place place = FindPlace();
+        if (!tal_fileutils::MakeDirPath(place.path, place.inTmp ? kOwnerMode : kGroupMode, false))
             return Fail("Create", place.path.c_str());
         return KyFifoDirectory().Open();
     } catch (const std::exception&) {
@@ -169,5 +170,5 @@ int ky_ipc::CreateIpcDirectory() {
 }
 
 std::string ky_ipc::IpcDirectory() {
-    return ThePlace().path;
+    return FindPlace().path;
 }

@@ -7,40 +7,36 @@
 
 #include "platform/KyFd.h"
 
-/// A FIFO that this process has made and opened, and by which it knows the one that has its name later.
+/// A FIFO that this process has created and opened. Device and inode tell whether a name still belongs to it.
 struct KyMadeFifo {
     KyFd fd;
     dev_t device = 0;
     ino_t inode = 0;
 };
 
-/// The directory in which the FIFOs of all processes lie.
+/// The directory of the FIFOs of all processes, see platform/KyIpcDirectory.h. All operations use the opened
+/// directory and follow no symbolic link.
 ///
-/// It is the one that KY_IPC_DIR names in the environment; without that /run/ky-ipc; and for an ordinary user
-/// where that does not exist, /tmp/ky-ipc-<user number>. All that is done in it goes through the opened
-/// directory and never follows a symbolic link.
-///
-/// The operations return a KyIpcFifoSession::IpcStatus, and may throw std::bad_alloc where they say so.
+/// The operations return a KyIpcFifoSession::IpcStatus. Only Open() may throw std::bad_alloc.
 class KyFifoDirectory {
 public:
-    /// Whether `name` can be a FIFO's: not null, not empty, not too long, without "/" and "..".
+    /// Whether `name` can name a FIFO: not null, not empty, not too long, without "/" and "..".
     static bool FitName(const char* name);
 
-    /// Opens the directory and checks that strangers cannot write to it, and that in /tmp it is this user's
-    /// or root's. May throw std::bad_alloc.
+    /// Opens the directory. Refuses a directory to which other users can write, and a directory in /tmp of
+    /// which neither this user nor root is the owner.
     int Open();
 
-    /// Makes the FIFO and opens it, in the place of a FIFO that has the name already.
+    /// Creates the FIFO and opens it. Replaces an older FIFO of that name.
     ///
-    /// @param fifo  gets the FIFO, open for reading and for writing: while the reader itself could write to
-    ///              it, it does not come to an end when the last other writer closes it
+    /// @param fifo  set to the FIFO, open for reading and writing: without a writer of its own, the reader
+    ///              would get end-of-file when the last writer closes the FIFO
     int MakeFifo(const char* name, mode_t mode, KyMadeFifo& fifo) const;
 
-    /// Opens a FIFO that has a reader, for writing. Writing to it does not wait, and reading from the one
-    /// above does not either.
+    /// Opens a FIFO that has a reader, for writing without blocking.
     int OpenForWriting(const char* name, KyFd& fifo) const;
 
-    /// Removes the name, if it is still that of the open FIFO.
+    /// Removes the name if it still belongs to the open FIFO.
     int RemoveFifo(const char* name, const KyMadeFifo& fifo) const;
 
 private:

@@ -20,12 +20,12 @@
 
 namespace {
 
-constexpr int DEFAULT_LEVEL = KY_DLOG_NOTICE;
-constexpr int UNREAD = INT_MIN;  // no limit: the environment has not been asked yet
-constexpr size_t MOST_PREFIX = 256;
-constexpr size_t SHORT_LINE = 1024;
-constexpr size_t MOST_TEXT = 65536;
-constexpr char CUT_MARK[] = "...";
+constexpr int kDefaultLevel = KY_DLOG_NOTICE;
+constexpr int kNotRead = INT_MIN;  // no limit: KY_LOG_LEVEL has not been read yet
+constexpr size_t kMaxPrefix = 256;
+constexpr size_t kShortLine = 1024;
+constexpr size_t kMaxText = 65536;
+constexpr char kCutMark[] = "...";
 
 struct Sink {
     ky_host::KyLogSink call;
@@ -33,15 +33,14 @@ struct Sink {
     int maxLevel;
 };
 
-// All of this is initialised before any code runs, and nothing of it is destroyed: other static objects may
-// log. The lock prefers the setter, which would otherwise wait for as long as some thread or other is
-// logging.
+// Constant initialisation and no destructors: other static objects may log at any time. The lock prefers
+// writers, because busy loggers would otherwise starve the setter.
 pthread_rwlock_t s_sinkLock = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
 Sink s_sink = {nullptr, nullptr, 0};     // guarded by s_sinkLock
-int s_stderrLevel = UNREAD;              // guarded by s_sinkLock
-std::atomic<bool> s_sinkSet{false};      // lets standard error do without the lock
-std::atomic<int> s_limit{UNREAD};        // lines of a higher level are dropped before anything else
-thread_local bool t_insideSink = false;  // a second lock on the same thread could wait for itself
+int s_stderrLevel = kNotRead;            // guarded by s_sinkLock
+std::atomic<bool> s_sinkSet{false};      // without a sink, logging takes no lock
+std::atomic<int> s_limit{kNotRead};      // lines of a higher level are dropped first
+thread_local bool t_insideSink = false;  // locking again on the same thread could deadlock
 
 class ReadLock {
 public:
@@ -70,21 +69,21 @@ private:
     const int m_kept;
 };
 
-/// A prefix and the formatted text behind it, with room for a line end: on the stack while it is short.
+/// A prefix, the formatted text, and room for a line end. Short lines are on the stack.
 class Line {
 public:
     __attribute__((format(printf, 3, 0))) Line(const char* prefix, const char* format, va_list arguments)
-        : m_start(m_short), m_textAt(std::min(std::strlen(prefix), MOST_PREFIX)) {
+        : m_start(m_short), m_textAt(std::min(std::strlen(prefix), kMaxPrefix)) {
         std::memcpy(m_short, prefix, m_textAt);
-        size_t wanted = Fill(SHORT_LINE - m_textAt, format, arguments);
-        const size_t length = std::min(wanted, MOST_TEXT);
+        size_t wanted = Fill(kShortLine - m_textAt, format, arguments);
+        const size_t length = std::min(wanted, kMaxText);
         if (wanted > m_textLength && Grow(length)) wanted = Fill(length + 1, format, arguments);
-        if (wanted > m_textLength) std::memcpy(Text() + m_textLength - 3, CUT_MARK, 3);
+        if (wanted > m_textLength) std::memcpy(Text() + m_textLength - 3, kCutMark, 3);
     }
 
     char* Text() { return m_start + m_textAt; }
 
-    /// Shows the line's control characters as `?` and ends it. @return the whole line
+    /// Replaces control characters by `?` and adds the line end. @return the whole line
     const char* End() {
         char* const end = Text() + m_textLength;
         std::replace_if(
@@ -100,20 +99,21 @@ private:
         void operator()(char* bytes) const { std::free(bytes); }
     };
 
-    /// Formats into `room` bytes behind the prefix, the NUL included. @return the length of the whole text
+    /// Formats into `room` bytes after the prefix, including the NUL. @return length of the complete text
     __attribute__((format(printf, 3, 0))) size_t Fill(size_t room, const char* format, va_list arguments) {
         va_list again;
         va_copy(again, arguments);
-        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the analyzer does not see what va_copy does
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the analyzer misses the effect of va_copy
         int length = std::vsnprintf(Text(), room, format, again);
         va_end(again);
         if (length < 0)
-            length = std::snprintf(Text(), room, "%s", format);  // wide text that has no narrow form
+            length = std::snprintf(Text(), room, "%s", format);  // a wide text cannot be converted
         m_textLength = std::min(static_cast<size_t>(length), room - 1);
         return static_cast<size_t>(length);
     }
 
-    /// Moves the prefix to memory with room for a text of `length` bytes. @return false if there is none
+    /// Moves the prefix to the heap, with room for a text of `length` bytes. @return false if memory has run
+    /// out
     bool Grow(size_t length) {
         m_long.reset(static_cast<char*>(std::malloc(m_textAt + length + 1)));
         if (m_long == nullptr) return false;
@@ -122,14 +122,14 @@ private:
         return true;
     }
 
-    char m_short[SHORT_LINE];
+    char m_short[kShortLine];
     std::unique_ptr<char, Free> m_long;
     char* m_start;
     const size_t m_textAt;
     size_t m_textLength = 0;
 };
 
-/// Reads a decimal number at `text` and moves `text` behind it.
+/// Reads a decimal number at `text`, and advances `text` past it.
 template <typename Number>
 bool ReadNumber(const char*& text, Number& number) {
     const auto result = std::from_chars(text, text + std::strlen(text), number);
@@ -141,17 +141,17 @@ int EnvironmentLevel() {
     const char* text = std::getenv("KY_LOG_LEVEL");
     int level = 0;
     const bool good = text != nullptr && ReadNumber(text, level) && *text == '\0' && level >= 0;
-    return good ? level : DEFAULT_LEVEL;
+    return good ? level : kDefaultLevel;
 }
 
 int Limit() {
     int limit = s_limit.load(std::memory_order_relaxed);
-    if (limit != UNREAD) return limit;
+    if (limit != kNotRead) return limit;
     const int level = EnvironmentLevel();
     return s_limit.compare_exchange_strong(limit, level) ? level : limit;
 }
 
-/// The file that the service manager calls the journal, as device and inode.
+/// Device and inode of the journal, from the service manager.
 struct Journal {
     unsigned long long device = 0;
     unsigned long long inode = 0;
@@ -164,7 +164,7 @@ struct Journal {
     }
 };
 
-/// Asked for each line: a daemon may point its standard error elsewhere at any time.
+/// Checked for each line: a process may redirect its standard error at any time.
 bool StderrIsJournal() {
     static const Journal s_journal;
     struct stat found;
@@ -173,9 +173,9 @@ bool StderrIsJournal() {
 }
 
 /// Writes the local time and the severity's name to `prefix`. @return the number of characters
-int FormatTime(char (&prefix)[MOST_PREFIX], int severity) {
-    static const char* const NAMES[] = {"emerg",   "alert",  "crit", "error",
-                                        "warning", "notice", "info", "trace"};
+int FormatTime(char (&prefix)[kMaxPrefix], int severity) {
+    static const char* const kNames[] = {"emerg",   "alert",  "crit", "error",
+                                         "warning", "notice", "info", "trace"};
     using namespace std::chrono;
     const auto now = time_point_cast<milliseconds>(system_clock::now());
     const std::time_t seconds = system_clock::to_time_t(floor<std::chrono::seconds>(now));
@@ -184,10 +184,10 @@ int FormatTime(char (&prefix)[MOST_PREFIX], int severity) {
     localtime_r(&seconds, &local);
     const size_t length = std::strftime(prefix, sizeof prefix, "%Y-%m-%d %H:%M:%S", &local);
     return static_cast<int>(length) +
-           std::snprintf(prefix + length, sizeof prefix - length, ".%03d %s ", fraction, NAMES[severity]);
+           std::snprintf(prefix + length, sizeof prefix - length, ".%03d %s ", fraction, kNames[severity]);
 }
 
-void FormatPrefix(char (&prefix)[MOST_PREFIX], int level, const char* source, const char* function) {
+void FormatPrefix(char (&prefix)[kMaxPrefix], int level, const char* source, const char* function) {
     const int severity = std::clamp(level, 0, 7);
     const int length = StderrIsJournal() ? std::snprintf(prefix, sizeof prefix, "<%d>", severity)
                                          : FormatTime(prefix, severity);
@@ -206,7 +206,7 @@ void WriteStderr(const char* bytes, size_t count) {
     }
 }
 
-/// @return true if a sink is set: it, not standard error, decides about the line then
+/// @return true if a sink is set, even if its level drops the line: then standard error does not get the line
 __attribute__((format(printf, 4, 0))) bool GiveToSink(int level, const char* source, const char* function,
                                                       const char* format, va_list arguments) {
     if (t_insideSink) return true;
@@ -222,7 +222,7 @@ __attribute__((format(printf, 4, 0))) bool GiveToSink(int level, const char* sou
 
 __attribute__((format(printf, 4, 0))) void GiveToStderr(int level, const char* source, const char* function,
                                                         const char* format, va_list arguments) {
-    char prefix[MOST_PREFIX];
+    char prefix[kMaxPrefix];
     FormatPrefix(prefix, level, source, function);
     Line line(prefix, format, arguments);
     const char* const bytes = line.End();
@@ -238,7 +238,7 @@ extern "C" void __dlog_printfex(int level, const char* source, const char* funct
     va_list arguments;
     va_start(arguments, format);
     const bool taken = s_sinkSet.load() && GiveToSink(level, source, function, format, arguments);
-    // A sink that has just been removed may have let through what standard error's limit excludes.
+    // The limit may have been the one of a sink that has just been removed.
     if (!taken && level <= Limit()) GiveToStderr(level, source, function, format, arguments);
     va_end(arguments);
 }
@@ -246,15 +246,14 @@ extern "C" void __dlog_printfex(int level, const char* source, const char* funct
 void ky_host::SetLogSink(KyLogSink sink, void* context, int maxLevel) {
     const WriteLock lock;
     s_sink = {sink, context, maxLevel};
-    // In this order, and the other way round on the way back: a line that the sink's limit has let through
-    // finds the sink, or standard error's limit in force again.
+    // Order matters: a line that passes the sink's limit finds either the sink or standard error's limit.
     if (sink != nullptr) s_sinkSet = true;
-    s_limit = sink != nullptr ? std::max(maxLevel, UNREAD + 1) : s_stderrLevel;
+    s_limit = sink != nullptr ? std::max(maxLevel, kNotRead + 1) : s_stderrLevel;
     if (sink == nullptr) s_sinkSet = false;
 }
 
 void ky_host::SetLogLevel(int level) {
     const WriteLock lock;
-    s_stderrLevel = std::max(level, UNREAD + 1);
+    s_stderrLevel = std::max(level, kNotRead + 1);
     if (s_sink.call == nullptr) s_limit = s_stderrLevel;
 }

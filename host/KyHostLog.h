@@ -3,42 +3,40 @@
 
 #include <climits>
 
-/// The host's side of the platform's log (see platform/KyDlog.h).
+/// The host's log (see platform/KyDlog.h).
 ///
-/// Each call of the log writes one line to standard error in one write: the local time, the severity's name,
-/// the source, the function and the text. Where standard error is the journal, `<severity>` stands in the
-/// place of time and name. Control characters are shown as `?`; a text of more than 64 KiB is cut and ends
-/// with "...".
+/// Each log call writes one line to standard error in one write: local time, name of the severity, source,
+/// function and text. If standard error is the journal, `<severity>` replaces time and name. Control
+/// characters are shown as `?`. A text of more than 64 KiB is cut and ends with "...".
 ///
-/// The least severe level that is written is 5, or what the environment variable KY_LOG_LEVEL says when the
-/// log is first used (a decimal number from 0 on; anything else counts as absent). A failed write is ignored;
-/// a process whose standard error may be a pipe without a reader ignores SIGPIPE itself.
+/// The highest level that is written is 5, or the value of the environment variable KY_LOG_LEVEL at the first
+/// log call (a decimal number, 0 or more; other values are ignored). A failed write is ignored. If standard
+/// error may be a pipe without a reader, the process must ignore SIGPIPE.
 namespace ky_host {
 
-/// Takes one log line in the place of standard error.
+/// Gets each log line instead of standard error.
 ///
-/// @param context   what was given to SetLogSink() along with the sink
+/// @param context   the context that was passed to SetLogSink()
 /// @param level     severity of the line, see KyDlogLevel
 /// @param source    name of the writing source file
 /// @param function  name of the writing operation
-/// @param text      the text as formatted, control characters included; all three texts are valid only during
+/// @param text      the formatted text, with its control characters; all three texts are valid only during
 ///                  the call
 ///
-/// It runs on the thread that logs, on several at once, and with whatever locks that thread holds; so it
-/// waits for no lock under which anybody logs. It throws nothing and does not call SetLogSink() or
-/// SetLogLevel(). What it logs itself is dropped.
+/// The sink runs on the logging thread, on several threads at once, and with the locks that such a thread
+/// holds. It must not wait for a lock under which any thread logs, must not throw, and must not call
+/// SetLogSink() or SetLogLevel(). Lines that the sink logs are dropped.
 using KyLogSink = void (*)(void* context, int level, const char* source, const char* function,
                            const char* text);
 
-/// Sets the sink that takes the log's lines from now on, or returns to standard error with a null sink.
+/// Sets the sink of all log lines. With a null sink, lines go to standard error again.
 ///
-/// The limit of standard error does not apply to a sink: it gets all lines up to level `maxLevel`, and lines
-/// above that are dropped. When the call returns, no call of the sink before is running and none will begin:
-/// so it waits for those that are running. May be called from any thread.
+/// The sink gets all lines up to level `maxLevel`; the limit of standard error does not apply. The call waits
+/// for running calls of the previous sink, which is not called any more afterwards. Any thread may call it.
 void SetLogSink(KyLogSink sink, void* context, int maxLevel = INT_MAX);
 
-/// Sets the least severe level that is written to standard error, in the place of KY_LOG_LEVEL. -1, and any
-/// value below, writes nothing of the levels 0 to 7. May be called from any thread; waits like SetLogSink().
+/// Sets the highest level that is written to standard error, instead of KY_LOG_LEVEL; -1 and less for none of
+/// the levels 0 to 7. Any thread may call it; it waits like SetLogSink().
 void SetLogLevel(int level);
 
 }  // namespace ky_host

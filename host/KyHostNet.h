@@ -5,13 +5,13 @@
 
 namespace ky_host {
 
-/// Sets the text that tal_netutils::KyNetUtils::GetMAC() returns from now on in this process, for tests and
-/// simulated devices.
+/// Sets the text that tal_netutils::KyNetUtils::GetMAC() returns in this process, for tests and simulated
+/// devices.
 ///
-/// @param text  kept as it is, whatever its form; empty to return to the address of the machine
+/// @param text  returned unchanged; empty to return the machine's address again
 ///
-/// May be called from any thread, also while others call GetMAC(). Throws std::bad_alloc when memory has run
-/// out, and has changed nothing then.
+/// Any thread may call it, also while others call GetMAC(). Throws std::bad_alloc if memory has run out; the
+/// text is unchanged then.
 void SetMAC(const std::string& text);
 
 }  // namespace ky_host

@@ -10,9 +10,9 @@
 
 namespace {
 
-constexpr int WRITE_BOUND = 10000;  // ms
+constexpr int kDefaultWriteBoundMs = 10000;
 
-/// What `operation` returns, or IPC_NO_MEMORY for an exception: no other leaves what it calls.
+/// The result of `operation`, or IPC_NO_MEMORY if it throws: it throws std::bad_alloc only.
 template <typename Operation>
 int Guarded(Operation operation) {
     try {
@@ -25,7 +25,7 @@ int Guarded(Operation operation) {
 }  // namespace
 
 KyIpcFifoSession::KyIpcFifoSession(const char* name, IpcCloseConfirmBehavior /*behavior*/)
-    : m_writeBound(WRITE_BOUND) {
+    : m_writeBound(kDefaultWriteBoundMs) {
     std::snprintf(m_name, sizeof m_name, "%s", name == nullptr ? "" : name);
 }
 
@@ -66,7 +66,7 @@ int KyIpcFifoSession::OpenCtrlFifo(const char* name) {
     });
 }
 
-/// Opens the directory unless the other FIFO has brought that already.
+/// Opens the directory unless the other FIFO has opened it.
 int KyIpcFifoSession::OpenDirectory() {
     if (m_directory) return IPC_OK;
     auto directory = std::make_unique<KyFifoDirectory>();

@@ -5,49 +5,46 @@
 
 #include "platform/KyIpcMsgBuffer.h"
 
-/// How a message travels in a stream of bytes.
+/// The framing of messages in a stream of bytes.
 ///
-/// A frame is a mark of four bytes, the length of its body as four bytes with the lowest first, the body, and
-/// an end byte. The body is the message, with one byte put in behind the first three bytes of the mark
-/// wherever they occur in it. So the whole mark stands nowhere but at the start of a frame, not even across
-/// two fields: a reader that has lost the thread, because a writer died within its frame, finds it again at
-/// the next mark, without a wait and without a guess. The end byte tells a frame that lacks its last bytes
-/// from one that is followed by the next.
+/// A frame is a mark of four bytes, the length of the body as four bytes in little-endian order, the body,
+/// and an end byte. The body is the message, with a stuffing byte after each occurrence of the first three
+/// bytes of the mark. So the mark occurs only at the start of a frame. After a writer has died within its
+/// frame, the reader resynchronises at the next mark. The end byte shows that the frame is complete.
 namespace ky_frame {
 
-constexpr unsigned char MARK[] = {0xF4, 0x4B, 0x79, 0xA6};  // no text in UTF-8 holds the first two
-constexpr size_t LEAD = sizeof MARK - 1;                    // length of what the stuffing byte breaks
-constexpr unsigned char STUFFING = 0;
-constexpr unsigned char END = 0xC1;
-constexpr size_t LENGTH_SIZE = 4;
-constexpr int MOST_BODY = 1024 * 1024;  // a longer length is damage
+constexpr unsigned char kMark[] = {0xF4, 0x4B, 0x79, 0xA6};  // the first two bytes are not valid UTF-8
+constexpr size_t kLead = sizeof kMark - 1;  // the stuffing byte follows this many bytes of the mark
+constexpr unsigned char kStuffing = 0;
+constexpr unsigned char kEnd = 0xC1;
+constexpr size_t kLengthSize = 4;
+constexpr int kMaxBody = 1024 * 1024;  // the reader treats a longer length as damage
 
-/// Writes the frame of a message of `count` bytes to `frame`, in the place of what that holds.
+/// Replaces the content of `frame` by the frame of a message of `count` bytes.
 ///
 /// @return a KyIpcFifoSession::IpcStatus: IPC_OK, IPC_TOO_LARGE or IPC_NO_MEMORY
 int Encode(const char* bytes, int count, KyIpcMsgBuffer& frame);
 
 }  // namespace ky_frame
 
-/// Finds the messages in a stream of frames that is fed to it in pieces of any size. The stream may hold
-/// anything: what is no whole frame is skipped, and memory is taken only for bytes that have come, never for
-/// a length that was claimed.
+/// Finds the messages in a stream of frames. Bytes that belong to no complete frame are skipped. Memory is
+/// allocated for received bytes only, never for an announced length.
 class KyIpcFrameDecoder {
 public:
-    /// Takes bytes up to the end of the next whole message, or all of them. The call after one that has found
-    /// a message begins with the next.
+    /// Consumes bytes up to the end of the next message, or all of them. After a message, the next call
+    /// starts a new one.
     ///
-    /// @return how many bytes it took; fewer than `count` only if a message is whole
+    /// @return number of consumed bytes; less than `count` only if a message is complete
     size_t Feed(const unsigned char* bytes, size_t count);
 
-    /// Whether the last call of Feed() has ended with a whole message.
+    /// Whether the last call of Feed() has completed a message.
     bool IsWhole() const { return m_state == WHOLE; }
 
-    /// The message, or as much of it as has come. Empty when nothing has.
+    /// The message, or the part of it that has been received.
     const KyIpcMsgBuffer& Message() const { return m_message; }
 
-    /// How many bytes have been found to belong to no whole message since the last call. Bytes are known for
-    /// that once a new frame begins behind them.
+    /// Number of bytes skipped since the last call. Bytes count as skipped once a new frame begins after
+    /// them.
     size_t TakeSkipped();
 
 private:
@@ -63,9 +60,9 @@ private:
     void Hunt();
 
     State m_state = HUNTING;
-    size_t m_matched = 0;      // how much of a mark the last bytes are
-    size_t m_lengthBytes = 0;  // of the length that have come
-    unsigned int m_rest = 0;   // the length so far, then the bytes of the body that are to come
+    size_t m_matched = 0;      // number of last bytes that match the start of the mark
+    size_t m_lengthBytes = 0;  // received bytes of the length
+    unsigned int m_rest = 0;   // the length so far, then the missing bytes of the body
     size_t m_sinceMessage = 0;
     size_t m_skipped = 0;
     KyIpcMsgBuffer m_message{0};

@@ -7,8 +7,8 @@
 
 namespace {
 
-constexpr int TAIL = 4;                 // zero bytes behind the data
-constexpr long long MOST_HINT = 65536;  // a larger hint is only believed once the bytes are there
+constexpr int kTail = 4;               // zero bytes after the data
+constexpr long long kMaxHint = 65536;  // bytes reserved for a larger hint
 
 }  // namespace
 
@@ -33,31 +33,31 @@ bool KyIpcMsgBuffer::Append(const unsigned char* bytes, int count) {
     if (!Reserve(static_cast<long long>(m_length) + count)) return false;
     std::memcpy(m_bytes + m_length, bytes, static_cast<size_t>(count));
     m_length += count;
-    std::memset(m_bytes + m_length, 0, TAIL);
+    std::memset(m_bytes + m_length, 0, kTail);
     return true;
 }
 
 void KyIpcMsgBuffer::Clear() {
     m_length = 0;
     m_position = 0;
-    std::memset(m_bytes, 0, TAIL);
+    std::memset(m_bytes, 0, kTail);
 }
 
-// Makes room for a message of `total` bytes. On false nothing has changed.
+// Makes room for a message of `total` bytes. Returns false, with nothing changed, if memory has run out.
 bool KyIpcMsgBuffer::Reserve(long long total) {
     if (total > INT_MAX) return false;
     if (total <= m_capacity) return true;
     void* const old = m_bytes == m_tail ? nullptr : m_bytes;
     long long room = std::min<long long>(
-        std::max({total, 2 * m_capacity, std::min<long long>(m_sizeHint, MOST_HINT)}), INT_MAX);
-    void* grown = std::realloc(old, static_cast<size_t>(room + TAIL));
+        std::max({total, 2 * m_capacity, std::min<long long>(m_sizeHint, kMaxHint)}), INT_MAX);
+    void* grown = std::realloc(old, static_cast<size_t>(room + kTail));
     if (grown == nullptr && room > total) {
         room = total;
-        grown = std::realloc(old, static_cast<size_t>(room + TAIL));
+        grown = std::realloc(old, static_cast<size_t>(room + kTail));
     }
     if (grown == nullptr) return false;
     m_bytes = static_cast<unsigned char*>(grown);
     m_capacity = room;
-    std::memset(m_bytes + m_length, 0, TAIL);
+    std::memset(m_bytes + m_length, 0, kTail);
     return true;
 }

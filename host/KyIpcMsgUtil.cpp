@@ -6,48 +6,48 @@
 
 namespace {
 
-constexpr int INTEGER_SIZE = 4;
-constexpr int FAILED = -1;
+constexpr int kIntegerSize = 4;
+constexpr int kFailed = -1;
 
 }  // namespace
 
 int KyIpcMsgUtil::PutInteger(KyIpcMsgBuffer* buffer, int value) {
     const auto bits = static_cast<unsigned int>(value);
-    unsigned char bytes[INTEGER_SIZE];
-    for (int i = 0; i < INTEGER_SIZE; ++i)
+    unsigned char bytes[kIntegerSize];
+    for (int i = 0; i < kIntegerSize; ++i)
         bytes[i] = static_cast<unsigned char>(bits >> (8 * i) & 0xFF);
-    return buffer->Append(bytes, INTEGER_SIZE) ? 0 : FAILED;
+    return buffer->Append(bytes, kIntegerSize) ? 0 : kFailed;
 }
 
 int KyIpcMsgUtil::PutStringParam(KyIpcMsgBuffer* buffer, const std::string& value) {
-    if (value.size() > INT_MAX) return FAILED;
+    if (value.size() > INT_MAX) return kFailed;
     const int count = static_cast<int>(value.size());
-    // Room for both pieces first: a length without its bytes must not be left behind.
-    if (!buffer->Reserve(static_cast<long long>(buffer->m_length) + INTEGER_SIZE + count)) return FAILED;
+    // Reserves room for both fields first: a failure must not leave a length without its bytes.
+    if (!buffer->Reserve(static_cast<long long>(buffer->m_length) + kIntegerSize + count)) return kFailed;
     PutInteger(buffer, count);
-    return buffer->Append(reinterpret_cast<const unsigned char*>(value.data()), count) ? 0 : FAILED;
+    return buffer->Append(reinterpret_cast<const unsigned char*>(value.data()), count) ? 0 : kFailed;
 }
 
 int KyIpcMsgUtil::ExtractInteger(KyIpcMsgBuffer* buffer) {
-    if (buffer->m_length - buffer->m_position < INTEGER_SIZE) {
+    if (buffer->m_length - buffer->m_position < kIntegerSize) {
         buffer->m_position = buffer->m_length;
         return 0;
     }
     const int value = ExtractInteger(buffer->m_bytes + buffer->m_position);
-    buffer->m_position += INTEGER_SIZE;
+    buffer->m_position += kIntegerSize;
     return value;
 }
 
 int KyIpcMsgUtil::ExtractStringParam(KyIpcMsgBuffer* buffer, std::string& value) {
     value.clear();
-    if (buffer->m_length - buffer->m_position < INTEGER_SIZE) {
+    if (buffer->m_length - buffer->m_position < kIntegerSize) {
         buffer->m_position = buffer->m_length;
-        return FAILED;
+        return kFailed;
     }
     const int count = ExtractInteger(buffer);
     const int start = buffer->m_position;
-    buffer->m_position = buffer->m_length;  // where it stays unless the whole string can be handed out
-    if (count < 0 || count > buffer->m_length - start) return FAILED;
+    buffer->m_position = buffer->m_length;  // unless the string is complete
+    if (count < 0 || count > buffer->m_length - start) return kFailed;
     value.assign(reinterpret_cast<const char*>(buffer->m_bytes + start), static_cast<size_t>(count));
     buffer->m_position = start + count;
     return 0;
@@ -55,7 +55,7 @@ int KyIpcMsgUtil::ExtractStringParam(KyIpcMsgBuffer* buffer, std::string& value)
 
 int KyIpcMsgUtil::ExtractInteger(const unsigned char* bytes) {
     unsigned int bits = 0;
-    for (int i = 0; i < INTEGER_SIZE; ++i)
+    for (int i = 0; i < kIntegerSize; ++i)
         bits |= static_cast<unsigned int>(bytes[i]) << (8 * i);
     return static_cast<int>(bits);
 }

@@ -31,8 +31,7 @@ int KyIpcReadFifo::Read(KyIpcMsgBuffer& buffer, int milliseconds, int peer, cons
     return buffer.Append(message.GetBuf(), message.GetLength()) ? status : KyIpcFifoSession::IPC_NO_MEMORY;
 }
 
-/// A writer that keeps the FIFO full of anything but messages cannot hold the reader: the first look behind
-/// the deadline is the last.
+/// Reads at most once after the deadline: a writer of endless garbage cannot block the reader.
 int KyIpcReadFifo::FindMessage(const KyDeadline& deadline, int peer) {
     for (bool last = false; !Decode();) {
         if (last) return KyIpcFifoSession::IPC_TIMEOUT;
@@ -48,8 +47,8 @@ bool KyIpcReadFifo::Decode() {
     return m_decoder.IsWhole();
 }
 
-/// Waits for bytes and reads them into the empty chunk. It may also return without any. Looks for bytes
-/// behind the news that the peer has gone: it may have answered before.
+/// Waits for bytes and reads them into the empty chunk; may return IPC_OK without any. Reads also when the
+/// peer has gone: the peer may have replied before.
 int KyIpcReadFifo::Fill(const KyDeadline& deadline, int peer) {
     pollfd fifos[] = {{m_fifo.fd.Get(), POLLIN, 0}, {peer, 0, 0}};
     const int ready = poll(fifos, 2, deadline.Remaining());

@@ -11,27 +11,29 @@
 
 class KyDeadline;
 
-/// The FIFO that a session reads, and what has been read from it but not been handed out. One thread uses it
-/// at a time. The operations return a KyIpcFifoSession::IpcStatus and throw nothing.
+/// The FIFO that a session reads, and the bytes that were read but not returned. One thread uses it at a
+/// time. The operations return a KyIpcFifoSession::IpcStatus and do not throw.
 class KyIpcReadFifo {
 public:
-    // Not defaulted: make_unique would then clear the chunk, which nobody reads before it has been written.
+    // Not defaulted: make_unique would clear the chunk, which is written before it is read.
     KyIpcReadFifo() {}  // NOLINT(modernize-use-equals-default)
 
-    /// Makes the FIFO and opens it. `name` is fit; to be called once.
+    /// Creates the FIFO and opens it. To be called once. @param name  passes KyFifoDirectory::FitName()
     int Open(const KyFifoDirectory& directory, const char* name, mode_t mode);
 
-    /// Removes the FIFO, if its name is still its own.
+    /// Removes the FIFO if the name still belongs to it.
     int Remove(const KyFifoDirectory& directory) const;
 
-    /// Waits at most `milliseconds` for one message, and no longer than somebody reads the FIFO `peer`, which
-    /// this process has open for writing; -1 for none. `session` names the reader in log lines.
+    /// Waits for one message.
+    ///
+    /// @param peer     the FIFO that this process writes: the wait ends when it loses its reader; -1 for none
+    /// @param session  name for log lines
     int Read(KyIpcMsgBuffer& buffer, int milliseconds, int peer, const char* session);
 
     int Descriptor() const { return m_fifo.fd.Get(); }
 
 private:
-    static constexpr size_t CHUNK = 65536;  // what a FIFO holds: one read empties it
+    static constexpr size_t kChunkBytes = 65536;  // capacity of a FIFO: one read empties it
 
     int FindMessage(const KyDeadline& deadline, int peer);
     bool Decode();
@@ -40,9 +42,9 @@ private:
     KyMadeFifo m_fifo;
     char m_name[NAME_MAX + 1] = "";
     KyIpcFrameDecoder m_decoder;
-    size_t m_from = 0;  // of the chunk's bytes, those that are still to be decoded
+    size_t m_from = 0;  // the bytes of the chunk from m_from to m_to have not been decoded
     size_t m_to = 0;
-    std::array<unsigned char, CHUNK> m_chunk;
+    std::array<unsigned char, kChunkBytes> m_chunk;
 };
 
 #endif

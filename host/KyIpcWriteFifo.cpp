@@ -15,24 +15,24 @@
 
 namespace {
 
-constexpr long SHORTEST_PAUSE = 50'000;  // ns
-constexpr long LONGEST_PAUSE = 2'000'000;
+constexpr long kMinPauseNs = 50'000;
+constexpr long kMaxPauseNs = 2'000'000;
 
-/// Holds SIGPIPE back on this thread, which is the one that gets it for its own write.
-class NoSigpipe {
+/// Blocks SIGPIPE on this thread: write() raises it on the writing thread.
+class SigpipeBlock {
 public:
-    NoSigpipe() {
+    SigpipeBlock() {
         sigemptyset(&m_sigpipe);
         sigaddset(&m_sigpipe, SIGPIPE);
         pthread_sigmask(SIG_BLOCK, &m_sigpipe, &m_before);
         m_pending = sigismember(&m_before, SIGPIPE) == 1 && Pending();
     }
-    NoSigpipe(const NoSigpipe&) = delete;
-    NoSigpipe& operator=(const NoSigpipe&) = delete;
-    ~NoSigpipe() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+    SigpipeBlock(const SigpipeBlock&) = delete;
+    SigpipeBlock& operator=(const SigpipeBlock&) = delete;
+    ~SigpipeBlock() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
 
-    /// Takes back the signal that a write has just raised; one that was pending before stays.
-    void Swallow() const {
+    /// Consumes the signal that a write has just raised; a signal that was pending before stays.
+    void Discard() const {
         const timespec now = {0, 0};
         while (!m_pending && sigtimedwait(&m_sigpipe, nullptr, &now) < 0 && errno == EINTR) {
         }
@@ -49,8 +49,7 @@ private:
     bool m_pending;
 };
 
-/// Keeps other writers off the FIFO. The kernel lets go of the lock when a process dies, in the middle of a
-/// frame too.
+/// Excludes other writers. The kernel releases the lock when the process dies.
 class FifoLock {
 public:
     explicit FifoLock(int fifo) : m_fifo(fifo) {}
@@ -60,10 +59,9 @@ public:
         if (m_held) flock(m_fifo, LOCK_UN);
     }
 
-    /// There is no wait for a file's lock that ends at a given time, so this one asks again and again.
+    /// Polls: flock() has no time-out.
     int Acquire(const KyDeadline& deadline) {
-        for (timespec pause = {0, SHORTEST_PAUSE};;
-             pause.tv_nsec = std::min(2 * pause.tv_nsec, LONGEST_PAUSE)) {
+        for (timespec pause = {0, kMinPauseNs};; pause.tv_nsec = std::min(2 * pause.tv_nsec, kMaxPauseNs)) {
             m_held = flock(m_fifo, LOCK_EX | LOCK_NB) == 0;
             if (m_held) return KyIpcFifoSession::IPC_OK;
             if (errno != EWOULDBLOCK && errno != EINTR) return KyIpcFifoSession::IPC_FAILED;
@@ -84,17 +82,17 @@ int WaitForRoom(int fifo, const KyDeadline& deadline) {
     return ready > 0 || errno == EINTR ? KyIpcFifoSession::IPC_OK : KyIpcFifoSession::IPC_FAILED;
 }
 
-/// What to do about a write that has failed: IPC_OK to try again.
-int AfterFailure(int fifo, const NoSigpipe& noSigpipe, const KyDeadline& deadline) {
+/// Handles a failed write. @return IPC_OK to retry
+int AfterFailure(int fifo, const SigpipeBlock& sigpipe, const KyDeadline& deadline) {
     if (errno == EINTR) return KyIpcFifoSession::IPC_OK;
     if (errno == EAGAIN) return WaitForRoom(fifo, deadline);
     if (errno != EPIPE) return KyIpcFifoSession::IPC_FAILED;
-    noSigpipe.Swallow();
+    sigpipe.Discard();
     return KyIpcFifoSession::IPC_NO_READER;
 }
 
 int WriteAll(int fifo, const KyIpcMsgBuffer& frame, const KyDeadline& deadline) {
-    const NoSigpipe noSigpipe;
+    const SigpipeBlock sigpipe;
     const unsigned char* bytes = frame.GetBuf();
     const unsigned char* const end = bytes + frame.GetLength();
     int status = KyIpcFifoSession::IPC_OK;
@@ -103,7 +101,7 @@ int WriteAll(int fifo, const KyIpcMsgBuffer& frame, const KyDeadline& deadline) 
         if (count >= 0) {
             bytes += count;
         } else {
-            status = AfterFailure(fifo, noSigpipe, deadline);
+            status = AfterFailure(fifo, sigpipe, deadline);
         }
     }
     return status;

@@ -5,15 +5,14 @@
 
 class KyFifoDirectory;
 
-/// The FIFO that a session writes. One thread uses it at a time; those of other sessions, in this process and
-/// in others, may write to the same FIFO. The operations return a KyIpcFifoSession::IpcStatus and throw
-/// nothing.
+/// The FIFO that a session writes. One thread uses it at a time; other sessions and processes may write to
+/// the same FIFO. The operations return a KyIpcFifoSession::IpcStatus and do not throw.
 class KyIpcWriteFifo {
 public:
-    /// Opens the FIFO of that name, which is fit. To be called once.
+    /// Opens the FIFO. To be called once. @param name  passes KyFifoDirectory::FitName()
     int Open(const KyFifoDirectory& directory, const char* name);
 
-    /// Writes one message, for which it waits at most `milliseconds` altogether. Raises no SIGPIPE.
+    /// Writes one message. Raises no SIGPIPE. @param milliseconds  longest wait, for lock and room together
     int Write(const char* bytes, int count, int milliseconds);
 
     int Descriptor() const { return m_fifo.Get(); }

@@ -10,19 +10,18 @@
 
 namespace {
 
-/// Gives a directory that this process has just created the mode that the umask has kept from it.
+/// Sets the mode of a directory that this process has just created: the umask may have cleared bits.
 ///
-/// Whoever may write to the parent could have put a link in its place meanwhile, so links are not followed.
-/// A file system that knows no modes is no failure: the directory is there, and its mode is not wider than
-/// asked.
+/// Does not follow links: another process that can write to the parent could have replaced the directory.
+/// Ignores a failure, since the mode is not wider than requested.
 void SetMode(const char* path, mode_t mode) {
     const int directory = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (directory >= 0) {
         (void)fchmod(directory, mode);
         close(directory);
     } else if (errno == EACCES) {
-        // The umask has taken the owner's right to read. This way needs none, but on older kernels needs
-        // /proc.
+        // The umask has cleared the owner's read permission. fchmodat() does not need it, but older kernels
+        // need /proc.
         const int ignored = fchmodat(AT_FDCWD, path, mode, AT_SYMLINK_NOFOLLOW);
         (void)ignored;
     }
@@ -34,8 +33,7 @@ bool MakeOne(const char* path, mode_t mode) {
         SetMode(path, mode);
         return true;
     }
-    // A directory that exists may be reported as something else than that: a read-only file system, no right
-    // to write in its parent.
+    // If the directory exists, mkdir() may fail with another error than EEXIST: EROFS or EACCES.
     const int error = errno;
     struct stat found;
     if (stat(path, &found) == 0 && S_ISDIR(found.st_mode)) return true;
@@ -43,7 +41,7 @@ bool MakeOne(const char* path, mode_t mode) {
     return false;
 }
 
-/// Creates the missing parents of `path`, from the top; `path` is as before when the call returns.
+/// Creates the missing parents of `path`, from the top. Restores `path`.
 bool MakeParents(char* path, mode_t mode) {
     for (char* slash = std::strchr(path + 1, '/'); slash != nullptr; slash = std::strchr(slash + 1, '/')) {
         *slash = '\0';
@@ -54,7 +52,7 @@ bool MakeParents(char* path, mode_t mode) {
     return true;
 }
 
-/// Copies `path` without the slashes at its end to `copy`. @return 0, or the error number of a bad path
+/// Copies `path` without trailing slashes. @return 0, or the error number of a bad path
 int CopyPath(const std::string& path, char (&copy)[PATH_MAX]) {
     size_t length = path.size();
     while (length > 1 && path[length - 1] == '/')

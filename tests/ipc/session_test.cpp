@@ -68,8 +68,8 @@ TEST_F(SessionTest, FloodDoesNotHoldTheReader) {
 
 using Messages = std::vector<std::string>;
 
-const std::string MARK(reinterpret_cast<const char*>(ky_frame::MARK), sizeof ky_frame::MARK);
-const std::string LEAD = MARK.substr(0, ky_frame::LEAD);
+const std::string MARK(reinterpret_cast<const char*>(ky_frame::kMark), sizeof ky_frame::kMark);
+const std::string LEAD = MARK.substr(0, ky_frame::kLead);
 
 /// The messages of a stream that comes in pieces of one size, and behind them how many bytes were skipped.
 Messages Decode(const std::string& stream, size_t piece) {
@@ -98,10 +98,10 @@ TEST(Frames, ADamagedByteCostsOnlyItsFrame) {
 }
 
 TEST(Frames, OneByteMoreThanTheMostIsDamage) {
-    const std::string most(ky_frame::MOST_BODY, 'x');
+    const std::string most(ky_frame::kMaxBody, 'x');
     std::string frame = FrameOf(most);
     EXPECT_EQ(Decode(frame, 70'000), (Messages{most, "0"}));
-    ++frame[sizeof ky_frame::MARK];
+    ++frame[sizeof ky_frame::kMark];
     frame.insert(frame.size() - 1, "x");
     EXPECT_EQ(Decode(frame + FrameOf("next"), 70'000), (Messages{"next", std::to_string(frame.size())}));
 }
