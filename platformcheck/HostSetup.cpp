@@ -1,21 +1,24 @@
-// The host as the platform: FIFOs in a directory of the run, and the simulated device behind the proxy.
+// The host as the platform: FIFOs in a temporary directory, and the simulated device behind the proxy.
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
-#include "platformcheck/Check.h"
-#include "platformcheck/Setup.h"
+#include "platformcheck/PlatformTest.h"
 #include "simdevice/SimDevice.h"
 
 namespace {
 
-/// The directories of the run; removed at the end of the process that has made them.
+/// The directories of FIFOs, device and landing files; removed at the end of the process.
 class HostDirectory {
 public:
     HostDirectory() {
-        if (mkdtemp(m_path.data()) == nullptr) std::exit(1);
+        if (mkdtemp(m_path.data()) == nullptr) {
+            std::perror("platform-check: no directory in /tmp");
+            std::exit(1);
+        }
         for (const char* const part : {"/fifos", "/device", "/landing"})
             mkdir((m_path + part).c_str(), 0700);
         setenv("KY_IPC_DIR", (m_path + "/fifos").c_str(), 1);
@@ -56,9 +59,9 @@ ky_platform_check::Device Connect(const std::string& directory) {
 
 }  // namespace
 
-ky_platform_check::Options SetUpPlatformCheck() {
+ky_platform_check::Setup SetUpPlatformCheck() {
     static const HostDirectory s_directory;
-    ky_platform_check::Options options;
-    options.connect = [] { return Connect(s_directory.Path()); };
-    return options;
+    ky_platform_check::Setup setup;
+    setup.connect = [] { return Connect(s_directory.Path()); };
+    return setup;
 }

@@ -1,31 +1,49 @@
+// GoogleTest has no time-out: an alarm ends the program when a test does not end.
+#include <signal.h>
+#include <unistd.h>
+
 #include <cstring>
 
-#include "platformcheck/Setup.h"
+#include "platformcheck/PlatformTest.h"
 
 namespace {
 
-int Usage(std::FILE* out, int status) {
-    std::fputs(
-        "usage: platform-check [--list] [FILTER]\n\n"
-        "Checks the platform layer that it is linked with. With FILTER, only the checks whose names contain "
-        "it.\n--list prints their names. Exit status: 0 all good, 1 a check failed, 2 wrong usage.\n",
-        out);
-    return status;
+std::string* s_message;  // what the alarm's handler writes; never deleted
+
+void OnAlarm(int) {
+    static_cast<void>(!write(STDOUT_FILENO, s_message->data(), s_message->size()));
+    _exit(1);
 }
+
+class Watchdog : public testing::EmptyTestEventListener {
+public:
+    Watchdog() {
+        s_message = new std::string;
+        struct sigaction action = {};
+        action.sa_handler = OnAlarm;
+        sigaction(SIGALRM, &action, nullptr);
+    }
+
+    void OnTestStart(const testing::TestInfo& test) override {
+        const std::string suite = test.test_suite_name();
+        const auto& setup = ky_platform_check::TheSetup();
+        const unsigned int bound = suite == "Proxy" ? setup.proxyBound : setup.bound;
+        *s_message = "[  FAILED  ] " + suite + "." + test.name() + " has not ended within " +
+                     std::to_string(bound) + " seconds. The remaining tests do not run.\n";
+        alarm(bound);
+    }
+
+    void OnTestEnd(const testing::TestInfo& /*test*/) override { alarm(0); }
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    ky_platform_check::Options options = SetUpPlatformCheck();
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--help") == 0) return Usage(stdout, 0);
-        if (std::strcmp(argv[i], "--list") == 0) {
-            options.listOnly = true;
-        } else if (*argv[i] == '-' || !options.filter.empty()) {
-            return Usage(stderr, 2);
-        } else {
-            options.filter = argv[i];
-        }
+    testing::InitGoogleTest(&argc, argv);
+    if (argc > 1) {
+        std::fprintf(stderr, "platform-check: unknown argument '%s'; see --help\n", argv[1]);
+        return 2;
     }
-    return ky_platform_check::Run(options, stdout);
+    testing::UnitTest::GetInstance()->listeners().Append(new Watchdog);
+    return RUN_ALL_TESTS();
 }
