@@ -20,7 +20,7 @@ struct MonitorRules {
     const char* function;            ///< named in log lines
     Transaction::Kind kind;          ///< FETCH or LISTING
     long long limitSeconds;          ///< time limit of a transaction
-    const char* completeText;        ///< recorded when the landed file has its expected size
+    const char* completeText;        ///< recorded when the arriving file has its expected size
     const char* completeLog;         ///< logged then
     const char* workerCompletedLog;  ///< logged if the worker has completed the transaction
     const char* noTransactionLog;    ///< logged if the record has no transaction
@@ -59,7 +59,7 @@ enum class FetchOutcome {
 /// Terms:
 /// - The current transaction is the latest fetch or listing. A push runs beside it and replaces nothing.
 /// - A transaction is open from its acceptance until an update ends it.
-/// - A transaction is replaced when another fetch or listing becomes current, or when it is abandoned.
+/// - A transaction is replaced when another fetch or listing becomes current, or when Abandon ends it.
 /// - A transaction is reported when its monitor has recorded the file as complete.
 /// - A worker with the complete file claims the transaction before it moves the file. Time-outs and cancels do not
 ///   end a claimed transaction. A request replaces a claimed transaction only if it is reported.
