@@ -145,8 +145,9 @@ void TferService::InitEngine() {
 
 void TferService::Stop() {
     if (!m_initThread.joinable()) return;
-    m_link.Abort();
+    // Before the abort: otherwise the loop could begin a waiting request.
     m_stop = true;
+    m_link.Abort();
     eventfd_write(m_wakeUp.Get(), 1);
     m_engine.Stop();
     // The thread is missing if the system could not start it.
@@ -287,7 +288,7 @@ void TferService::BeginDueTransactions() {
         if (m_ready) DeliverChanges();
         // The next transaction's record replaces the path of the listing.
         ReadListing();
-        const std::unique_ptr<KyTferMsg> request = m_waiting.TakeDue(workerRunning || MustWaitForWorker());
+        const std::unique_ptr<KyTferMsg> request = m_waiting.TakeDue(workerRunning || MustWaitForWorker() || m_stop);
         if (!request) return;
         Begin(*request);
     }
