@@ -139,6 +139,20 @@ TEST_F(Fetch, AbandonedWorkerLeavesTheNextFileOfThatName) {
     EXPECT_EQ(ReadFile(std::string(kDownload) + "f"), bytes);
 }
 
+TEST_F(Fetch, SizeThatIsAnnouncedAfterTheReportChangesNothing) {
+    Start();
+    proxy->OnCall([&](const std::string& call) {
+        if (call != "get f") return 0;
+        WriteFile(std::string(kLanding) + "f", bytes);
+        EXPECT_TRUE(WaitUntil([&] { return Outcome(Record()) == "complete: File Transfer Complete"; }));
+        device->ChangeUint32(8604, 99);
+        EXPECT_TRUE(device->WaitIdle(10000));
+        return 1;
+    });
+    Request("f", 1000);
+    EXPECT_TRUE(WaitForOutcome(Fetched("f")));
+}
+
 TEST_F(Fetch, NamesOfTheDeviceDoNotLeadElsewhere) {
     for (const std::string name : {"../../secret", "..", "x/../../../secret", "f..g"}) {
         SCOPED_TRACE(name);

@@ -135,6 +135,31 @@ TEST_F(ValueChange, RequestPoint) {
     }
 }
 
+/// What comes while a listing is being requested may be the answer to it. READY is not, and what came before a
+/// refusal is no answer to the next request.
+TEST_F(ValueChange, AnswerBeforeTheListingRequestReturns) {
+    const struct {
+        const char* value;
+        bool refused;
+        int fetches;
+    } rows[] = {{"READY", false, 0}, {"old.txt", true, 0}, {"new.txt", false, 1}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.value);
+        Start();
+        device->SetListener(nullptr);
+        int requests = 0;
+        proxy->OnCall([&](const std::string& call) {
+            if (call != "8602=DIRREQ" || ++requests > 1) return 0;
+            Request(row.value);
+            return row.refused ? 7 : 0;
+        });
+        engine->GetDirectoryFromDevRequest();
+        if (row.refused) engine->GetDirectoryFromDevRequest();
+        EXPECT_TRUE(WaitForWorker());
+        EXPECT_EQ(log->Count(5, "request file("), row.fetches);
+    }
+}
+
 /// The "NONE" of Init was once taken for the one that the device says.
 TEST_F(ValueChange, DeviceThatReportsNoOwnWritesSaysNone) {
     Build();

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <random>
@@ -104,15 +105,20 @@ protected:
     std::string Cancel(const std::string& id) { return Ask(KyTferMsg::TFER_MSG_CANCEL_TRANS, id, m_client); }
     std::string Directory() { return Told(m_client.GetDevDirectory()); }
 
-    Record Status() {
+    /// The record, or a fresh one if the answer is not the request's own.
+    Record Status(size_t contextSize = 10'000) {
         auto request = std::make_unique<Record>(512);
-        request->SetTransId(std::to_string(++m_asked));
-        request->SetCallerContext(std::string(10'000, static_cast<char>('a' + m_asked % 26)));
-        const std::string id = request->GetTransId(), context = request->GetCallerContext();
+        const std::string id = std::to_string(++m_asked);
+        const std::string context(contextSize, static_cast<char>('a' + m_asked % 26));
+        request->SetTransId(id);
+        request->SetSorServerId(static_cast<unsigned short>(m_asked));
+        request->SetCallerContext(context);
         const std::unique_ptr<KyTferMsg> reply(m_client.DoRequest(request.release()));
         const auto* const record = dynamic_cast<const Record*>(reply.get());
-        EXPECT_TRUE(record != nullptr && record->GetTransId() == id && record->GetCallerContext() == context);
-        return record == nullptr ? Record(512) : *record;
+        const bool own = record != nullptr && record->GetTransId() == id &&
+                         record->GetSorServerId() == m_asked && record->GetCallerContext() == context;
+        EXPECT_TRUE(own || contextSize > 65536);
+        return own ? *record : Record(512);
     }
 
     /// Waits for the record to be complete, which it first is while the file still lies where it has landed.
@@ -173,8 +179,9 @@ void ExpectFetched(const std::pair<std::string, std::string>& file) {
 TEST_F(ServiceTest, FetchesBackToBack) {
     const std::pair<std::string, std::string> files[] = {{"small.log", Put("small.log", 100)},
                                                          {"large.bin", Put("large.bin", 100'000)}};
-    Start("--line-rate 11000000");  // its last byte comes some time before its end
-    std::string told;
+    Start("--line-rate 11000000");                   // its last byte comes some time before its end
+    EXPECT_EQ(Fetch("large.bin", 7), "accepted: ");  // once it is cancelled, no request waits for its worker
+    std::string told = Cancel("").substr(strlen("accepted: "));
     for (int i = 0; i < 200; ++i) {
         const auto& [name, bytes] = files[i % 2];
         ASSERT_EQ(Fetch(name, bytes.size()), "accepted: " + told) << i;
@@ -229,6 +236,17 @@ TEST_F(ServiceTest, CancelEndsWhatItNamesAndNothingElse) {
     EXPECT_EQ(Cancel("mine"), kNotThat);
     EXPECT_EQ(Cancel(""), kCancelled);
     EXPECT_EQ(Push(kSource).substr(0, 9), "accepted:");
+    EXPECT_EQ(Cancel(""), kCancelled);
+}
+
+TEST_F(ServiceTest, CancelOfOneOfTwoIsRefused) {
+    Put("event.log", 1);
+    WriteFile(kSource, "s");
+    Start("--fault fetch=silent --fault push=stuck");
+    EXPECT_EQ(Ask(KyTferMsg::TFER_MSG_GET_DEV_FILE, "mine", m_client), "accepted: ");
+    EXPECT_EQ(Push(kSource).substr(0, 9), "accepted:");
+    EXPECT_EQ(Cancel("mine"),
+              "refused: Two transfers are in progress; only a cancel without identifier ends them");
     EXPECT_EQ(Cancel(""), kCancelled);
 }
 
@@ -392,6 +410,8 @@ TEST_F(ServiceTest, SurvivesHostileCallers) {
         ASSERT_EQ(EntriesOf(m_fifos), entries);
     }
     fs::remove(m_fifos + "deaf");
+    const auto answered = [this] { return Status(200'000).GetCallerContext().size() == 200'000; };
+    EXPECT_TRUE(WaitUntil(answered)) << "an answer that does not fit into the FIFO waits for its reader";
 }
 
 }  // namespace
