@@ -288,7 +288,9 @@ void TferService::BeginDueTransactions() {
         if (m_ready) DeliverChanges();
         // The next transaction's record replaces the path of the listing.
         ReadListing();
-        const std::unique_ptr<KyTferMsg> request = m_waiting.TakeDue(workerRunning || MustWaitForWorker() || m_stop);
+        const bool mustWait = workerRunning || MustWaitForWorker();
+        if (m_stop) return;  // read last: Stop sets the flag before it ends the worker
+        const std::unique_ptr<KyTferMsg> request = m_waiting.TakeDue(mustWait);
         if (!request) return;
         Begin(*request);
     }

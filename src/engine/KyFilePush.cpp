@@ -35,7 +35,7 @@ void KyFilePush::Request(const std::string& directory, const std::string& fileNa
         m_threads.Start(KyEngineThreads::WORKER, "t-putDevFileWorker", m_members.m_putFileThread, job,
                         [this](const Transaction& own) { PutFileToDevice(own); });
     // Returns the result in progress: the device has accepted the push. The record must not stay in progress.
-    if (error != 0) m_record.EndPush(job, false);
+    if (error != 0) End(job, false);
 }
 
 // Removes a file that cannot be moved.
@@ -124,6 +124,10 @@ void KyFilePush::PutFileToDevice(const Transaction& job) {
         __dlog_printfex(KY_DLOG_ERROR, kSource, kWorkerFunction,
                         "PLD Transfer of orig file(%s) as xfer file(%s) failed", original, name);
     }
+    End(job, pushed);
+}
+
+void KyFilePush::End(const Transaction& job, bool pushed) {
     try {
         m_record.EndPush(job, pushed);
     } catch (...) {

@@ -25,6 +25,7 @@ public:
 
 private:
     void PutFileToDevice(const Transaction& job);
+    void End(const Transaction& job, bool pushed);
     bool Stage(const std::string& sourcePath, const std::string& stagedPath, KyTferStatusMsg& result);
     bool MeasureStaged(const std::string& stagedPath, unsigned int& size, KyTferStatusMsg& result);
     Transaction Announce(const std::string& fileName, const std::string& stagedPath, unsigned int size,
