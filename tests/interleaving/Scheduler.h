@@ -78,6 +78,8 @@ public:
     unsigned Random(unsigned below);
     Time Pick(std::initializer_list<Time> times) { return times.begin()[Random(unsigned(times.size()))]; }
     void Trace(const char* what, const std::string& detail);
+    /// Lets the fiber fall behind at one of the next points that comes.
+    void DisturbSoon() { m_disturbed.push_back(m_points + 1 + Random(8)); }
 
     /// Ends the run. Does not return; the fibers stay as they are.
     [[noreturn]] void Fail(const std::string& text);

@@ -264,7 +264,9 @@ int World::Move(const std::string& from, const std::string& to) {
                 to == (fetched ? kDownload : kStaging) + transfer.name,
             "a file is moved to its own place");
     if (fetched) Me().story += "move ";
-    scheduler.Sleep(scheduler.Pick({0, 0, 10 * kMillisecond, kSecond}));
+    // A device that names a listing twice begins the file anew while it is being moved.
+    if (transfer.action->answer != Action::TWICE)
+        scheduler.Sleep(scheduler.Pick({0, 0, 10 * kMillisecond, kSecond}));
     if (fetched && transfer.action->fault == Action::MOVE) {
         transfer.left = true;
         return EXDEV;

@@ -111,8 +111,10 @@ private:
         m_world.Me().kind = World::Role::CALLER;
         m_run.Sleep(m_together ? m_run.Pick({0, 10 * kMillisecond, kSecond})
                                : m_run.Pick({0, 3 * kSecond, 62 * kSecond, 182 * kSecond}));
-        for (int i = 0; i < action.times; ++i)
+        for (int i = 0; i < action.times; ++i) {
+            if (m_run.Random(2) == 0) m_run.DisturbSoon();
             Do(action);
+        }
         --m_callers;
         m_run.Wake(&m_callers);
     }
