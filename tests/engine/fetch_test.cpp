@@ -118,6 +118,16 @@ TEST_F(Fetch, LimitIsReachedInItsLastSecond) {
     EXPECT_EQ(Errors(), Strings{}) << "the time-out step comes a second later";
 }
 
+TEST_F(Fetch, NextStatusEndsWhatNoMonitorWatches) {
+    Start();
+    systemfaults::FailNextThread(11);
+    engine->GetFileFromDevRequest("missing", 5);
+    SteppedTime::Advance(180s);
+    EXPECT_EQ(Record().GetStatus(), Status::TFER_STATUS_INPROGRESS);
+    SteppedTime::Advance(1s);
+    EXPECT_EQ(Outcome(Record()), kTimedOut);
+}
+
 /// The worker of an abandoned fetch removes its file, but not the next fetch's file of the same name.
 TEST_F(Fetch, AbandonedWorkerLeavesTheNextFileOfThatName) {
     Start();
@@ -134,6 +144,7 @@ TEST_F(Fetch, AbandonedWorkerLeavesTheNextFileOfThatName) {
     Request("f", 1000);
     EXPECT_TRUE(WaitUntil([&] { return calls == 1; }));
     EXPECT_EQ(Outcome(engine->AbandonTransaction("")), "failed: File transfer cancelled");
+    EXPECT_EQ(proxy->Calls().back(), "abort");
     EXPECT_EQ(engine->GetFileFromDevRequest("f", 1000).GetStatus(), Status::TFER_STATUS_INPROGRESS);
     EXPECT_TRUE(WaitForOutcome(Fetched("f")));
     EXPECT_EQ(ReadFile(std::string(kDownload) + "f"), bytes);

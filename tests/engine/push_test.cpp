@@ -66,6 +66,9 @@ TEST_F(Push, Failures) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.step);
         Start();
+        engine->GetFileFromDevRequest("f", 1000);
+        ASSERT_TRUE(WaitForOutcome(Fetched("f")));
+        proxy->Clear();
         proxy->Fail(row.step, 7);
         if (row.outcome == kNotMoved) systemfaults::FailNextRename(18);
         if (row.outcome == kNoSize) fs::remove(kSource), fs::create_directory(kSource);
@@ -76,6 +79,7 @@ TEST_F(Push, Failures) {
         EXPECT_FALSE(fs::exists(kSource)) << "consumed";
         EXPECT_EQ(Written().size(), row.calls);
         EXPECT_EQ(log->Count(3, row.logged), 1);
+        EXPECT_EQ(Record().GetBytesTransfered(), row.calls == 0 ? 0U : 1000U);
         if (row.calls == 0) continue;
         const int number = std::stoi(Record().GetXferFileName().substr(2));
         EXPECT_TRUE(last == 0 || number == last + 1) << number;
