@@ -3,9 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <map>
 #include <memory>
-#include <optional>
-#include <vector>
 
 #include "host/KyHostIpc.h"
 #include "messages/KyTferMsgFactory.h"
@@ -22,7 +21,6 @@ namespace {
 
 using Record = KyTferStatusMsg;
 using Reply = std::shared_ptr<KyTferMsg>;
-using Replies = std::vector<Reply>;
 
 const std::string kStaging = "/var/local/tal/pldserver/", kLanding = kStaging + "3/";
 const std::string kDownload = kLanding + "tferFiles/";
@@ -39,12 +37,13 @@ Reply Result(const std::string& refusal) {
 }
 
 Reply Shows(Record::TferStatus status, const std::string& directory, const std::string& name,
-            const std::string& otherName = "") {
+            const std::string& otherName = "", const std::string& text = "") {
     auto reply = std::make_shared<Record>(512);
     reply->SetStatus(status);
     reply->SetFilePath(directory);
     reply->SetXferFileName(name);
     reply->SetOrigFileName(otherName);
+    reply->SetStatusMsg(text);
     return reply;
 }
 
@@ -60,15 +59,16 @@ protected:
 
     ~TferctlRace() override { fs::remove_all("/var/local/tal"); }
 
-    /// Runs a command and answers its requests in turn. @return its exit status
-    int Run(const std::string& arguments, const Replies& replies) {
+    /// Runs a command and answers its requests in turn, each with the reply that a letter stands for.
+    /// @return its exit status
+    int Run(const std::string& arguments, const std::string& letters) {
         Process tool(TFERCTL_PROGRAM " " + arguments + " >" + m_temp / "out" + " 2>" + m_temp / "err");
-        for (const Reply& reply : replies) {
+        for (const char letter : letters) {
             KyIpcMsgBuffer buffer(0);
             if (m_control.Read(&buffer, 10000) != 0) break;
             const std::unique_ptr<KyTferMsg> request(KyTferMsgFactory::CreateMsgFromBuffer(&buffer));
             buffer.Clear();
-            reply->Serialize(&buffer);
+            m_replies.at(letter)->Serialize(&buffer);
             Session session;
             session.OpenCtrlFifo(request->GetRespFifo().c_str());
             session.WriteCtrl(reinterpret_cast<const char*>(buffer.GetBuf()), buffer.GetLength());
@@ -76,101 +76,59 @@ protected:
         return tool.End(0);
     }
 
+    const std::map<char, Reply> m_replies = {
+        {'-', Shows(Record::TFER_STATUS_NONE, "", "")},
+        {'y', Result("")},
+        {'b', Result("Transaction already in progress")},
+        {'c', Result("File transfer cancelled")},
+        {'n', Result("no")},
+        {'p', Shows(Record::TFER_STATUS_INPROGRESS, kStaging, "3-1", "mine.cfg")},
+        {'P', Shows(Record::TFER_STATUS_COMPLETE, kStaging, "3-1", "mine.cfg")},
+        {'Q', Shows(Record::TFER_STATUS_COMPLETE, kStaging, "3-2", "mine.cfg")},
+        {'l', Shows(Record::TFER_STATUS_COMPLETE, kLanding, "listing.txt", "DIRREQ")},
+        {'L', Shows(Record::TFER_STATUS_COMPLETE, kDownload, "listing.txt", "DIRREQ")},
+        {'m', Shows(Record::TFER_STATUS_INPROGRESS, kLanding, "other", "DIRREQ")},
+        {'M', Shows(Record::TFER_STATUS_COMPLETE, kDownload, "old", "DIRREQ")},
+        {'F', Shows(Record::TFER_STATUS_COMPLETE, kDownload, "old", "mine.cfg")},
+        {'G', Shows(Record::TFER_STATUS_COMPLETE, kDownload, "other")},
+        {'S', Shows(Record::TFER_STATUS_COMPLETE, kStaging, "old", "x")},
+        {'X', Shows(Record::TFER_STATUS_FAIL, kLanding, "old", "", "File transfer cancelled: by somebody")},
+    };
     const TempDir m_temp;
     Session m_control;
 };
 
 TEST_F(TferctlRace, RecordsOfOthers) {
-    constexpr auto kDone = Record::TFER_STATUS_COMPLETE, kMoving = Record::TFER_STATUS_INPROGRESS;
-    const Reply none = Shows(Record::TFER_STATUS_NONE, "", ""), yes = Result("");
-    const Reply busy = Result("Transaction already in progress"),
-                done = Shows(kDone, kStaging, "3-1", "mine.cfg");
-    const Reply moving = Shows(kMoving, kStaging, "3-1", "mine.cfg");
-    const Reply listing = Shows(kDone, kDownload, "listing.txt", "DIRREQ");
-    const Reply noListing = Shows(kDone, kDownload, "old", "DIRREQ");
-    const Reply fetched = Shows(kDone, kDownload, "old", "mine.cfg");
     const std::string put = "put " + m_temp / "mine.cfg";
+    const std::string notSent =
+        "Another transfer began before it could be seen whether mine.cfg had been sent.";
+    const std::string notCome = "Another transfer began before it could be seen whether old had come.";
+    const std::string notOurs = "Somebody else has cancelled the transfer";
+    const std::string other = "The transfer service answered with something else than ";
     const struct {
         const char* name;
-        std::string arguments;
-        Replies replies;
+        std::string arguments, replies;
         int status;
         std::string sentence;
     } rows[] = {
-        {"lost race", put, {none, none, busy, none, yes, moving, done}, 0, "Waiting for another transfer: "},
-        {"another's push of that name",
-         put,
-         {none, none, yes, moving, Shows(kDone, kStaging, "3-2", "mine.cfg")},
-         1,
-         "Another transfer began before it could be seen whether mine.cfg had been sent."},
-        {"another's fetch after it",
-         put,
-         {none, none, yes, fetched},
-         1,
-         "Another transfer began before it could be seen whether mine.cfg had been sent."},
-        {"cancelled while it waited",
-         put,
-         {none, none, Result("File transfer cancelled")},
-         1,
-         "Somebody else has cancelled the transfer"},
-        {"refused", put, {none, none, Result("no")}, 3, "The transfer service refused: no"},
-        {"service that begins anew",
-         put,
-         {none, none, yes, moving, none},
-         1,
-         "The transfer service has begun anew and lost this transfer."},
-        {"result for a status",
-         put,
-         {yes},
-         1,
-         "The transfer service answered with something else than its status."},
-        {"status for a result",
-         put,
-         {none, none, none},
-         1,
-         "The transfer service answered with something else than a result."},
-        {"another's fetch in the place of the listing",
-         "ls",
-         {none, yes, noListing, none, yes, noListing, none, yes, noListing},
-         1,
+        {"lost race", put, "--b-ypP", 0, "Waiting for another transfer: "},
+        {"another push of that name", put, "--ypQ", 1, notSent},
+        {"fetch after it", put, "--yF", 1, notSent},
+        {"cancelled while it waited", put, "--c", 1, notOurs},
+        {"refused", put, "--n", 3, "The transfer service refused: no"},
+        {"new service", put, "--yp-", 1, "The transfer service has begun anew and lost this transfer."},
+        {"result for a status", put, "y", 1, other + "its status."},
+        {"status for a result", put, "---", 1, other + "a result."},
+        {"fetches in the place of the listing", "ls", "-yM-yM-yM", 1,
          "Other transfers have come between this one and its listing, three times."},
-        {"another's push in the place of the listing", "ls", {none, yes, done, none, yes, listing}, 0, ""},
-        {"another's listing",
-         "ls",
-         {none, yes, Shows(kMoving, kLanding, "other", "DIRREQ"), listing, none, yes, listing},
-         0,
-         ""},
-        {"listing not moved yet",
-         "ls",
-         {none, yes, Shows(kDone, kLanding, "listing.txt", "DIRREQ"), listing},
-         0,
-         ""},
-        {"fetch", "get old", {none, yes, listing, none, yes, fetched}, 0, ""},
-        {"another's fetch, and an old file of that name",
-         "get old",
-         {none, yes, listing, none, yes, Shows(kDone, kDownload, "other")},
-         1,
-         "Another transfer began before it could be seen whether old had come."},
-        {"another's push, and an old file of that name",
-         "get old",
-         {none, yes, listing, none, yes, Shows(kDone, kStaging, "old", "x")},
-         1,
-         "Another transfer began before it could be seen whether old had come."},
-        {"cancelled by another",
-         "get old",
-         {none, yes, listing, none, yes,
-          [&] {
-              auto record =
-                  std::static_pointer_cast<Record>(Shows(Record::TFER_STATUS_FAIL, kLanding, "old"));
-              record->SetStatusMsg("File transfer cancelled: by somebody");
-              return record;
-          }()},
-         1,
-         "Somebody else has cancelled the transfer"},
-        {"two files of that name",
-         "get same",
-         {none, yes, listing},
-         1,
+        {"push in the place of the listing", "ls", "-yP-yL", 0, ""},
+        {"other listing", "ls", "-ymL-yL", 0, ""},
+        {"listing not moved yet", "ls", "-ylL", 0, ""},
+        {"fetch", "get old", "-yL-yF", 0, ""},
+        {"another fetch, and an old file", "get old", "-yL-yG", 1, notCome},
+        {"push, and an old file", "get old", "-yL-yS", 1, notCome},
+        {"cancelled by another", "get old", "-yL-yX", 1, notOurs},
+        {"two files of that name", "get same", "-yL", 1,
          "The device has 2 files same; use the transfer name of the one you want."},
     };
     WriteFile(kDownload + "old", "old");
@@ -180,8 +138,8 @@ TEST_F(TferctlRace, RecordsOfOthers) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(Run(row.arguments, row.replies), row.status);
         const std::string said = ReadFile(m_temp / "err");
-        EXPECT_EQ(said.find(row.sentence) != std::string::npos, true) << said;
-        EXPECT_TRUE(!row.sentence.empty() || said.empty()) << said;
+        EXPECT_NE(said.find(row.sentence), std::string::npos) << said;
+        EXPECT_EQ(said.empty(), row.sentence.empty()) << said;
     }
 }
 
