@@ -132,7 +132,7 @@ TEST_F(Fetch, NextStatusEndsWhatNoMonitorWatches) {
 TEST_F(Fetch, AbandonedWorkerLeavesTheNextFileOfThatName) {
     Start();
     std::atomic<int> calls{0};
-    const auto dropped = [this] { return log->Count(4, "has been replaced. Dropping file") == 1; };
+    const auto dropped = [this] { return log->Count(4, "has been replaced; its file") == 1; };
     proxy->OnCall([&](const std::string& call) {
         if (call != "get f") return 0;
         const bool first = ++calls == 1;

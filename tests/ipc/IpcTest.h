@@ -10,9 +10,8 @@
 
 #include "host/KyFd.h"
 #include "host/KyHostIpc.h"
-#include "host/KyIpcFrame.h"
-#include "platform/KyIpcFifoSession.h"
 #include "support/TempDir.h"
+#include "support/Wire.h"
 
 namespace fs = std::filesystem;
 
@@ -21,27 +20,13 @@ extern "C" int __real_poll(pollfd* files, nfds_t count, int milliseconds);
 /// What poll() does in the code under test, until the end of the test.
 inline std::function<int(pollfd* files, nfds_t count, int milliseconds)> s_poll = __real_poll;
 
-inline std::string BytesOf(const KyIpcMsgBuffer& buffer) {
-    return {reinterpret_cast<const char*>(buffer.GetBuf()), static_cast<size_t>(buffer.GetLength())};
-}
-
-inline std::string FrameOf(const std::string& message) {
-    KyIpcMsgBuffer frame(0);
-    EXPECT_EQ(ky_frame::Encode(message.data(), static_cast<int>(message.size()), frame), 0);
-    return BytesOf(frame);
-}
-
-/// Writes bytes as one who knows nothing of sessions, and does not wait for a reader to open the FIFO.
+/// Writes bytes without a session. Does not wait for a reader to open the FIFO.
 inline void WriteRaw(const std::string& path, const std::string& bytes) {
     const KyFd fifo(open(path.c_str(), O_RDWR | O_CLOEXEC));
     EXPECT_EQ(write(fifo.Get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
 }
 
-struct Session : KyIpcFifoSession {
-    Session() : KyIpcFifoSession("test", IPC_CLOSE_NO_CONFIRM) {}
-};
-
-/// A test with a directory for FIFOs of its own, which must lose no descriptor.
+/// A test has its own directory for FIFOs, and must lose no descriptor.
 class IpcTest : public testing::Test {
 protected:
     IpcTest() {

@@ -28,12 +28,6 @@ std::string Describe(const KyTferMsg& request) {
     return push ? text + "|" + push->GetSrcPath() : text;
 }
 
-std::string FrameOf(KyTferMsg& message) {
-    KyIpcMsgBuffer buffer(0);
-    message.Serialize(&buffer);
-    return ::FrameOf(BytesOf(buffer));
-}
-
 class ClientTest : public IpcTest {
 protected:
     /// The service's side: takes the request, which must be as described, and sends these bytes.
@@ -61,7 +55,7 @@ TEST_F(ClientTest, RequestsAndReplies) {
     KyTferRespMsg response(512);
     KyTferStatusMsg record(512);
     record.SetStatusMsg(std::string(5000, 's'));
-    const std::string right = FrameOf(response), large = FrameOf(record);
+    const std::string right = FrameOf(BytesOf(response)), large = FrameOf(BytesOf(record));
     const std::string late = "Timeout from server for session: " + m_name + ", exceeded 30 seconds ";
     const struct {
         const char* name;
@@ -78,7 +72,7 @@ TEST_F(ClientTest, RequestsAndReplies) {
         {"directory, wrong class", directory, "3||", large, false, ""},
         {"push, wrong class", push, "2||||0|/source", large, false, ""},
         {"fetch, wrong class", fetch, "1||name||-1", large, false, ""},
-        {"unknown type", status, "5||", ::FrameOf(std::string("\x09\0\0\0", 4)), false, ""},
+        {"unknown type", status, "5||", FrameOf(std::string("\x09\0\0\0", 4)), false, ""},
         {"no answer", status, "5||", "", false, late + "bytes in buf(0)"},
         {"half an answer", status, "5||", large.substr(0, 50), false, late + "bytes in buf(42)"},
         {"memory runs out", status, "5||", "", false, "std::bad_alloc"},
@@ -97,7 +91,7 @@ TEST_F(ClientTest, RequestsAndReplies) {
             };
             const LogCapture log;
             const Message reply(row.ask());
-            EXPECT_EQ(reply ? FrameOf(*reply) : "", row.isReturned ? row.reply : "");
+            EXPECT_EQ(reply ? FrameOf(BytesOf(*reply)) : "", row.isReturned ? row.reply : "");
             EXPECT_EQ(log.Count(KY_DLOG_ERROR, row.error), row.error.empty() ? 0 : 1);
             EXPECT_NE(access(m_reply.c_str(), F_OK), 0);
             EXPECT_LE(polls, 2) << "a closed writer wakes the reader";

@@ -11,11 +11,11 @@ extern "C" int __wrap_poll(pollfd* files, nfds_t count, int milliseconds) {
 
 namespace {
 
-constexpr char NAME[] = "test-Fifo";
+constexpr char kName[] = "test-Fifo";
 
 class SessionTest : public IpcTest {
 protected:
-    SessionTest() { EXPECT_EQ(m_reader.OpenReadFifo(NAME, 0600), 0); }
+    SessionTest() { EXPECT_EQ(m_reader.OpenReadFifo(kName, 0600), 0); }
 };
 
 TEST_F(SessionTest, DirectoryIsItsOwnAndClosedToStrangers) {
@@ -27,18 +27,18 @@ TEST_F(SessionTest, DirectoryIsItsOwnAndClosedToStrangers) {
     for (const auto& [directory, status] : rows) {
         setenv("KY_IPC_DIR", (m_temp / directory).c_str(), 1);
         Session session;
-        EXPECT_EQ(session.OpenCtrlFifo(NAME), status) << directory;
-        EXPECT_EQ(session.OpenReadFifo(NAME, 0600), status) << directory;
+        EXPECT_EQ(session.OpenCtrlFifo(kName), status) << directory;
+        EXPECT_EQ(session.OpenReadFifo(kName, 0600), status) << directory;
         EXPECT_EQ(ky_host::CreateIpcDirectory() != 0, status == Session::IPC_REFUSED) << directory;
     }
     EXPECT_EQ(fs::status(m_temp / "missing").permissions(), fs::perms(01770));
 }
 
-/// Who had asked a service that was then killed waited a minute for its answer once.
+/// A caller once waited a minute for the answer of a service that had been killed.
 TEST_F(SessionTest, ReadEndsWhenThePeerHasGone) {
     Session asker;
     ASSERT_EQ(asker.OpenReadFifo("answer", 0600), 0);
-    ASSERT_EQ(asker.OpenCtrlFifo(NAME), 0);
+    ASSERT_EQ(asker.OpenCtrlFifo(kName), 0);
     KyIpcMsgBuffer buffer(200);
     EXPECT_EQ(asker.Read(&buffer, 1), Session::IPC_TIMEOUT);
     int polls = 0;
@@ -56,10 +56,10 @@ TEST_F(SessionTest, ReadEndsWhenThePeerHasGone) {
     EXPECT_EQ(buffer.GetLength(), 0);
 }
 
-/// A reader that is held never ends this test.
+/// If the reader does not end, neither does this test.
 TEST_F(SessionTest, FloodDoesNotHoldTheReader) {
     s_poll = [&](pollfd* files, nfds_t count, int milliseconds) {
-        WriteRaw(Path(NAME), std::string(100, '\xF4'));
+        WriteRaw(Path(kName), std::string(100, '\xF4'));
         return __real_poll(files, count, milliseconds);
     };
     KyIpcMsgBuffer buffer(200);
@@ -68,8 +68,8 @@ TEST_F(SessionTest, FloodDoesNotHoldTheReader) {
 
 using Messages = std::vector<std::string>;
 
-const std::string MARK(reinterpret_cast<const char*>(ky_frame::kMark), sizeof ky_frame::kMark);
-const std::string LEAD = MARK.substr(0, ky_frame::kLead);
+const std::string kMark(reinterpret_cast<const char*>(ky_frame::kMark), sizeof ky_frame::kMark);
+const std::string kLead = kMark.substr(0, ky_frame::kLead);
 
 /// The messages of a stream that comes in pieces of one size, and behind them how many bytes were skipped.
 Messages Decode(const std::string& stream, size_t piece) {
@@ -86,7 +86,7 @@ Messages Decode(const std::string& stream, size_t piece) {
 
 TEST(Frames, ADamagedByteCostsOnlyItsFrame) {
     // The message holds what frames are made of.
-    const std::string frame = FrameOf("a" + LEAD + '\0' + MARK + MARK + "b"), next = FrameOf("next");
+    const std::string frame = FrameOf("a" + kLead + '\0' + kMark + kMark + "b"), next = FrameOf("next");
     for (size_t place = 0; place < frame.size(); ++place)
         for (unsigned int change = 1; change < 256; ++change) {
             std::string bytes = frame;
@@ -101,6 +101,9 @@ TEST(Frames, OneByteMoreThanTheMostIsDamage) {
     const std::string most(ky_frame::kMaxBody, 'x');
     std::string frame = FrameOf(most);
     EXPECT_EQ(Decode(frame, 70'000), (Messages{most, "0"}));
+    KyIpcMsgBuffer stuffed(0);
+    const std::string marked = most.substr(kLead.size()) + kLead;  // takes one byte more on its way
+    EXPECT_EQ(ky_frame::Encode(marked.data(), ky_frame::kMaxBody, stuffed), Session::IPC_TOO_LARGE);
     ++frame[sizeof ky_frame::kMark];
     frame.insert(frame.size() - 1, "x");
     EXPECT_EQ(Decode(frame + FrameOf("next"), 70'000), (Messages{"next", std::to_string(frame.size())}));

@@ -11,7 +11,7 @@
 #include "messages/KyTferPutDevFile.h"
 #include "messages/KyTferRespMsg.h"
 #include "messages/KyTferStatusMsg.h"
-#include "platform/KyIpcMsgBuffer.h"
+#include "support/Wire.h"
 
 namespace {
 
@@ -26,12 +26,6 @@ std::string Int(unsigned int value) {
 
 std::string Text(const std::string& text) {
     return Int(static_cast<unsigned int>(text.size())) + text;
-}
-
-std::string BytesOf(KyTferMsg& message) {
-    KyIpcMsgBuffer buffer(64);
-    message.Serialize(&buffer);
-    return {reinterpret_cast<const char*>(buffer.GetBuf()), static_cast<size_t>(buffer.GetLength())};
 }
 
 Message FromWire(const std::string& wire) {

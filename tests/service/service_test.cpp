@@ -5,23 +5,21 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstring>
 #include <iostream>
 #include <memory>
 #include <random>
 
 #include "host/KyFd.h"
-#include "host/KyIpcFrame.h"
 #include "messages/KyServiceContract.h"
 #include "messages/KyTferGetDevFile.h"
 #include "messages/KyTferMsgFactory.h"
 #include "messages/KyTferRespMsg.h"
 #include "messages/KyTferStatusMsg.h"
 #include "platform/KyDlog.h"
-#include "platform/KyIpcMsgBuffer.h"
 #include "platform/KyIpcMsgUtil.h"
 #include "service/ServiceFixture.h"
 #include "support/LogCapture.h"
+#include "support/Wire.h"
 
 using Record = KyTferStatusMsg;
 
@@ -180,8 +178,9 @@ TEST_F(ServiceTest, FetchesBackToBack) {
     const std::pair<std::string, std::string> files[] = {{"small.log", Put("small.log", 100)},
                                                          {"large.bin", Put("large.bin", 100'000)}};
     Start("--line-rate 11000000");                   // its last byte comes some time before its end
-    EXPECT_EQ(Fetch("large.bin", 7), "accepted: ");  // once it is cancelled, no request waits for its worker
-    std::string told = Cancel("").substr(strlen("accepted: "));
+    EXPECT_EQ(Fetch("absent", 7), "accepted: ");
+    EXPECT_EQ(Cancel(""), kCancelled);  // after which no request waits for that worker
+    std::string told = "File transfer cancelled";
     for (int i = 0; i < 200; ++i) {
         const auto& [name, bytes] = files[i % 2];
         ASSERT_EQ(Fetch(name, bytes.size()), "accepted: " + told) << i;
@@ -312,21 +311,13 @@ TEST_F(ServiceTest, SignalsEndTheService) {
 
 using Writes = std::vector<std::string>;
 
-std::string Frame(const KyIpcMsgBuffer& body, int length) {
-    KyIpcMsgBuffer frame(0);
-    EXPECT_EQ(ky_frame::Encode(reinterpret_cast<const char*>(body.GetBuf()), length, frame), 0);
-    return {reinterpret_cast<const char*>(frame.GetBuf()), static_cast<size_t>(frame.GetLength())};
-}
-
 /// A framed request without content, for a reply on `fifo`; of the body only the first `length` bytes.
 std::string Request(KyTferMsg::TferMsgType type, const std::string& fifo, size_t contextSize = 7,
-                    int length = INT_MAX) {
+                    size_t length = std::string::npos) {
     const std::unique_ptr<KyTferMsg> message(KyTferMsgFactory::CreateMsg(type));
     message->SetCallerContext(std::string(contextSize, 'c'));
     message->SetRespFifo(fifo);
-    KyIpcMsgBuffer body(0);
-    message->Serialize(&body);
-    return Frame(body, std::min(length, body.GetLength()));
+    return FrameOf(BytesOf(*message).substr(0, length));
 }
 
 TEST_F(ServiceTest, FewRequestsWaitAndTheEndIsToldToThem) {
@@ -366,12 +357,12 @@ TEST_F(ServiceTest, SurvivesHostileCallers) {
         KyIpcMsgBuffer body(0);
         for (const int number : numbers)
             KyIpcMsgUtil::PutInteger(&body, number);
-        damaged.push_back(Frame(body, body.GetLength()));
+        damaged.push_back(FrameOf(BytesOf(body)));
     }
-    const auto fetch = [](int length) {
+    const auto fetch = [](size_t length) {
         return Request(KyTferMsg::TFER_MSG_GET_DEV_FILE, "nobody", 7, length);
     };
-    for (int length = 0; fetch(length) != fetch(INT_MAX); ++length)
+    for (size_t length = 0; fetch(length) != fetch(std::string::npos); ++length)
         damaged.push_back(fetch(length));
 
     const KyFd deaf = MakeFifo("deaf");

@@ -10,10 +10,9 @@
 #include "messages/KyTferMsgFactory.h"
 #include "messages/KyTferRespMsg.h"
 #include "messages/KyTferStatusMsg.h"
-#include "platform/KyIpcFifoSession.h"
-#include "platform/KyIpcMsgBuffer.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
+#include "support/Wire.h"
 
 namespace fs = std::filesystem;
 
@@ -24,10 +23,6 @@ using Reply = std::shared_ptr<KyTferMsg>;
 
 const std::string kStaging = "/var/local/tal/pldserver/", kLanding = kStaging + "3/";
 const std::string kDownload = kLanding + "tferFiles/";
-
-struct Session : KyIpcFifoSession {
-    Session() : KyIpcFifoSession("test", IPC_CLOSE_NO_CONFIRM) {}
-};
 
 Reply Result(const std::string& refusal) {
     auto reply = std::make_shared<KyTferRespMsg>(512);
@@ -67,11 +62,10 @@ protected:
             KyIpcMsgBuffer buffer(0);
             if (m_control.Read(&buffer, 10000) != 0) break;
             const std::unique_ptr<KyTferMsg> request(KyTferMsgFactory::CreateMsgFromBuffer(&buffer));
-            buffer.Clear();
-            m_replies.at(letter)->Serialize(&buffer);
+            const std::string reply = BytesOf(*m_replies.at(letter));
             Session session;
             session.OpenCtrlFifo(request->GetRespFifo().c_str());
-            session.WriteCtrl(reinterpret_cast<const char*>(buffer.GetBuf()), buffer.GetLength());
+            session.WriteCtrl(reply.data(), static_cast<int>(reply.size()));
         }
         return tool.End(0);
     }
@@ -102,9 +96,8 @@ TEST_F(TferctlRace, RecordsOfOthers) {
     const std::string put = "put " + m_temp / "mine.cfg";
     const std::string notSent =
         "Another transfer began before it could be seen whether mine.cfg had been sent.";
-    const std::string notCome = "Another transfer began before it could be seen whether old had come.";
+    const std::string notCome = "Another transfer began before it could be seen whether old had arrived.";
     const std::string notOurs = "Somebody else has cancelled the transfer";
-    const std::string other = "The transfer service answered with something else than ";
     const struct {
         const char* name;
         std::string arguments, replies;
@@ -117,10 +110,12 @@ TEST_F(TferctlRace, RecordsOfOthers) {
         {"cancelled while it waited", put, "--c", 1, notOurs},
         {"refused", put, "--n", 3, "The transfer service refused: no"},
         {"new service", put, "--yp-", 1, "The transfer service has begun anew and lost this transfer."},
-        {"result for a status", put, "y", 1, other + "its status."},
-        {"status for a result", put, "---", 1, other + "a result."},
+        {"result for a status", put, "y", 1,
+         "The transfer service sent no status in reply to a status request."},
+        {"status for a result", put, "---", 1,
+         "The transfer service sent a reply of another kind than expected."},
         {"fetches in the place of the listing", "ls", "-yM-yM-yM", 1,
-         "Other transfers have come between this one and its listing, three times."},
+         "Other transfers replaced the fetched listing three times."},
         {"push in the place of the listing", "ls", "-yP-yL", 0, ""},
         {"other listing", "ls", "-ymL-yL", 0, ""},
         {"listing not moved yet", "ls", "-ylL", 0, ""},
