@@ -5,9 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -16,26 +14,15 @@
 #include <vector>
 
 #include "platform/KyDlog.h"
-#include "platform/KyIpcMsgBuffer.h"
 #include "platform/tal_fileutils.h"
 #include "support/TempDir.h"
-
-static size_t s_mostMemory = std::string::npos;  // larger allocations of the buffer fail
-static size_t s_largestRequest = 0;
-
-extern "C" void* __real_realloc(void* old, size_t size);
-extern "C" void* __wrap_realloc(void* old, size_t size);
-extern "C" void* __wrap_realloc(void* old, size_t size) {
-    s_largestRequest = std::max(s_largestRequest, size);
-    return size > s_mostMemory ? nullptr : __real_realloc(old, size);
-}
 
 namespace {
 
 using Lines = std::vector<std::string>;
 
-/// Runs `body` in a process of its own, where the log has not been used yet, and returns what each of its
-/// writes to standard error wrote. The socket keeps them apart.
+/// Runs `body` in a new process, where the log has not been used yet. The socket keeps the writes apart.
+/// @return what each write to standard error wrote
 Lines WritesOf(const std::function<void()>& body) {
     int sockets[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sockets), 0);
@@ -104,21 +91,6 @@ TEST(FileUtils, OddPaths) {
     EXPECT_EQ(access((dir / "a/c").c_str(), F_OK), 0);
     EXPECT_FALSE(tal_fileutils::MakeDirPath(dir / std::string("z\0z", 3), 0777, true));
     EXPECT_EQ(errno, EINVAL);
-}
-
-TEST(IpcBuffer, AsksForLittleMemoryAndAFailedAppendChangesNothing) {
-    const std::vector<unsigned char> more(1000, 'm');
-    KyIpcMsgBuffer hinted(INT_MAX), buffer(0);
-    ASSERT_TRUE(hinted.Append(more.data(), 60) && buffer.Append(more.data(), 60));
-    EXPECT_LT(s_largestRequest, 1'000'000u) << "a hint is believed";
-    s_mostMemory = 100;
-    const bool appended = buffer.Append(more.data(), 1000);
-    const bool exactFit = buffer.Append(more.data(), 36);  // twice the room is refused, 96 + 4 bytes are not
-    s_mostMemory = std::string::npos;
-    EXPECT_TRUE(exactFit && !appended);
-    EXPECT_EQ(buffer.GetLength(), 96);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.GetBuf()), 100),
-              std::string(96, 'm') + std::string(4, '\0'));
 }
 
 }  // namespace

@@ -109,7 +109,7 @@ TEST_F(TferctlRace, RecordsOfOthers) {
         {"fetch after it", put, "--yF", 1, notSent},
         {"cancelled while it waited", put, "--c", 1, notOurs},
         {"refused", put, "--n", 3, "The transfer service refused: no"},
-        {"new service", put, "--yp-", 1, "The transfer service has begun anew and lost this transfer."},
+        {"new service", put, "--yp-", 1, "The transfer service has restarted and lost this transfer."},
         {"result for a status", put, "y", 1,
          "The transfer service sent no status in reply to a status request."},
         {"status for a result", put, "---", 1,
