@@ -4,23 +4,23 @@
 /// @file
 /// The platform's log.
 
-/// Severities of a log line, numbered like the syslog's.
+/// Severities of a log line, with the numbers of syslog.
 enum KyDlogLevel {
     KY_DLOG_ERROR = 3,    ///< a step failed
-    KY_DLOG_WARNING = 4,  ///< something odd was seen and ignored
-    KY_DLOG_NOTICE = 5,   ///< a notable event of normal running
-    KY_DLOG_TRACE = 7,    ///< tracing: entries, exits, check points
+    KY_DLOG_WARNING = 4,  ///< something unexpected was ignored
+    KY_DLOG_NOTICE = 5,   ///< a notable event of normal operation
+    KY_DLOG_TRACE = 7,    ///< tracing: entries, exits, checkpoints
 };
 
 /// Writes one line to the platform's log.
 ///
-/// @param level     how severe the line is, see KyDlogLevel; the platform drops what its limit excludes
-/// @param source    name of the writing source file, without its extension; never null
-/// @param function  name of the writing operation; never null
+/// @param level     severity, see KyDlogLevel; the platform drops lines above its limit
+/// @param source    name of the source file, without its extension; never null
+/// @param function  name of the operation; never null
 /// @param format    printf format of the text, without a line end; never null
 ///
-/// May be called from any thread and with any lock held. It leaves `errno` as it was, and it neither waits
-/// for the caller's locks nor calls back into the caller.
+/// Any thread may call it, with any lock held. It preserves `errno`, waits for no lock of the caller, and
+/// does not call the caller back.
 extern "C" void __dlog_printfex(int level, const char* source, const char* function, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 

@@ -3,36 +3,35 @@
 
 class KyIpcMsgUtil;
 
-/// The bytes of one message, with a position up to which they have been read.
+/// The bytes of one message, with a reading position.
 ///
-/// The buffer grows as it is written. At least four zero bytes stand behind its last byte at any time, so
-/// that looking at the first integer of a short or empty message reads nothing foreign and yields 0.
+/// The buffer grows when it is written. At least four zero bytes follow its last byte at any time: reading
+/// the first integer of a short or empty message yields 0 and stays within the buffer.
 ///
 /// A buffer has no lock; one thread uses it at a time.
 class KyIpcMsgBuffer {
 public:
     /// An empty buffer.
     ///
-    /// @param sizeHint  expected length in bytes; a hint, neither a limit nor reserved at once. 0 and
-    ///                  negative values are fine.
+    /// @param sizeHint  expected length in bytes; not a limit, and not reserved at once. May be 0 or negative
     explicit KyIpcMsgBuffer(int sizeHint);
     ~KyIpcMsgBuffer();
     KyIpcMsgBuffer(const KyIpcMsgBuffer&) = delete;
     KyIpcMsgBuffer& operator=(const KyIpcMsgBuffer&) = delete;
 
-    /// The bytes from the first on; never null. The buffer's own; valid until it is next written or cleared.
+    /// The bytes; never null. The buffer owns them; they are valid until the buffer is written or cleared.
     unsigned char* GetBuf() const;
 
     /// Number of bytes written or received.
     int GetLength() const;
 
-    /// Adds `count` bytes at the end; `bytes` may be null when `count` is 0.
+    /// Appends `count` bytes; `bytes` may be null if `count` is 0.
     ///
-    /// @return true if they were added; false, and nothing has changed, if `count` is negative, the message
-    ///         would pass 2^31 - 1 bytes, or memory has run out
+    /// @return false, with nothing changed, if `count` is negative, the message would become longer than 2^31
+    ///         - 1 bytes, or memory has run out
     bool Append(const unsigned char* bytes, int count);
 
-    /// Forgets all bytes and moves the reading position to the start; keeps the memory.
+    /// Removes all bytes and resets the reading position; keeps the memory.
     void Clear();
 
 private:
@@ -41,10 +40,10 @@ private:
     bool Reserve(long long total);
 
     int m_sizeHint;
-    unsigned char* m_bytes;  // owned, from malloc; m_tail until the first byte is written
+    unsigned char* m_bytes;  // from malloc, owned; m_tail before the first write
     int m_length;
-    long long m_capacity;  // room for data, the zero bytes behind it not counted
-    int m_position;        // of the next byte to extract, 0 to m_length
+    long long m_capacity;  // without the zero bytes
+    int m_position;        // next byte to extract, 0 to m_length
     mutable unsigned char m_tail[4];
 };
 

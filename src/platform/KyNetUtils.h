@@ -8,11 +8,11 @@ namespace tal_netutils {
 /// Network helpers of the platform.
 class KyNetUtils {
 public:
-    /// The card's MAC address, as text in the very form in which the managed device stores it in its
-    /// MonAgentInfo points: the card finds itself there by comparing byte for byte.
+    /// The card's MAC address, as text in the form that the managed device uses in its MonAgentInfo points:
+    /// the card finds its module by comparing the texts byte for byte.
     ///
-    /// May be called from any thread. A card without a network interface gets a fixed text; the empty text,
-    /// with which no module is found, means that memory has run out.
+    /// Any thread may call it. Returns a fixed text on a card without a network interface; the empty text,
+    /// which matches no module, if memory has run out.
     static std::string GetMAC();
 };
 

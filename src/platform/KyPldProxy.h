@@ -3,18 +3,18 @@
 
 #include <string>
 
-/// The card's way to the managed device: its numbered points and its file path.
+/// Access to the managed device: its numbered points and its files. A card derives its own proxy from this
+/// class.
 ///
-/// A card brings its own proxy by deriving from this class. Every operation may be called from several
-/// threads at once. All but AbortTransfer block until the device has answered or the proxy's own time limit
-/// has passed: the transfer engine sets no limit of its own around a call.
+/// Several threads may call every operation at once. All operations but AbortTransfer block until the device
+/// has answered or the proxy's own time limit has passed: the transfer engine has no time limit for a call.
 ///
-/// A point is addressed by device, point identifier and multi-module index (counted from 1; 0 when the
-/// card's index is not known). `idx`, `uom`, `norm` and `option` are further addressing of the platform's;
-/// the transfer engine passes 0 for each.
+/// A point is addressed by device, point identifier and multi-module index (1 or more; 0 if the card's index
+/// is not known). `idx`, `uom`, `norm` and `option` are further parts of the platform's addresses; the
+/// transfer engine passes 0 for each.
 ///
-/// The point operations return a status: 0 is success, any other value is the proxy's failure code. What a
-/// failed read leaves in its output argument is not used.
+/// The point operations return 0 for success and the proxy's failure code otherwise. After a failed read, the
+/// output argument is not used.
 class KyPldProxy {
 public:
     /// Reads a string point into `value`.
@@ -26,43 +26,43 @@ public:
     virtual int GetMaiUint32(unsigned int& value, unsigned short device, unsigned short pointId,
                              unsigned short mmIdx, unsigned short idx, unsigned short uom, short norm) = 0;
 
-    /// Writes a string point. `value` ends with a NUL and is not kept; the unit of `timeout` is the proxy's
-    /// (the engine passes 1000).
+    /// Writes a string point. `value` ends with a NUL and is valid during the call only. The proxy defines
+    /// the unit of `timeout` (the engine passes 1000).
     virtual int SetMaiString(const char* value, unsigned short device, unsigned short pointId,
                              unsigned short mmIdx, unsigned short idx, unsigned short uom, short norm,
                              unsigned int option, unsigned int timeout) = 0;
 
-    /// Writes a 32-bit integer point. The unit of `timeout` is the proxy's (the engine passes 5000).
+    /// Writes a 32-bit integer point. The proxy defines the unit of `timeout` (the engine passes 5000).
     virtual int SetMaiUint32(unsigned int value, unsigned short device, unsigned short pointId,
                              unsigned short mmIdx, unsigned short idx, unsigned short uom, short norm,
                              unsigned int timeout) = 0;
 
-    /// Tells how many module instances (multi-module indexes) the device holds for a report.
+    /// Reads the number of module instances (multi-module indexes) that the device has for a report.
     virtual int GetMaxModuleCount(unsigned int& count, unsigned short device, unsigned short reportId) = 0;
 
-    /// Tells which report of the device holds a point; fails if the device has no such report.
+    /// Reads the identifier of the report that contains a point; fails if the device has no such report.
     virtual int GetPointReportId(unsigned int& reportId, unsigned short device, unsigned short pointId) = 0;
 
     virtual ~KyPldProxy();
 
-    /// Fetches the device's file `fileName` into the device's landing directory on the card. The file grows
-    /// there while it arrives, is complete and closed when the call returns, and keeps its name.
+    /// Fetches a file into the device's landing directory on the card, under its transfer name. The file
+    /// grows there while it arrives. It is complete and closed when the call returns.
     ///
-    /// @param device    identifier of the managed device
-    /// @param option    the platform's; the engine passes the empty string
-    /// @param fileName  the file's name on the device
-    /// @return true if a file was delivered. The engine does not look at it: it measures the file.
-    bool GetDevFile(unsigned short device, const std::string& option, const std::string& fileName);
+    /// @param device        identifier of the managed device
+    /// @param option        defined by the platform; the engine passes the empty string
+    /// @param transferName  the file's name on the device
+    /// @return true if a file was delivered. The engine ignores it and checks the size of the file.
+    bool GetDevFile(unsigned short device, const std::string& option, const std::string& transferName);
 
     /// Pushes a file of the card to the device; returns when the transfer has ended.
     ///
     /// @param device        identifier of the managed device
     /// @param directory     directory of the file on the card, ending with "/"
     /// @param fileName      the file's name in that directory
-    /// @param xferFileName  name under which the file arrives on the device
-    /// @return true if the device has taken the whole file
+    /// @param transferName  the file's name on the device
+    /// @return true if the device has received the complete file
     bool PutDevFile(unsigned short device, const std::string& directory, const std::string& fileName,
-                    const std::string& xferFileName);
+                    const std::string& transferName);
 
 protected:
     KyPldProxy() = default;
@@ -71,22 +71,21 @@ protected:
 
     /// Does the work of GetDevFile.
     virtual bool DoGetDevFile(unsigned short device, const std::string& option,
-                              const std::string& fileName) = 0;
+                              const std::string& transferName) = 0;
 
     /// Does the work of PutDevFile.
     virtual bool DoPutDevFile(unsigned short device, const std::string& directory,
-                              const std::string& fileName, const std::string& xferFileName) = 0;
+                              const std::string& fileName, const std::string& transferName) = 0;
 
 public:
-    /// Ends the calls of GetDevFile and PutDevFile that are under way on the device: they return false soon,
-    /// and what has been delivered of a file stays where it is. Later calls are not affected. The engine
-    /// calls it when a transfer is abandoned.
+    /// Aborts the running GetDevFile and PutDevFile calls of the device: they soon return false, and partial
+    /// files stay. Later calls are not affected. The engine calls it when a transfer is cancelled.
     ///
-    /// Optional: a proxy that does not implement it lets the calls run to their end. Declared last, so that
-    /// the other operations keep their places in the table of virtual functions.
+    /// Optional: without an implementation, the calls run to their end. Declared last, so that the other
+    /// operations keep their places in the table of virtual functions.
     ///
-    /// It may be called from any thread, several times, and when nothing is under way, which is no failure.
-    /// It must not block: it asks the calls to end and does not wait for them.
+    /// Any thread may call it, several times, and also when no call runs. It must not block: it does not wait
+    /// for the aborted calls.
     ///
     /// @param device  identifier of the managed device
     virtual void AbortTransfer(unsigned short device) { static_cast<void>(device); }

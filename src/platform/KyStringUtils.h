@@ -7,7 +7,7 @@
 class KyStringUtils {
 public:
     /// Removes white space (blank, tab, line feed, carriage return, vertical tab, form feed) from both ends
-    /// of `text`, in place.
+    /// of `text`.
     static void Trim(std::string& text);
 };
 
