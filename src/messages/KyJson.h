@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-/// Ownership of jansson's values, and jansson's failures as exceptions. Internal to the library.
+/// Owners of jansson values, and functions that throw where jansson fails. Internal to the library.
 namespace ky_json {
 
 struct Release {
@@ -18,36 +18,36 @@ struct Release {
 /// Holds one reference to a JSON value.
 using Ref = std::unique_ptr<json_t, Release>;
 
-// The functions below throw std::bad_alloc if memory runs out, so that no document is returned with parts
-// missing.
+// The functions below throw std::bad_alloc if memory runs out: an incomplete document must not be returned.
 
-/// Returns the document as text. Throws for a null document: jansson returns null if memory runs out.
+/// Returns the document as text. Throws for a null document, which jansson returns if memory runs out.
 ///
-/// json_dumps() is not used: if its text cannot grow for a key, it drops the key and goes on.
+/// Not json_dumps(): it drops a key for which memory runs out, and continues.
 inline std::string Dump(const Ref& document, size_t flags) {
     struct Sink {
         std::string text;
-        bool whole = true;
+        bool complete = true;
     } sink;
     const auto append = [](const char* bytes, size_t count, void* to) {
         auto* const into = static_cast<Sink*>(to);
         try {
             into->text.append(bytes, count);
         } catch (...) {
-            into->whole = false;
+            into->complete = false;
         }
-        return into->whole ? 0 : -1;
+        return into->complete ? 0 : -1;
     };
-    if (json_dump_callback(document.get(), append, &sink, flags) != 0 || !sink.whole) throw std::bad_alloc();
+    if (json_dump_callback(document.get(), append, &sink, flags) != 0 || !sink.complete)
+        throw std::bad_alloc();
     return std::move(sink.text);
 }
 
-/// Sets a member of an object to a new value. Takes over the reference, also if it throws.
+/// Sets a member of an object. Takes over the reference to the value, also if it throws.
 inline void Set(const Ref& object, const char* key, json_t* value) {
     if (json_object_set_new(object.get(), key, value) != 0) throw std::bad_alloc();
 }
 
-/// Sets a member to a text. A text that is not valid UTF-8 is left out.
+/// Sets a member to a text. Does nothing if the text is not valid UTF-8.
 inline void SetText(const Ref& object, const char* key, const char* text) {
     json_t* value = json_string(text);
     if (value == nullptr) {
@@ -60,12 +60,12 @@ inline void SetText(const Ref& object, const char* key, const char* text) {
     Set(object, key, value);
 }
 
-/// Appends a new value to an array. Takes over the reference, also if it throws.
+/// Appends a value to an array. Takes over the reference to the value, also if it throws.
 inline void Append(const Ref& array, json_t* value) {
     if (json_array_append_new(array.get(), value) != 0) throw std::bad_alloc();
 }
 
-/// Checks the result of an operation that returns an empty text only if memory has run out.
+/// Throws if the text is empty. For operations that return an empty text only if memory has run out.
 inline const std::string& NotEmpty(const std::string& text) {
     if (text.empty()) throw std::bad_alloc();
     return text;

@@ -3,11 +3,11 @@
 
 #include "messages/KyTferMsg.h"
 
-/// Asks the transfer service to cancel a transaction, the one that the transaction identifier names. It has
-/// no fields but those of every message.
+/// Asks the transfer service to cancel the transaction with this message's transaction identifier. Has only
+/// the fields of every message.
 class KYTFER_EXPORT KyTferCancelTransMsg : public KyTferMsg {
 public:
-    /// A request with empty fields. The argument is handed to KyTferMsg and has no effect.
+    /// A request with empty fields. The argument has no effect.
     explicit KyTferCancelTransMsg(int sizeHint);
     ~KyTferCancelTransMsg() override;
 

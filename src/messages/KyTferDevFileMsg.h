@@ -5,15 +5,14 @@
 
 #include "messages/KyTferMsg.h"
 
-/// What the requests to fetch a file from the device and to push one to it have in common: the file's names
-/// and its size. The type of the message is left to the derived class.
+/// Base of the requests to fetch a file and to push a file: the file's names and size. The derived class sets
+/// the message type.
 class KYTFER_EXPORT KyTferDevFileMsg : public KyTferMsg {
 public:
-    /// A message with empty names and a size of 0. The argument is handed to KyTferMsg and has no effect.
+    /// A message with empty names and a size of 0. The argument has no effect.
     explicit KyTferDevFileMsg(int sizeHint);
 
-    /// A message with the given original name, name on the transfer path and size in bytes; the last argument
-    /// as above.
+    /// A message with this file name, transfer name and size in bytes. The last argument has no effect.
     KyTferDevFileMsg(const std::string& origFileName, const std::string& xferFileName, int xferFileSize,
                      int sizeHint);
 
@@ -30,19 +29,19 @@ public:
     void Deserialize(KyIpcMsgBuffer* buffer) override;
 
     /// @{
-    /// The file's name as the requester knows it.
+    /// The file name, as the requester knows it.
     const std::string& GetOrigFileName() const { return m_origFileName; }
     void SetOrigFileName(const std::string& name) { m_origFileName = name; }
     /// @}
 
     /// @{
-    /// The file's name on the way between card and device. On the wire it comes before the original name.
+    /// The transfer name, by which card and device know the file. It precedes the file name on the wire.
     const std::string& GetXferFileName() const { return m_xferFileName; }
     void SetXferFileName(const std::string& name) { m_xferFileName = name; }
     /// @}
 
     /// @{
-    /// Size of the file in bytes. A received message may hold any value, a negative one too.
+    /// Size of the file in bytes. May be negative in a received message.
     int GetXferFileSize() const { return m_xferFileSize; }
     void SetXferFileSize(int bytes) { m_xferFileSize = bytes; }
     /// @}

@@ -2,10 +2,9 @@
 #define MESSAGES_KYTFEREXPORT_H
 
 /// @file
-/// What of the library others may see.
+/// Symbol visibility of the shared library.
 
-/// Marks a class as part of the library's public interface. Everything else stays hidden in the shared
-/// library.
+/// Exports a class from the shared library. All other symbols are hidden.
 #if defined(__GNUC__)
 #define KYTFER_EXPORT __attribute__((visibility("default")))
 #else

@@ -3,11 +3,10 @@
 
 #include "messages/KyTferMsg.h"
 
-/// Asks the transfer service to fetch the device's directory listing. It has no fields but those of every
-/// message.
+/// Asks the transfer service to fetch the device's directory listing. Has only the fields of every message.
 class KYTFER_EXPORT KyTferGetDevDirMsg : public KyTferMsg {
 public:
-    /// A request with empty fields. The argument is handed to KyTferMsg and has no effect.
+    /// A request with empty fields. The argument has no effect.
     explicit KyTferGetDevDirMsg(int sizeHint);
     ~KyTferGetDevDirMsg() override;
 

@@ -6,7 +6,7 @@
 /// Asks the transfer service to fetch a file from the device.
 class KYTFER_EXPORT KyTferGetDevFile : public KyTferDevFileMsg {
 public:
-    /// A request with empty names and a size of 0. The argument is handed to KyTferMsg and has no effect.
+    /// A request with empty names and a size of 0. The argument has no effect.
     explicit KyTferGetDevFile(int sizeHint);
     ~KyTferGetDevFile() override;
 

@@ -9,8 +9,8 @@
 
 namespace {
 
-/// Throws unless `buffer` holds more than `length` bytes. The platform's status does not count: a card's own
-/// platform may return something else.
+/// Throws unless `buffer` holds more than `length` bytes. The status of KyIpcMsgUtil is not used: the
+/// platform of a card may return another one.
 void RequireMoreThan(long long length, const KyIpcMsgBuffer& buffer) {
     if (buffer.GetLength() <= length) throw std::bad_alloc();
 }
@@ -54,7 +54,7 @@ void KyTferMsg::Put(KyIpcMsgBuffer* buffer, int value) {
     RequireMoreThan(before, *buffer);
 }
 
-// A text takes its bytes and at least one more, which tells where it ends.
+// A text is longer on the wire than in memory: the wire has its length or its end too.
 void KyTferMsg::Put(KyIpcMsgBuffer* buffer, const std::string& text) {
     const long long before = buffer->GetLength();
     KyIpcMsgUtil::PutStringParam(buffer, text);
@@ -71,7 +71,7 @@ void KyTferMsg::Serialize(KyIpcMsgBuffer* buffer) {
 
 void KyTferMsg::Deserialize(KyIpcMsgBuffer* buffer) {
     m_msgType = static_cast<TferMsgType>(KyIpcMsgUtil::ExtractInteger(buffer));
-    // A foreign writer may put more than 16 bits here; the low ones count.
+    // Another implementation may write more than 16 bits.
     m_sorServerId = static_cast<unsigned short>(KyIpcMsgUtil::ExtractInteger(buffer) & 0xFFFF);
     KyIpcMsgUtil::ExtractStringParam(buffer, m_transId);
     KyIpcMsgUtil::ExtractStringParam(buffer, m_callerContext);

@@ -7,25 +7,23 @@
 
 class KyIpcMsgBuffer;
 
-/// A request to the transfer service or a reply from it: the fields that every message carries, and how a
-/// message gets into a buffer and out of it.
+/// Base of the requests to the transfer service and its replies: the fields of every message, and
+/// serialisation.
 ///
-/// Messages live on the heap, are handed over by pointer and are deleted through the virtual destructor. A
+/// Messages are allocated on the heap, passed by pointer and deleted through the virtual destructor. A
 /// message has no lock; one thread uses it at a time. No operation blocks.
 ///
-/// On the wire a message is its fields one after the other, those of its bases first; nothing is optional. A
-/// message trusts its first field, the type; what the rest of a short or damaged buffer yields is 0 and the
-/// empty string.
+/// On the wire, a message is the sequence of its fields, those of its bases first; no field is optional. The
+/// first field, the type, is not checked. Fields that are missing in a short or damaged buffer become 0 or
+/// empty.
 ///
-/// A message is an ordinary C++ value: constructors, setters, copies, assignments, Serialize() and
-/// Deserialize() throw std::bad_alloc if memory runs out. A message that was being changed is then valid, but
-/// holds a mix of old and new fields.
+/// Constructors, setters, copies, assignments, Serialize() and Deserialize() throw std::bad_alloc if memory
+/// runs out. A message that was being changed is then valid, with a mix of old and new fields.
 class KYTFER_EXPORT KyTferMsg {
 public:
-    /// What kind of message this is; the first field on the wire. A received message may hold any other
-    /// number.
+    /// Type of the message; the first field on the wire. A received message may hold any other number.
     enum TferMsgType : int {
-        TFER_MSG_NONE = 0,          ///< no message; there is no class for it
+        TFER_MSG_NONE = 0,          ///< no message: no class has this type
         TFER_MSG_GET_DEV_FILE = 1,  ///< KyTferGetDevFile
         TFER_MSG_PUT_DEV_FILE = 2,  ///< KyTferPutDevFile
         TFER_MSG_GET_DEV_DIR = 3,   ///< KyTferGetDevDirMsg
@@ -40,66 +38,65 @@ public:
 
     virtual ~KyTferMsg();
 
-    /// Appends the fields to `buffer`, which stays the caller's. Throws std::bad_alloc if the buffer cannot
+    /// Appends the fields to `buffer`, which the caller owns. Throws std::bad_alloc if the buffer cannot
     /// grow; the buffer then holds a part of the message and must not be sent.
     virtual void Serialize(KyIpcMsgBuffer* buffer);
 
-    /// Takes the fields from `buffer`, from its reading position on; the type read replaces this message's.
-    /// Fields that the buffer does not hold become 0 or empty.
+    /// Extracts the fields, with the type, from the reading position of `buffer` on. Fields that the buffer
+    /// does not hold become 0 or empty.
     virtual void Deserialize(KyIpcMsgBuffer* buffer);
 
-    /// Copies the base fields of `other`: type, server, caller's context, reply FIFO and transaction. Null
-    /// copies nothing.
+    /// Copies the base fields of `other`: type, server identifier, caller's context, reply FIFO and
+    /// transaction identifier. Null copies nothing.
     virtual void Copy(const KyTferMsg* other);
 
-    /// The type of the serialised message that starts at `bytes`, of which at least four must be readable (a
-    /// KyIpcMsgBuffer's always are). Consumes nothing.
+    /// The type of the serialised message at `bytes`, of which at least four must be readable (as in every
+    /// KyIpcMsgBuffer).
     static int PeekMsgType(const unsigned char* bytes);
 
     /// @{
-    /// What kind of message this is: each class sets its own, and Deserialize() what has come.
+    /// Type of the message: the class sets it, and Deserialize() replaces it.
     TferMsgType GetMsgType() const { return m_msgType; }
     void SetMsgType(TferMsgType type) { m_msgType = type; }
     /// @}
 
     /// @{
-    /// Identifier of the device-side server that the message concerns, carried for the service; 0 in a new
-    /// message.
+    /// Identifier of the device-side server; 0 in a new message. The library does not use it.
     unsigned short GetSorServerId() const { return m_sorServerId; }
     void SetSorServerId(unsigned short serverId) { m_sorServerId = serverId; }
     /// @}
 
-    /// @{
-    /// Identifier of the transaction; in a cancel request, of the one to cancel. Empty in a new message.
+    /// @{ Identifier of the transaction; in a cancel request, of the transaction to cancel. Empty in a new
+    /// message.
     const std::string& GetTransId() const { return m_transId; }
     void SetTransId(const std::string& transId) { m_transId = transId; }
     /// @}
 
     /// @{
-    /// The caller's own context, carried through unchanged. Empty in a new message.
+    /// The caller's own context, which the reply returns unchanged. Empty in a new message.
     const std::string& GetCallerContext() const { return m_callerContext; }
     void SetCallerContext(const std::string& context) { m_callerContext = context; }
     /// @}
 
     /// @{
-    /// Name of the FIFO on which the sender waits for the reply. Empty in a new message.
+    /// Name of the FIFO from which the sender reads the reply. Empty in a new message.
     const std::string& GetRespFifo() const { return m_respFifo; }
     void SetRespFifo(const std::string& fifo) { m_respFifo = fifo; }
     /// @}
 
 protected:
-    /// A message with empty fields, whose type the derived class sets. The argument is the expected size of
-    /// the serialised message in bytes; it has no effect.
+    /// A message with empty fields. The derived class sets the type. The argument, the expected size of the
+    /// serialised message in bytes, has no effect.
     explicit KyTferMsg(int sizeHint);
 
-    /// Takes over every base field of `other`, the type included.
+    /// Copies every base field of `other`, with the type.
     KyTferMsg(const KyTferMsg& other);
 
     /// Exchanges the base fields with `other`.
     void SwapWith(KyTferMsg& other) noexcept;
 
     /// @{
-    /// Appends a field to `buffer`; throws std::bad_alloc if the buffer has not grown by it.
+    /// Appends a field to `buffer`; throws std::bad_alloc if the buffer cannot grow.
     static void Put(KyIpcMsgBuffer* buffer, int value);
     static void Put(KyIpcMsgBuffer* buffer, const std::string& text);
     /// @}

@@ -13,7 +13,7 @@
 
 namespace {
 
-/// The constructors do not throw: all texts of a new message are empty and take no memory.
+/// The constructors do not throw: empty texts allocate no memory.
 template <typename Message>
 KyTferMsg* New() {
     return new (std::nothrow) Message(512);

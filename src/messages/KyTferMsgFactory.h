@@ -5,23 +5,21 @@
 
 class KyIpcMsgBuffer;
 
-/// Makes messages of the class that a message type stands for, empty or out of a received buffer. The caller
-/// owns what it is given and deletes it.
+/// Creates a message of the class for a message type. The caller owns the message and deletes it.
 ///
-/// May be called from any thread; a buffer is used by one thread at a time. No operation throws or blocks.
+/// Any thread may call the operations; one thread uses a buffer at a time. No operation throws or blocks.
 class KYTFER_EXPORT KyTferMsgFactory {
 public:
     KyTferMsgFactory() = delete;
 
-    /// A new, empty message of the class for `type`; null for TFER_MSG_NONE, for a number that is no type,
-    /// and when memory has run out.
+    /// A new, empty message; null for TFER_MSG_NONE, for a number that is no type, and if memory has run out.
     static KyTferMsg* CreateMsg(KyTferMsg::TferMsgType type);
 
-    /// The message that `buffer` holds, read from the buffer's reading position on, which is the first byte
-    /// of a buffer just received; null, with nothing read, where CreateMsg() gives null for the type in the
-    /// first four bytes. Null too when memory runs out while it is read.
+    /// The message in `buffer`, extracted from the reading position on. The type is read from the first four
+    /// bytes. Null, with nothing extracted, if CreateMsg() returns null for the type. Null if memory runs
+    /// out.
     ///
-    /// @param buffer  never null; stays the caller's
+    /// @param buffer  just received; not null; the caller owns it
     static KyTferMsg* CreateMsgFromBuffer(KyIpcMsgBuffer* buffer);
 };
 

@@ -8,8 +8,7 @@
 /// Asks the transfer service to push a file of the card to the device.
 class KYTFER_EXPORT KyTferPutDevFile : public KyTferDevFileMsg {
 public:
-    /// A request with empty names, a size of 0 and an empty source path. The argument is handed to KyTferMsg
-    /// and has no effect.
+    /// A request with empty names, a size of 0 and an empty source path. The argument has no effect.
     explicit KyTferPutDevFile(int sizeHint);
 
     /// A copy of every field of `other`, those of the message base included.
@@ -25,7 +24,7 @@ public:
     void Deserialize(KyIpcMsgBuffer* buffer) override;
 
     /// @{
-    /// Path on the card of the file to push.
+    /// Path of the file to push, on the card.
     const std::string& GetSrcPath() const { return m_srcPath; }
     void SetSrcPath(const std::string& path) { m_srcPath = path; }
     /// @}

@@ -5,16 +5,15 @@
 
 #include "messages/KyTferMsg.h"
 
-/// The transfer service's reply to a request for a directory, a fetch or a push: a result code and a text.
+/// The transfer service's reply to a directory, fetch, push or cancel request: a result code and a text.
 class KYTFER_EXPORT KyTferRespMsg : public KyTferMsg {
 public:
-    /// Outcome of the request. Only 0 is the library's; the transfer service gives out the other values.
+    /// Result of the request. The transfer service defines all values but 0.
     enum TferMsgResult : int {
-        TFER_RESULT_NONE = 0,  ///< what a new reply holds
+        TFER_RESULT_NONE = 0,  ///< value of a new reply
     };
 
-    /// A reply with TFER_RESULT_NONE and an empty text. The argument is handed to KyTferMsg and has no
-    /// effect.
+    /// A reply with TFER_RESULT_NONE and an empty text. The argument has no effect.
     explicit KyTferRespMsg(int sizeHint);
 
     /// A copy of every field of `other`, those of the message base included.
@@ -30,13 +29,13 @@ public:
     void Deserialize(KyIpcMsgBuffer* buffer) override;
 
     /// @{
-    /// TFER_RESULT_NONE until it is set.
+    /// Result of the request; TFER_RESULT_NONE in a new reply.
     TferMsgResult GetResultStatus() const { return m_resultStatus; }
     void SetResultStatus(TferMsgResult result) { m_resultStatus = result; }
     /// @}
 
     /// @{
-    /// Text that explains the outcome.
+    /// Text that explains the result.
     const std::string& GetResultMsg() const { return m_resultMsg; }
     void SetResultMsg(const std::string& text) { m_resultMsg = text; }
     /// @}

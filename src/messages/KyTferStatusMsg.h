@@ -5,9 +5,9 @@
 
 #include "messages/KyTferMsg.h"
 
-/// The status record of a transfer: what moves, how far it is, and how it ended. The engine keeps one and
-/// hands out copies; the transfer service sends one as the reply to a status request, and an empty one is
-/// that request.
+/// The status record of a transfer: its file, its progress and its result. The engine keeps one record and
+/// returns copies. An empty record is the request for the status; the transfer service replies with the
+/// engine's record.
 ///
 /// A transaction goes from TFER_STATUS_NONE through TFER_STATUS_INPROGRESS to TFER_STATUS_COMPLETE or
 /// TFER_STATUS_FAIL; a later transaction starts at TFER_STATUS_INPROGRESS again.
@@ -17,34 +17,34 @@ public:
     enum TferStatus : int {
         TFER_STATUS_NONE = 0,        ///< there has been no transaction yet
         TFER_STATUS_REQUESTED = 1,   ///< not used by the engine
-        TFER_STATUS_COMPLETE = 2,    ///< ended well
-        TFER_STATUS_INPROGRESS = 3,  ///< under way; fetches and listings are refused meanwhile
-        TFER_STATUS_FAIL = 4,        ///< ended otherwise, as the status message says
+        TFER_STATUS_COMPLETE = 2,    ///< ended with success
+        TFER_STATUS_INPROGRESS = 3,  ///< in progress; further fetches and listings are refused
+        TFER_STATUS_FAIL = 4,        ///< failed or cancelled; the status message has the reason
     };
 
-    /// Kind of transaction. A push leaves the kind that was there before it.
+    /// Kind of transaction. A push does not change it.
     enum TferRequestType : int {
-        TFER_REQ_NONE = 0,       ///< none yet, or a listing that the device did not take the request for
+        TFER_REQ_NONE = 0,       ///< none yet, or a listing whose request could not be written
         TFER_REQ_DIRECTORY = 1,  ///< the device's listing
         TFER_REQ_GET_FILE = 2,   ///< a file of the device
     };
 
-    /// A record with TFER_STATUS_NONE, TFER_REQ_NONE, counts of 0 and empty texts. The argument is handed to
-    /// KyTferMsg and has no effect.
+    /// A record with TFER_STATUS_NONE, TFER_REQ_NONE, counts of 0 and empty texts. The argument has no
+    /// effect.
     explicit KyTferStatusMsg(int sizeHint);
 
     /// A copy of every field of `other`, those of the message base included.
     KyTferStatusMsg(const KyTferStatusMsg& other);
 
-    /// Takes every field from `other`, which is a new message afterwards. Does not throw.
+    /// Moves every field from `other`, which then equals a new message.
     KyTferStatusMsg(KyTferStatusMsg&& other) noexcept;
     ~KyTferStatusMsg() override;
 
-    /// Writes the fields of the wire; the kind of transaction is not among them.
+    /// Serialises all fields but the kind of transaction.
     void Serialize(KyIpcMsgBuffer* buffer) override;
 
-    /// Takes the fields from the wire. The file path is taken as it stands; the kind of transaction is not on
-    /// the wire and stays what it is.
+    /// Extracts the fields. The file path is not changed; the kind of transaction is not on the wire and
+    /// keeps its value.
     void Deserialize(KyIpcMsgBuffer* buffer) override;
 
     using KyTferMsg::operator=;
@@ -60,13 +60,13 @@ public:
     void Swap(KyTferStatusMsg& other) noexcept;
 
     /// @{
-    /// Any number is kept, also one that is no TferStatus.
+    /// State of the transaction. Any number is allowed.
     TferStatus GetStatus() const { return m_status; }
     void SetStatus(TferStatus status) { m_status = status; }
     /// @}
 
     /// @{
-    /// Kind of transaction. It stays on this side: the wire does not have it.
+    /// Kind of transaction. It is not on the wire.
     TferRequestType GetReqType() const { return m_reqType; }
     void SetReqType(TferRequestType type) { m_reqType = type; }
     /// @}
@@ -88,43 +88,42 @@ public:
     const std::string& GetStatusMsg() const { return m_statusMsg; }
     void SetStatusMsg(const std::string& text) { m_statusMsg = text; }
 
-    /// The same without allocating: takes over the text's memory and leaves the old status text in `text`.
+    /// Swaps the status text with `text`, without allocating.
     void SetStatusMsg(std::string&& text) noexcept { m_statusMsg.swap(text); }
     /// @}
 
     /// @{
-    /// The file's name as the requester knows it.
+    /// The file name, as the requester knows it.
     const std::string& GetOrigFileName() const { return m_origFileName; }
     void SetOrigFileName(const std::string& name) { m_origFileName = name; }
     /// @}
 
     /// @{
-    /// The file's name on the way between card and device.
+    /// The transfer name, by which card and device know the file.
     const std::string& GetXferFileName() const { return m_xferFileName; }
     void SetXferFileName(const std::string& name) { m_xferFileName = name; }
     /// @}
 
-    /// Directory of the file on the card; ends with "/" once it has been set.
+    /// Directory of the file on the card; empty in a new message, otherwise with a "/" at the end.
     const std::string& GetFilePath() const { return m_filePath; }
 
-    /// Stores the path, with a "/" added unless it ends with one; the empty path becomes "/".
+    /// Sets the directory, and appends "/" unless it ends with one; the empty path becomes "/".
     void SetFilePath(const std::string& path);
 
-    /// The file path followed directly by the transfer file name. Throws std::bad_alloc if memory has run
-    /// out.
+    /// The file path followed by the transfer name. Throws std::bad_alloc if memory has run out.
     std::string GetXferFullFilePath() const;
 
-    /// How far the transaction is, 0 to 100: 100 for one that has ended, well or not, and for one in progress
-    /// that has moved at least what it is to move (0 of 0 too); 0 for any other state. The quotient is taken
-    /// in single precision, as the card's displays have always shown it, and cut off: 29 of 100 bytes are 28.
+    /// Progress, 0 to 100: 100 for a transaction that has ended, with success or not, and for one in progress
+    /// that has moved at least the requested bytes (also 0 of 0); 0 for any other state. The quotient is
+    /// computed in single precision and truncated, as the card's displays show it: 29 of 100 bytes give 28.
     unsigned int GetPercentComplete() const;
 
-    /// The name of a status, "TFER_STATUS_UNKNOWN" for a number that is none. Throws std::bad_alloc if memory
-    /// has run out.
+    /// The name of a status; "TFER_STATUS_UNKNOWN" for other numbers. Throws std::bad_alloc if memory has run
+    /// out.
     static std::string GetStatusText(TferStatus status);
 
-    /// The record as a JSON document of several lines with sorted keys and no final line end. A text that is
-    /// not valid UTF-8 is missing from it. Never throws; the empty string if memory has run out.
+    /// The record as a JSON document of several lines, with sorted keys and no final line end. Texts that are
+    /// not valid UTF-8 are missing. Returns the empty string if memory has run out; never throws.
     std::string GetJsonStatus() const;
 
 private:
