@@ -26,7 +26,7 @@ void Trace(const char* checkPoint) {
     __dlog_printfex(KY_DLOG_TRACE, kSource, "DoRequest", "%s", checkPoint);
 }
 
-/// Returns what `make` returns, or null, with an error in the log, if it throws.
+/// Returns the result of `make`, or null, with an error in the log, if `make` throws.
 template <typename Make>
 auto OrNull(const char* function, Make make) -> decltype(make()) {
     try {
@@ -39,7 +39,7 @@ auto OrNull(const char* function, Make make) -> decltype(make()) {
     return nullptr;
 }
 
-/// The reply if it is a response; anything else is deleted.
+/// Returns the reply if it is a response; otherwise deletes it and returns null.
 KyTferRespMsg* Narrow(KyTferMsg* reply) {
     auto* const response = dynamic_cast<KyTferRespMsg*>(reply);
     if (response == nullptr) delete reply;
@@ -79,7 +79,7 @@ KyTferMsg* TferSvcMsgClient::RoundTrip(KyTferMsg& request) {
     return Receive(replyFifo);
 }
 
-/// The reply FIFO comes first: the service may answer as soon as it has the request.
+/// Opens the reply FIFO first: the service may reply as soon as it has the request.
 bool TferSvcMsgClient::OpenFifos(const std::string& replyFifo) {
     __dlog_printfex(KY_DLOG_TRACE, kSource, "DoRequest", "Open read FIFO(%s) for Client(%s)",
                     replyFifo.c_str(), m_clientName.c_str());
@@ -125,7 +125,7 @@ KyTferMsg* TferSvcMsgClient::Receive(const std::string& replyFifo) {
                     replyFifo.c_str());
     const int status = m_session->Read(&buffer, ky_service::kReplyTimeoutMs);
     if (status == KyIpcFifoSession::IPC_TIMEOUT) {
-        // The text tells another bound than the one in force; those who search logs know it as it is.
+        // The text names 30 seconds, though the wait is 60: log searches depend on the text.
         __dlog_printfex(KY_DLOG_ERROR, kSource, "DoRequest",
                         "Timeout from server for session: %s, exceeded 30 seconds bytes in buf(%d)",
                         m_clientName.c_str(), buffer.GetLength());
@@ -174,13 +174,13 @@ KyTferRespMsg* TferSvcMsgClient::PutDevFile(const std::string& srcPath) {
     });
 }
 
-KyTferRespMsg* TferSvcMsgClient::GetDevFile(const std::string& xferFileName, const std::string& /*unused*/,
+KyTferRespMsg* TferSvcMsgClient::GetDevFile(const std::string& transferName, const std::string& /*unused*/,
                                             unsigned int fileSize) {
     __dlog_printfex(KY_DLOG_NOTICE, kSource, "GetDevFile", "Enter - requesting file(%s)",
-                    xferFileName.c_str());
+                    transferName.c_str());
     return OrNull("GetDevFile", [&] {
         auto request = std::make_unique<KyTferGetDevFile>(1024);
-        request->SetXferFileName(xferFileName);
+        request->SetXferFileName(transferName);
         request->SetXferFileSize(static_cast<int>(fileSize));
         return Narrow(DoRequest(request.release()));
     });

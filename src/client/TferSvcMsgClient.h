@@ -10,25 +10,23 @@ class KyIpcFifoSession;
 class KyTferMsg;
 class KyTferRespMsg;
 
-/// How a process other than the transfer service asks the service for something. Each request is one round
-/// trip: the message goes to the service's control FIFO, and one message comes back on a FIFO of this
-/// client's own, which exists for the length of the request only.
+/// Sends requests of a process to the transfer service. The client writes each request to the service's
+/// control FIFO and reads one reply from a FIFO of its own, which exists during the request only.
 ///
-/// A process has one client, and makes one request at a time through it: the client has no lock, and a
-/// process that uses it on several threads takes turns itself. Any number of processes may ask at the same
-/// time.
+/// A process has one client, which makes one request at a time. The client has no lock: a process with
+/// several threads must serialise its requests. Any number of processes may send requests at the same time.
 ///
-/// A request blocks until the service has taken the message and until its reply has come. The platform bounds
-/// the first; the wait for the reply ends after 60 seconds, or as soon as the platform tells that the service
-/// has ended. Where no service runs, a request fails at once. What fails on the way is logged with severity
-/// KY_DLOG_ERROR and gives null. Nothing is tried twice, and no exception leaves the client.
+/// A request blocks until the message is written and the reply has come. The platform bounds the write. The
+/// wait for the reply ends after 60 seconds, or as soon as the platform reports that the service has ended.
+/// Without a service, a request fails at once. Failures are logged with severity KY_DLOG_ERROR and return
+/// null. Requests are not retried, and no operation throws.
 ///
-/// A reply is the first message that arrives; it is not compared with the request. It belongs to the caller,
-/// who deletes it.
+/// The reply is the first message that arrives; the client does not compare it with the request. The caller
+/// owns the reply and deletes it.
 class KYTFER_EXPORT TferSvcMsgClient {
 public:
-    /// The process's client, made by the first call, on whatever thread, and destroyed at the process's exit.
-    /// Null only if that first call has run out of memory.
+    /// The process's client. The first call, on any thread, creates it; it is destroyed when the process
+    /// exits. Null only if memory has run out in the first call.
     static TferSvcMsgClient* GetInstance();
 
     TferSvcMsgClient();
@@ -38,39 +36,38 @@ public:
 
     /// Sends a request and waits for the reply.
     ///
-    /// @param request  not null; from the heap, deleted here whatever happens. Its reply FIFO is filled in
-    ///                 here; the rest goes as it is
-    /// @return the reply, of any class; null on any failure, and for a reply of no known type
+    /// @param request  not null; from the heap; always deleted. The call sets its reply FIFO
+    /// @return the reply, of any class; null on failure, and for a reply of an unknown type
     KyTferMsg* DoRequest(KyTferMsg* request);
 
-    /// Asks for the status of the current transaction.
+    /// Requests the status of the current transaction.
     ///
-    /// @return the reply as DoRequest() gives it, a KyTferStatusMsg if the service is in order; or null
+    /// @return the reply, a KyTferStatusMsg unless the service is faulty; null as from DoRequest()
     KyTferMsg* GetStatus();
 
-    /// Asks the service to cancel a transaction, and waits for the reply, which it throws away: the caller
-    /// learns nothing of the outcome.
+    /// Requests to cancel a transaction, and waits for the reply. The reply is discarded: the caller does not
+    /// learn the result.
     void CancelTransaction(const std::string& transId);
 
-    /// Asks the service to fetch the device's directory listing.
+    /// Requests to fetch the device's directory listing.
     ///
-    /// @return the service's answer to the request, not its end; null on any failure, and if the reply is of
-    ///         another class
+    /// @return whether the service has accepted the request, not the result of the transfer; null on failure,
+    ///         and if the reply is of another class
     KyTferRespMsg* GetDevDirectory();
 
-    /// Asks the service to push a file of the card to the device.
+    /// Requests to push a file of the card to the device.
     ///
-    /// @param srcPath  path of the file
+    /// @param srcPath  absolute path of the file
     /// @return as from GetDevDirectory()
     KyTferRespMsg* PutDevFile(const std::string& srcPath);
 
-    /// Asks the service to fetch a file from the device.
+    /// Requests to fetch a file from the device.
     ///
-    /// @param xferFileName  the file's name on the way from the device
+    /// @param transferName  the file's transfer name
     /// @param unused        not sent
     /// @param fileSize      size of the file in bytes, sent as a signed number of 32 bits
     /// @return as from GetDevDirectory()
-    KyTferRespMsg* GetDevFile(const std::string& xferFileName, const std::string& unused,
+    KyTferRespMsg* GetDevFile(const std::string& transferName, const std::string& unused,
                               unsigned int fileSize);
 
 private:
