@@ -5,7 +5,7 @@ _tfersvc() {
     local kinds="silent none twice late: size: announce: nofile garbage refuse stuck"
 
     COMPREPLY=()
-    # Of OPERATION=KIND, the sign is a word of its own.
+    # In OPERATION=KIND, bash takes "=" for a word.
     if [[ $current == = ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$kinds")
         return

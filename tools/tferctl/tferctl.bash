@@ -1,4 +1,4 @@
-# Bash completion for tferctl(1). The names of the device's files are not completed: they would take a transfer.
+# Bash completion for tferctl(1). Names of the device's files are not completed: that would need a transfer.
 
 _tferctl() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command="" word
