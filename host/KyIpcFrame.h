@@ -53,7 +53,7 @@ private:
     size_t TakePlain(const unsigned char* bytes, size_t count);
     void Take(unsigned char byte);
     void TakeLength(unsigned char byte);
-    void TakeBody(unsigned char byte, bool behindLead);
+    void TakeBody(unsigned char byte, bool afterLead);
     void TakeEnd(unsigned char byte);
     void Begin();
     void Append(const unsigned char* bytes, size_t count);

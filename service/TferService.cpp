@@ -216,14 +216,14 @@ void TferService::ReadRequests() {
 void TferService::Handle(KyIpcMsgBuffer& buffer) {
     std::unique_ptr<KyTferMsg> message(KyTferMsgFactory::CreateMsgFromBuffer(&buffer));
     if (!message || !IsWhole(*message, buffer)) {
-        __dlog_printfex(KY_DLOG_WARNING, kSource, "Take",
+        __dlog_printfex(KY_DLOG_WARNING, kSource, "Handle",
                         "dropped an unknown or damaged message of %d bytes, type %d", buffer.GetLength(),
                         KyTferMsg::PeekMsgType(buffer.GetBuf()));
         return;
     }
     if (message->GetMsgType() == KyTferMsg::TFER_MSG_STATUS) return ReplyWithRecord(*message);
     if (message->GetMsgType() == KyTferMsg::TFER_MSG_RESP) {
-        __dlog_printfex(KY_DLOG_WARNING, kSource, "Take", "dropped a reply that nobody asked for");
+        __dlog_printfex(KY_DLOG_WARNING, kSource, "Handle", "dropped a reply that nobody asked for");
         return;
     }
     if (!m_ready) return Reply(*message, kRefused, kStarting);
@@ -283,7 +283,7 @@ bool TferService::MustWaitForWorker() const {
 
 void TferService::BeginDueTransactions() {
     while (!m_stop) {
-        // Checked first: a worker that ends after the delivery may have caused more changes.
+        // Checked before the delivery too: a worker that ends during it may have caused more changes.
         const bool workerRunning = MustWaitForWorker();
         if (m_ready) DeliverChanges();
         // The next transaction's record replaces the path of the listing.

@@ -123,7 +123,7 @@ KyTferMsg* TferSvcMsgClient::Receive(const std::string& replyFifo) {
     KyIpcMsgBuffer buffer(200);
     __dlog_printfex(KY_DLOG_TRACE, kSource, "DoRequest", "Read the read FIFO(%s) waiting for a response",
                     replyFifo.c_str());
-    const int status = m_session->Read(&buffer, ky_service::kReplyTimeoutMs);
+    const int status = m_session->Read(&buffer, ky_service::kReplyTimeOutMs);
     if (status == KyIpcFifoSession::IPC_TIMEOUT) {
         // The text names 30 seconds, though the wait is 60: log searches depend on the text.
         __dlog_printfex(KY_DLOG_ERROR, kSource, "DoRequest",

@@ -14,7 +14,7 @@ constexpr unsigned int kControlFifoMode = 0660;
 
 /// FIFO from which a caller reads the reply. Any user may write to it: the service may run as any user.
 constexpr unsigned int kReplyFifoMode = 0777;
-constexpr int kReplyTimeoutMs = 60000;
+constexpr int kReplyTimeOutMs = 60000;
 
 /// Name of the session of the caller with this process id.
 inline std::string CallerSession(int processId) {

@@ -21,7 +21,7 @@
 namespace ky_tferctl {
 namespace {
 
-constexpr auto kReplyTimeOut = std::chrono::milliseconds(ky_service::kReplyTimeoutMs);
+constexpr auto kReplyTimeOut = std::chrono::milliseconds(ky_service::kReplyTimeOutMs);
 constexpr auto kTolerance = std::chrono::seconds(1);
 
 /// @return IPC_OK if a service reads requests, otherwise the KyIpcFifoSession::IpcStatus that tells why not
