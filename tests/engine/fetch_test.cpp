@@ -143,7 +143,9 @@ TEST_F(Fetch, AbandonedWorkerLeavesTheNextFileOfThatName) {
     });
     Request("f", 1000);
     EXPECT_TRUE(WaitUntil([&] { return calls == 1; }));
-    EXPECT_EQ(Outcome(engine->AbandonTransaction("")), "failed: File transfer cancelled");
+    const Status abandoned = engine->AbandonTransaction("");
+    EXPECT_EQ(Outcome(abandoned), "failed: File transfer cancelled");
+    EXPECT_EQ(abandoned.GetReqType(), Status::TFER_REQ_NONE);
     EXPECT_EQ(proxy->Calls().back(), "abort");
     EXPECT_EQ(engine->GetFileFromDevRequest("f", 1000).GetStatus(), Status::TFER_STATUS_INPROGRESS);
     EXPECT_TRUE(WaitForOutcome(Fetched("f")));
@@ -162,6 +164,7 @@ TEST_F(Fetch, SizeThatIsAnnouncedAfterTheReportChangesNothing) {
     });
     Request("f", 1000);
     EXPECT_TRUE(WaitForOutcome(Fetched("f")));
+    EXPECT_EQ(Record().GetBytesTransfered(), 1000U);
 }
 
 TEST_F(Fetch, NamesOfTheDeviceDoNotLeadElsewhere) {

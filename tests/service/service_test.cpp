@@ -177,7 +177,7 @@ void ExpectFetched(const std::pair<std::string, std::string>& file) {
 TEST_F(ServiceTest, FetchesBackToBack) {
     const std::pair<std::string, std::string> files[] = {{"small.log", Put("small.log", 100)},
                                                          {"large.bin", Put("large.bin", 100'000)}};
-    Start("--line-rate 11000000");                   // its last byte comes some time before its end
+    Start("--line-rate 11000000");  // its last byte comes some time before its end
     EXPECT_EQ(Fetch("absent", 7), "accepted: ");
     EXPECT_EQ(Cancel(""), kCancelled);  // after which no request waits for that worker
     std::string told = "File transfer cancelled";

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# tferctl against the service, both as built: what a script that uses it relies on. Runs in the tests' sandbox.
+# What a script that uses tferctl relies on. tferctl and the service are the built ones. Runs in the tests' sandbox.
 #
 # usage: tferctl_test.sh TFERSVC TFERCTL SHORT_SLEEPS
 set -uo pipefail
@@ -27,11 +27,11 @@ expect() {
 
 judge() {
     local name=$1 wanted=$2 sentence=$3 status=$4
-    [ "$status" -eq "$wanted" ] || fail "$name: status $status in the place of $wanted: $(cat "$WORK/err")"
+    [ "$status" -eq "$wanted" ] || fail "$name: status $status, expected $wanted: $(cat "$WORK/err")"
     if [ -z "$sentence" ]; then
         [ ! -s "$WORK/err" ] || fail "$name: said $(cat "$WORK/err")"
     else
-        grep -qE "$sentence" "$WORK/err" || fail "$name: said '$(cat "$WORK/err")' and not '$sentence'"
+        grep -qE "$sentence" "$WORK/err" || fail "$name: said '$(cat "$WORK/err")', expected '$sentence'"
     fi
 }
 
@@ -122,18 +122,23 @@ chmod 700 "$KY_IPC_DIR"
 
 start_service --fault push=refuse
 expect "the device refuses" 1 "." "$TFERCTL" put "$WORK/mine.cfg"
-start_service --fault fetch=size:-1 --fault fetch=announce:-1
-expect "get, other than listed" 1 'does not have the 200000 bytes' "$TFERCTL" get trend.csv -o "$WORK/short"
-[ ! -e "$WORK/short" ] || fail "a file that is not whole was handed over"
+for more in -1 1; do
+    start_service --fault fetch=size:$more --fault fetch=announce:$more
+    expect "get, other than listed" 1 'does not have the 200000 bytes' "$TFERCTL" get trend.csv -o "$WORK/other"
+    [ ! -e "$WORK/other" ] || fail "a file of another size than listed was handed over"
+done
+truncate -s 4294967296 "$WORK/huge"
+expect "put, larger than a transfer can be" 1 'larger than a transfer can be' "$TFERCTL" put "$WORK/huge"
+nothing_left "a put that was refused"
 start_service --fault fetch=stuck --fault push=stuck
 expect "nothing moves" 4 "." "$TFERCTL" get trend.csv --timeout 1 -o "$WORK/late"
 expect "somebody else's transfer" 3 "." "$TFERCTL" ls --no-wait
 [ ! -e "$WORK/late" ] || fail "a get that timed out left its output"
 expect "cancel" 0 "" "$TFERCTL" cancel
 
-# begin NAME COMMAND...: in the background, until `status` shows the name; a script's jobs ignore SIGINT otherwise
+# begin NAME COMMAND...: in the background, until `status` shows the name. Jobs of a script ignore SIGINT and SIGQUIT.
 begin() {
-    env --default-signal=INT "$TFERCTL" "${@:2}" >/dev/null 2>"$WORK/err" &
+    env --default-signal=INT,QUIT "$TFERCTL" "${@:2}" >/dev/null 2>"$WORK/err" &
     CLIENT=$!
     for _ in $(seq 200); do
         "$TFERCTL" status | grep -A2 'in progress' | grep -q "$1" && return
@@ -149,11 +154,17 @@ ended() {
     nothing_left "$1"
 }
 
+for row in INT:130 HUP:129 TERM:143; do
+    begin trend.csv get trend.csv -o "$WORK/cut"
+    kill "-${row%:*}" "$CLIENT"
+    ended "get with ${row%:*}" "${row#*:}" '^tferctl: Interrupted; the transfer has been cancelled\.$'
+    grep -q "Cancel transaction (tferctl-$CLIENT-" "$WORK/log" || fail "cancelled without its own identifier"
+    [ ! -e "$WORK/cut" ] || fail "an interrupted get left its output"
+done
 begin trend.csv get trend.csv -o "$WORK/cut"
-kill -INT "$CLIENT"
-ended "interrupted get" 130 '^tferctl: Interrupted; the transfer has been cancelled\.$'
-grep -q "Cancel transaction (tferctl-$CLIENT-" "$WORK/log" || fail "cancelled without its own identifier"
-[ ! -e "$WORK/cut" ] || fail "an interrupted get left its output"
+kill -QUIT "$CLIENT"
+ended "get with QUIT" 131 ""
+"$TFERCTL" cancel >/dev/null || fail "cancel ended with $?"
 begin 3-0000 put "$WORK/mine.cfg"
 kill -TERM "$CLIENT"
 kill -TERM "$CLIENT"  # timeout(1) sends it twice too
