@@ -269,6 +269,10 @@ TEST_F(ServiceTest, Refusals) {
     EXPECT_EQ(ReadFile(kSource), "s") << "a refused push leaves its file alone";
     EXPECT_EQ(Run("", m_temp / "second.log", kShortSleeps)->End(0), 1);
     EXPECT_NE(ReadFile(m_temp / "second.log").find("another transfer service is running"), std::string::npos);
+    m_service.reset();
+    fs::remove_all("/var/tmp/dmp");
+    Start("--usb");
+    EXPECT_TRUE(fs::exists("/var/tmp/dmp/dmp_supported"));
     for (const char* pause : {"--poll-pause -1", "--poll-pause 1001"})
         EXPECT_EQ(Run(pause, m_temp / "second.log", "")->End(0), 2) << pause;
 }
@@ -403,6 +407,21 @@ TEST_F(ServiceTest, SurvivesHostileCallers) {
     fs::remove(m_fifos + "deaf");
     const auto answered = [this] { return Status(200'000).GetCallerContext().size() == 200'000; };
     EXPECT_TRUE(WaitUntil(answered)) << "an answer that does not fit into the FIFO waits for its reader";
+
+    // More at once than the service takes in a row, and nothing after them.
+    constexpr int kMany = 100;
+    const KyFd many = MakeFifo("many");
+    std::string requests, answers;
+    for (int i = 0; i < kMany; ++i)
+        requests += Request(KyTferMsg::TFER_MSG_STATUS, "many");
+    WriteFile(m_fifos + kControl, requests);
+    EXPECT_TRUE(WaitUntil([&] {
+        char bytes[4096];
+        answers.append(bytes,
+                       static_cast<size_t>(std::max<ssize_t>(0, read(many.Get(), bytes, sizeof bytes))));
+        return Count(answers, "ccccccc") == kMany;
+    })) << Count(answers, "ccccccc");
+    fs::remove(m_fifos + "many");
 }
 
 }  // namespace

@@ -1,13 +1,17 @@
 // tferctl and a service that other callers use at the same time. The test is the service: it gives tferctl the answers
 // that the other callers' transfers lead to.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 
 #include <filesystem>
 #include <map>
 #include <memory>
 
+#include "host/KyFd.h"
 #include "host/KyHostIpc.h"
 #include "messages/KyTferMsgFactory.h"
+#include "messages/KyTferPutDevFile.h"
 #include "messages/KyTferRespMsg.h"
 #include "messages/KyTferStatusMsg.h"
 #include "support/Process.h"
@@ -57,11 +61,16 @@ protected:
     /// Runs a command and answers its requests in turn, each with the reply that a letter stands for.
     /// @return its exit status
     int Run(const std::string& arguments, const std::string& letters) {
-        Process tool(TFERCTL_PROGRAM " " + arguments + " >" + m_temp / "out" + " 2>" + m_temp / "err");
+        Process tool("timeout 20 " TFERCTL_PROGRAM " " + arguments + " >" + m_temp / "out" + " 2>" +
+                     m_temp / "err");
         for (const char letter : letters) {
             KyIpcMsgBuffer buffer(0);
             if (m_control.Read(&buffer, 10000) != 0) break;
             const std::unique_ptr<KyTferMsg> request(KyTferMsgFactory::CreateMsgFromBuffer(&buffer));
+            if (const auto* const push = dynamic_cast<const KyTferPutDevFile*>(request.get()))
+                ExpectForTheGroup(push->GetSrcPath());
+            // The file comes, whole or not, before another's fetch is shown.
+            if (letter == 'W' || letter == 'V') WriteFile(kDownload + "old", letter == 'W' ? "new" : "short");
             const std::string reply = BytesOf(*m_replies.at(letter));
             Session session;
             session.OpenCtrlFifo(request->GetRespFifo().c_str());
@@ -70,12 +79,18 @@ protected:
         return tool.End(0);
     }
 
+    static void ExpectForTheGroup(const std::string& copy) {
+        EXPECT_EQ(ReadFile(copy), "mine");
+        EXPECT_EQ(fs::status(copy).permissions(), fs::perms(0660));
+        EXPECT_EQ(fs::status(copy.substr(0, copy.rfind('/'))).permissions(), fs::perms(0770));
+    }
+
     const std::map<char, Reply> m_replies = {
         {'-', Shows(Record::TFER_STATUS_NONE, "", "")},
         {'y', Result("")},
         {'b', Result("Transaction already in progress")},
         {'c', Result("File transfer cancelled")},
-        {'n', Result("no")},
+        {'n', Result("no\x1B!")},
         {'p', Shows(Record::TFER_STATUS_INPROGRESS, kStaging, "3-1", "mine.cfg")},
         {'P', Shows(Record::TFER_STATUS_COMPLETE, kStaging, "3-1", "mine.cfg")},
         {'Q', Shows(Record::TFER_STATUS_COMPLETE, kStaging, "3-2", "mine.cfg")},
@@ -85,6 +100,8 @@ protected:
         {'M', Shows(Record::TFER_STATUS_COMPLETE, kDownload, "old", "DIRREQ")},
         {'F', Shows(Record::TFER_STATUS_COMPLETE, kDownload, "old", "mine.cfg")},
         {'G', Shows(Record::TFER_STATUS_COMPLETE, kDownload, "other")},
+        {'W', Shows(Record::TFER_STATUS_COMPLETE, kDownload, "other")},
+        {'V', Shows(Record::TFER_STATUS_COMPLETE, kDownload, "other")},
         {'S', Shows(Record::TFER_STATUS_COMPLETE, kStaging, "old", "x")},
         {'X', Shows(Record::TFER_STATUS_FAIL, kLanding, "old", "", "File transfer cancelled: by somebody")},
     };
@@ -108,7 +125,7 @@ TEST_F(TferctlRace, RecordsOfOthers) {
         {"another push of that name", put, "--ypQ", 1, notSent},
         {"fetch after it", put, "--yF", 1, notSent},
         {"cancelled while it waited", put, "--c", 1, notOurs},
-        {"refused", put, "--n", 3, "The transfer service refused: no"},
+        {"refused", put, "--n", 3, "The transfer service refused: no?!"},
         {"new service", put, "--yp-", 1, "The transfer service has restarted and lost this transfer."},
         {"result for a status", put, "y", 1,
          "The transfer service sent no status in reply to a status request."},
@@ -121,8 +138,13 @@ TEST_F(TferctlRace, RecordsOfOthers) {
         {"listing not moved yet", "ls", "-ylL", 0, ""},
         {"fetch", "get old", "-yL-yF", 0, ""},
         {"another fetch, and an old file", "get old", "-yL-yG", 1, notCome},
+        {"another fetch, and the file", "get old", "-yL-yW", 0, ""},
+        {"another fetch, and a part of the file", "get old", "-yL-yV", 1, notCome},
         {"push, and an old file", "get old", "-yL-yS", 1, notCome},
         {"cancelled by another", "get old", "-yL-yX", 1, notOurs},
+        {"watched to its end", "status --watch", "pP", 0, ""},
+        {"watched, and failed", "status --watch", "pX", 1,
+         "The transfer has failed: File transfer cancelled: by somebody"},
         {"two files of that name", "get same", "-yL", 1,
          "The device has 2 files same; use the transfer name of the one you want."},
     };
@@ -136,6 +158,12 @@ TEST_F(TferctlRace, RecordsOfOthers) {
         EXPECT_NE(said.find(row.sentence), std::string::npos) << said;
         EXPECT_EQ(said.empty(), row.sentence.empty()) << said;
     }
+}
+
+TEST_F(TferctlRace, OneTferctlAfterTheOther) {
+    const KyFd other(open(kStaging.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(other.Get(), LOCK_SH), 0);
+    EXPECT_EQ(Run("put --no-wait " + m_temp / "mine.cfg", "--"), 3);
 }
 
 }  // namespace

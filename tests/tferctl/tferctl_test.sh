@@ -67,7 +67,7 @@ head -c 200000 /dev/urandom >"$DEVICE/trend.csv"
 echo small >"$DEVICE/two words.txt"
 echo mine >"$WORK/mine.cfg"
 
-expect "no service" 5 "." "$TFERCTL" status
+expect "no service" 5 "No transfer service is running" "$TFERCTL" status
 expect "no command" 2 "." "$TFERCTL"
 expect "unknown option" 2 "." "$TFERCTL" ls --frobnicate
 for command in "" status ls get put cancel; do
@@ -105,6 +105,11 @@ expect "put" 0 "" "$TFERCTL" put "$WORK/mine.cfg"
 cmp "$WORK/mine.cfg" "$DEVICE/3-00001" || fail "put: the device has another file"
 expect "put, no such file" 1 "." "$TFERCTL" put "$WORK/absent"
 expect "nothing to cancel" 3 "^tferctl: No transfer is in progress\.$" "$TFERCTL" cancel
+expect "status after put" 0 "" "$TFERCTL" status
+grep -qx 'Progress *100%, 5 bytes' "$WORK/out" || fail "status after put: $(cat "$WORK/out")"
+expect "full output" 1 "Standard output could not be written" sh -c '"$1" status >/dev/full' sh "$TFERCTL"
+"$TFERCTL" get trend.csv -o "$WORK/closed" >&-
+cmp "$DEVICE/trend.csv" "$WORK/closed" || fail "get with closed output: another file"
 expect "status" 0 "" "$TFERCTL" status --json
 grep -q '"statusStr": "TFER_STATUS_COMPLETE"' "$WORK/out" || fail "status --json: $(cat "$WORK/out")"
 nothing_left "all went well"
@@ -131,7 +136,9 @@ truncate -s 4294967296 "$WORK/huge"
 expect "put, larger than a transfer can be" 1 'larger than a transfer can be' "$TFERCTL" put "$WORK/huge"
 nothing_left "a put that was refused"
 start_service --fault fetch=stuck --fault push=stuck
+SECONDS=0
 expect "nothing moves" 4 "." "$TFERCTL" get trend.csv --timeout 1 -o "$WORK/late"
+[ "$SECONDS" -lt 5 ] || fail "a time-out of one second took $SECONDS"
 expect "somebody else's transfer" 3 "." "$TFERCTL" ls --no-wait
 [ ! -e "$WORK/late" ] || fail "a get that timed out left its output"
 expect "cancel" 0 "" "$TFERCTL" cancel
@@ -192,6 +199,8 @@ begin trend.csv get trend.csv
 ended "cancelled by somebody else" 1 '^tferctl: Somebody else has cancelled the transfer\.$'
 
 stop_service
+mkfifo "$KY_IPC_DIR/tfersvc-CtrlFifo"
+expect "no reader" 5 "No transfer service is running" "$TFERCTL" status
 rm -rf "$WORK"
 [ "$FAILED" -eq 0 ] && echo "all is well"
 exit "$FAILED"
