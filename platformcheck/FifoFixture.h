@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <utility>
 
 #include "platform/KyIpcFifoSession.h"
 #include "platform/KyIpcMsgBuffer.h"
@@ -25,9 +26,20 @@ struct FifoSession : KyIpcFifoSession {
     FifoSession() : KyIpcFifoSession("platform-check", IPC_CLOSE_NO_CONFIRM) {}
 };
 
-/// A test with a session that reads a FIFO, and one that writes to it. The test opens them.
+/// A test with a session that reads a FIFO, and one that writes to it. The test opens them. At its end, the handling
+/// of SIGPIPE must be as before.
 class FifoTest : public PlatformTest {
 protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        m_sigpipe = SigpipeState();
+    }
+
+    void TearDown() override {
+        EXPECT_EQ(SigpipeState(), m_sigpipe) << "the sessions have changed the handling of SIGPIPE";
+        PlatformTest::TearDown();
+    }
+
     /// Opens both sessions. Call it in ASSERT_NO_FATAL_FAILURE.
     void Open() {
         m_writer.SetWriteBound(kFifoBound);
@@ -76,6 +88,18 @@ protected:
     const std::string m_fifo = "ky-platform-check-" + std::to_string(getpid());
     FifoSession m_reader;
     FifoSession m_writer;
+
+private:
+    /// The handler, and whether this thread blocks the signal.
+    static std::pair<void (*)(int), int> SigpipeState() {
+        struct sigaction action = {};
+        sigset_t mask;
+        sigaction(SIGPIPE, nullptr, &action);
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        return {action.sa_handler, sigismember(&mask, SIGPIPE)};
+    }
+
+    std::pair<void (*)(int), int> m_sigpipe;
 };
 
 /// A child process that does its work and exits.

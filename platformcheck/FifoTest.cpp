@@ -88,13 +88,16 @@ TEST_F(Fifo, RefusesOtherFilesAndLeavesThemUnchanged) {
     const std::string path = FifoPath();
     if (path.empty()) GTEST_SKIP() << "needs /proc to find the FIFO";
     const std::string file = m_directory + "/file";
+    const std::string fifo = m_directory + "/fifo";
     WriteFileBytes(file, "a file");
+    mkfifo(fifo.c_str(), 0600);
     const struct {
         const char* name;
         std::function<bool()> make;
     } rows[] = {{"a file", [&] { return WriteFileBytes(path, "a file"); }},
                 {"a directory", [&] { return mkdir(path.c_str(), 0700) == 0; }},
-                {"a symbolic link", [&] { return symlink(file.c_str(), path.c_str()) == 0; }}};
+                {"a link to a file", [&] { return symlink(file.c_str(), path.c_str()) == 0; }},
+                {"a link to a FIFO", [&] { return symlink(fifo.c_str(), path.c_str()) == 0; }}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         EXPECT_TRUE(row.make());
@@ -201,6 +204,10 @@ public:
         struct sigaction action = {};
         action.sa_handler = [](int) {};
         sigaction(SIGUSR1, &action, nullptr);
+        m_thread = std::thread([this, target = pthread_self()] {
+            for (; !m_stop; Pause(5))
+                pthread_kill(target, SIGUSR1);
+        });
     }
     Interrupter(const Interrupter&) = delete;
     Interrupter& operator=(const Interrupter&) = delete;
@@ -211,10 +218,7 @@ public:
 
 private:
     std::atomic<bool> m_stop{false};
-    std::thread m_thread{[this, target = pthread_self()] {
-        for (; !m_stop; Pause(5))
-            pthread_kill(target, SIGUSR1);
-    }};
+    std::thread m_thread;
 };
 
 class FifoBounds : public FifoTest {
