@@ -3,41 +3,80 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <memory>
-#include <vector>
 
 namespace {
 
-constexpr int kRequestPoint = 8602;
-constexpr int kNamePoint = 8603;
-constexpr int kSizePoint = 8604;
-constexpr int kDmpPoint = 8631;
-constexpr int kOtherPoint = 1;
+constexpr unsigned short kOtherPoint = 1;
+constexpr unsigned kFileSize = 10;
 
 }  // namespace
+
+std::unique_ptr<SimDevice> DeviceSide::MakeDevice(unsigned search, unsigned value) {
+    std::filesystem::create_directories(kDirectory);
+    for (const char* const name : {"/f", "/3"})
+        std::ofstream(kDirectory + std::string(name)) << std::string(kFileSize, 'x');
+    auto device = SimDevice::Builder(kDirectory)
+                      .ManualDelivery(true)
+                      .Modules(search < 0xFC ? 3 : 0, 2)
+                      .ServerVersions(value, value)
+                      .ServerMaxFileSize(value == 1 ? 1U << 30 : value)
+                      .Dmp(value, value)
+                      .Build();
+    fuzz::Require(device != nullptr, "the device can be built");
+    // Without a report, the engine does not search: the search takes most of a short conversation's time.
+    if (search < 0xC0) device->FailPoint(SimAccess::REPORT_ID, sim_point::MON_AGENT_INFO, SIM_NO_POINT);
+    return device;
+}
+
+DeviceSide::DeviceSide(fuzz::Input& input, SimDevice& device, FuzzProxy& proxy, KyTferClient& engine,
+                       RecordCheck& check)
+    : m_input(input), m_device(device), m_proxy(proxy), m_engine(engine) {
+    ResetFaults();
+    device.SetListener([&engine, &check](const KyValChgInfo& change) {
+        if (change.pntId == sim_point::XFER_FILE_SIZE) check.SizeChanged();
+        engine.DataChange(change);
+    });
+}
 
 void DeviceSide::Step(unsigned step) {
     static const char* const kWords[] = {"READY", "NONE", "DIRREQ", "SUCCESS", "ERROR", "", "DIRX", "f"};
     switch (step % 16) {
         case 7:
         case 8:
-            return ChangeText(kRequestPoint, kWords[m_input.Byte() % 8]);
-        case 9:
-            return ChangeText(m_input.Byte() % 4 == 0 ? kNamePoint : kRequestPoint, Name(m_input));
+            m_device.ChangeString(sim_point::CLIENT_FILE_REQ, kWords[m_input.Byte() % 8]);
+            break;
+        case 9: {
+            const bool name = m_input.Byte() % 4 == 0;
+            m_device.ChangeString(name ? sim_point::XFER_FILE_NAME : sim_point::CLIENT_FILE_REQ,
+                                  Name(m_input).substr(0, 400));
+            break;
+        }
         case 10:
-            return ChangeNumber(kSizePoint, m_input.Number());
+            m_device.ChangeUint32(sim_point::XFER_FILE_SIZE, m_input.Number());
+            break;
         case 11:
-            return SetTransfer();
+            SetTransfers();
+            break;
         case 12:
-            return m_device.Release();
+            m_device.ReleaseTransfers();
+            break;
         case 13:
-            return Land(FuzzDevice::kLanding + m_engine.GetStatus("").GetXferFileName());
+            Land(FuzzProxy::kLanding + m_engine.GetStatus("").GetXferFileName());
+            break;
         case 14:
-            return FailPoints();
-        case 15:
-            return ChangeNumber(m_input.Byte() % 4 == 0 ? kOtherPoint : kDmpPoint, m_input.Number());
+            FailPoints();
+            break;
+        case 15: {
+            const bool other = m_input.Byte() % 4 == 0;
+            const unsigned value = m_input.Number();
+            if (other) m_device.ChangeUint32(kOtherPoint, value);
+            if (!other) m_device.ChangeDmp(static_cast<unsigned short>(value), value % 3);
+            break;
+        }
         default:
-            return;
+            break;
+    }
+    while (m_device.DeliverPending() > 0) {
     }
 }
 
@@ -48,22 +87,45 @@ std::string DeviceSide::Name(fuzz::Input& input) {
     return form == 255 ? std::string(input.Number() % 5000, 'n') : input.Text(form % 16);
 }
 
-void DeviceSide::SetTransfer() {
+void DeviceSide::SetTransfers() {
+    static constexpr SimAnswer kAnswers[] = {SimAnswer::SILENT, SimAnswer::NORMAL, SimAnswer::READY_TWICE,
+                                             SimAnswer::NONE_VALUE};
+    static constexpr FuzzProxy::Outcome kOutcomes[] = {
+        FuzzProxy::Outcome::DEVICE, FuzzProxy::Outcome::FAILURE, FuzzProxy::Outcome::EXCEPTION,
+        FuzzProxy::Outcome::EXCEPTION};
     const unsigned how = m_input.Byte();
-    FuzzDevice::Transfer transfer;
-    transfer.deliver = how % 2 == 0;
-    transfer.size = m_input.Number() % 5000;
-    transfer.hold = how / 2 % 4 == 1;
-    transfer.outcome = how / 8 % 4;
-    m_device.SetTransfer(transfer);
+    const unsigned size = m_input.Number() % 5000;
+    SimFault fault;
+    fault.answer = kAnswers[how / 32 % 4];
+    fault.noFile = how % 2 == 1;
+    fault.sizeDelta = static_cast<long long>(size) - kFileSize;
+    fault.announceSizeDelta = how < 128 ? fault.sizeDelta : 0;
+    fault.stuck = how / 2 % 4 == 1;
+    fault.stuckAfterBytes = size / 2;
+    SetFault(fault);
+    m_proxy.SetOutcome(kOutcomes[how / 8 % 4]);
+}
+
+void DeviceSide::SetFault(const SimFault& fault) {
+    for (const auto operation : {SimOperation::FETCH, SimOperation::PUSH, SimOperation::DIRECTORY})
+        m_device.SetFault(operation, fault);
+}
+
+void DeviceSide::ResetFaults() {
+    SimFault silent;
+    silent.answer = SimAnswer::SILENT;
+    SetFault(silent);
+    m_proxy.SetOutcome(FuzzProxy::Outcome::DEVICE);
+    m_proxy.FailPoints(0, false);
+    m_device.ReleaseTransfers();
 }
 
 void DeviceSide::FailPoints() {
     const unsigned bits = m_input.Byte();
-    m_device.FailPoints(bits, m_input.Byte() % 2 == 1);
+    m_proxy.FailPoints(bits, m_input.Byte() % 2 == 1);
 }
 
-/// A file that comes, grows or goes without a worker.
+/// Creates, extends or removes a landing file without a transfer.
 void DeviceSide::Land(const std::string& path) {
     const unsigned size = m_input.Number() % 5000;
     if (path.find("..") != std::string::npos) return;
@@ -72,19 +134,4 @@ void DeviceSide::Land(const std::string& path) {
     } else {
         std::ofstream(path, std::ios::app) << std::string(size, 'z');
     }
-}
-
-/// The value lies in memory that ends with it.
-void DeviceSide::ChangeText(int point, const std::string& text) {
-    const std::string shortened = text.substr(0, 400);
-    std::vector<unsigned short> units(shortened.begin(), shortened.end());
-    if (m_input.Byte() % 8 == 7) units.push_back(0x4100);
-    const auto length = static_cast<unsigned short>(units.size());
-    m_engine.DataChange({point, 0, length, units.empty() ? nullptr : units.data()});
-}
-
-void DeviceSide::ChangeNumber(int point, unsigned number) {
-    const auto value = std::make_unique<unsigned>(number);
-    if (point == kSizePoint) m_check.SizeChanged();
-    m_engine.DataChange({point, static_cast<unsigned short>(number % 3), 2, value.get()});
 }

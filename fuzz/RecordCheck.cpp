@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "fuzz/Fuzz.h"
-#include "fuzz/FuzzDevice.h"
+#include "fuzz/FuzzProxy.h"
 
 using fuzz::Require;
 
@@ -52,14 +52,14 @@ bool FitsStatus(Status::TferStatus status, const std::string& text) {
 
 void CheckPath(const Status& record) {
     const std::string& path = record.GetFilePath();
-    const std::string download = std::string(FuzzDevice::kLanding) + "tferFiles/";
+    const std::string download = std::string(FuzzProxy::kLanding) + "tferFiles/";
     const bool retrieved = BeginsWith(record.GetStatusMsg(), kRetrieved);
-    Require(path.empty() || path == FuzzDevice::kLanding || path == download || path == FuzzDevice::kStaging,
+    Require(path.empty() || path == FuzzProxy::kLanding || path == download || path == FuzzProxy::kStaging,
             "the file path is one of three");
     if (record.GetStatus() == Status::TFER_STATUS_COMPLETE && retrieved)
         Require(path == download, "a retrieved file is in the download directory");
     if (record.GetStatusMsg() == "In Progress") {
-        Require(record.GetStatus() == Status::TFER_STATUS_INPROGRESS && path == FuzzDevice::kStaging,
+        Require(record.GetStatus() == Status::TFER_STATUS_INPROGRESS && path == FuzzProxy::kStaging,
                 "a push in progress has its path");
     }
 }

@@ -1,14 +1,15 @@
-// A conversation of the engine with a device and its callers, in stepped time. The input says what the
-// callers ask for, what the device answers and delivers, which calls of the proxy fail, and when time
-// passes.
+// A conversation of the engine with the simulated device and its callers, in stepped time. The input says what
+// the callers request, how the device behaves, which calls of the proxy fail, and when time passes.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <memory>
 
 #include "engine/KyTferClient.h"
 #include "fuzz/DeviceSide.h"
 #include "fuzz/Fuzz.h"
+#include "host/KyHostNet.h"
 #include "support/SteppedTime.h"
 
 using fuzz::Require;
@@ -17,12 +18,11 @@ using std::chrono::seconds;
 namespace {
 
 constexpr char kOutgoing[] = "/var/local/tal/up";
-constexpr auto kLongEnough = seconds(181);  // for every transaction, from when its monitor runs
+constexpr auto kLongEnough = seconds(181);  // longer than every time limit of a transaction
 
 class Conversation {
 public:
-    explicit Conversation(fuzz::Input& input)
-        : m_input(input), m_device(Search(input.Byte()), [this] { m_check.Check(); }) {}
+    explicit Conversation(fuzz::Input& input) : m_input(input) {}
 
     void Run() {
         std::filesystem::create_directories(kOutgoing);
@@ -34,28 +34,19 @@ public:
     }
 
 private:
-    /// The search for the card's place takes most of a short conversation's time.
-    static FuzzDevice::Search Search(unsigned form) {
-        return form < 0xC0   ? FuzzDevice::NO_REPORT
-               : form < 0xFC ? FuzzDevice::FOUND
-                             : FuzzDevice::NEVER_FOUND;
-    }
-
     void Init() {
-        const unsigned failing = m_input.Byte();
-        m_device.FailPoints(failing, m_input.Byte() % 2 == 1);
-        m_device.SetValue(m_input.Byte() % 4);
+        m_proxy.FailPoints(m_failing, m_throws);
         int sleeps = 0;
         std::thread stop;
         SteppedTime::OnSleep([&] {
-            // The device does not know the card: this would go on for ever.
+            // A device that does not know the card makes the engine search for ever.
             if (++sleeps == 100) stop = std::thread([this] { m_engine.Stop(); });
         });
-        m_engine.Init(3, &m_device);
+        m_engine.Init(3, &m_proxy);
         SteppedTime::OnSleep(nullptr);
         m_stopped = stop.joinable();
         if (m_stopped) stop.join();
-        m_device.FailPoints(0, false);
+        m_proxy.FailPoints(0, false);
         if (m_stopped) Stop();
     }
 
@@ -68,10 +59,9 @@ private:
         } else if (step == 5) {
             SteppedTime::Advance(seconds(m_input.Byte()));
         } else if (step == 6) {
-            fuzz::WaitUntil([&] { return !m_engine.WorkerRunning() || m_device.Held() > 0; });
-        } else {
-            m_side.Step(step);
+            fuzz::WaitUntil([&] { return !m_engine.WorkerRunning() || m_device->HangingTransfers() > 0; });
         }
+        m_side.Step(step);
         if (!m_stopped) m_check.Check();
     }
 
@@ -99,7 +89,7 @@ private:
         return true;
     }
 
-    /// While the request waits for its second, the device goes on.
+    /// The device takes steps while the request sleeps.
     void Push() {
         const std::string name = DeviceSide::Name(m_input);
         const unsigned size = m_input.Byte();
@@ -117,14 +107,12 @@ private:
                 "a file to push is consumed");
     }
 
-    /// Every transaction ends, and then the next one is accepted; so does that.
+    /// Every transaction ends, and the next fetch is accepted and ends, too.
     void EndTransactions() {
-        m_device.FailPoints(0, false);
-        m_device.SetTransfer({});
-        m_device.Release();
+        m_side.ResetFaults();
         Require(fuzz::WaitUntil([&] { return !m_engine.WorkerRunning(); }),
                 "workers end with their transfers");
-        unlink((std::string(FuzzDevice::kLanding) + "never there").c_str());
+        unlink((std::string(FuzzProxy::kLanding) + "never there").c_str());
         const auto accepted = [&] {
             SteppedTime::Advance(kLongEnough);
             m_check.Check();
@@ -137,23 +125,27 @@ private:
             return record.GetStatus() == KyTferStatusMsg::TFER_STATUS_FAIL &&
                    record.GetStatusMsg() == "File transfer Failed - timeout";
         };
-        Require(fuzz::WaitUntil(failed), "a fetch that nobody answers fails by time");
+        Require(fuzz::WaitUntil(failed), "a fetch without an answer times out");
     }
 
     void Stop() {
-        m_device.Abort();
+        m_device->Abort();
         m_engine.Stop();
         m_stopped = true;
         Require(m_engine.GetFileFromDevRequest("f", 1).GetStatus() == KyTferStatusMsg::TFER_STATUS_FAIL,
                 "a stopped engine refuses");
-        m_device.ExpectNoCall();
+        m_proxy.ExpectNoCall();
     }
 
     fuzz::Input& m_input;
-    FuzzDevice m_device;
+    const unsigned m_search = m_input.Byte();
+    const unsigned m_failing = m_input.Byte();
+    const bool m_throws = m_input.Byte() % 2 == 1;
+    const std::unique_ptr<SimDevice> m_device = DeviceSide::MakeDevice(m_search, m_input.Byte() % 4);
+    FuzzProxy m_proxy{*m_device, [this] { m_check.Check(); }};
     KyTferClient m_engine;
     RecordCheck m_check{m_engine};
-    DeviceSide m_side{m_input, m_device, m_engine, m_check};
+    DeviceSide m_side{m_input, *m_device, m_proxy, m_engine, m_check};
     bool m_stopped = false;
 };
 
@@ -162,6 +154,7 @@ private:
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::RequireSandbox();
     fuzz::SilenceLog();
+    ky_host::SetMAC("02:00:00:00:00:03");  // the machine's takes a system call for each read
     std::filesystem::create_directories("/var/tmp/dmp");
     return 0;
 }
