@@ -19,7 +19,7 @@ KyTferDirectory Sample() {
     return directory;
 }
 
-/// A document in which ' stands for a quote and | for a line end.
+/// Replaces ' by a quote and | by a line end.
 std::string Json(std::string text) {
     std::replace(text.begin(), text.end(), '\'', '"');
     std::replace(text.begin(), text.end(), '|', '\n');
@@ -27,7 +27,7 @@ std::string Json(std::string text) {
 }
 
 TEST(DirEntry, Document) {
-    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);  // has no influence
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);  // dates are in UTC all the same
     const KyTferDirEntry odd("p", "\xE9", "a\0b"s, "\xC3\xA9\n", 4294967295U, 1709251199999999999);
     EXPECT_EQ(
         odd.GetEntryAsJSONString(),

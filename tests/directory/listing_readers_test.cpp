@@ -11,8 +11,8 @@
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
-static constexpr size_t kTooMuch = 100'000'000;  // bytes; no file here has so many entries
-static int s_allowed = INT_MAX;                  // allocations before those that fail
+static constexpr size_t kTooMuch = 100'000'000;  // bytes; no listing of these tests needs as much
+static int s_allowed = INT_MAX;                  // allocations until they fail
 
 // Not inlined, or the compiler takes free() for a mismatch of an operator new that it does not see.
 [[gnu::noinline]] void* operator new(size_t size) {
@@ -32,7 +32,7 @@ namespace {
 using Entries = std::vector<std::string>;
 using namespace std::string_literals;
 
-/// The entries, each as its values joined by bars.
+/// Each entry as its values with bars between them.
 Entries Texts(const KyTferDirectory& directory) {
     Entries texts;
     for (const KyTferDirEntry& entry : directory.GetEntryList(0, UINT_MAX))
@@ -42,7 +42,7 @@ Entries Texts(const KyTferDirectory& directory) {
     return texts;
 }
 
-/// The entries of the file. To read it once more must add them once more.
+/// The entries of the file. A second read must add them again.
 Entries ReadTwice(const std::string& path,
                   bool (*read)(const std::string& path, KyTferDirectory& directory)) {
     KyTferDirectory directory;
@@ -190,7 +190,7 @@ TEST(BlankSeparatedListing, Forms) {
     };
     const TempDir dir;
     for (const auto& row : rows)
-        // The reader's first block ends behind each character of the text.
+        // The end of the reader's first block falls on each character of the text.
         for (size_t inBlock = 0; inBlock < 100; ++inBlock) {
             WriteFile(dir / "listing", std::string(65536 - inBlock, ' ') + row.text);
             ASSERT_EQ(ReadTwice(dir / "listing", ky_directory::ReadBlankSeparatedListing), row.entries)

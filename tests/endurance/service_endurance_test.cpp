@@ -1,4 +1,4 @@
-// The service, in a process of its own, under many requests and many sudden ends.
+// The built service under many requests, and killed many times.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
@@ -32,11 +32,11 @@ void Pause(Choice microseconds) {
     nanosleep(&pause, nullptr);
 }
 
-/// What the callers have counted, in memory that all of them share with the test.
+/// Counters in memory that the callers share with the test.
 struct Tally {
     std::atomic<bool> stop{false};
     std::atomic<int> answered{0};
-    std::atomic<int> wrong{0};  // an answer of another kind than the request's, or late news of a kill
+    std::atomic<int> wrong{0};  // answers of the wrong class, and callers that wait too long
 };
 
 KyTferMsg* Ask(TferSvcMsgClient& client, Choice choice) {
@@ -47,13 +47,13 @@ KyTferMsg* Ask(TferSvcMsgClient& client, Choice choice) {
     return client.DoRequest(KyTferMsgFactory::CreateMsg(KyTferMsg::TFER_MSG_CANCEL_TRANS));
 }
 
-/// Makes that many requests, unless told to stop.
+/// Makes so many requests, or fewer if `stop` is set.
 int BeCaller(Tally& tally, int requests, Choice seed) {
     std::mt19937 random(seed);
     TferSvcMsgClient client;
     for (int i = 0; i < requests && !tally.stop; ++i) {
         const auto begin = std::chrono::steady_clock::now();
-        // Many transactions at first: what they need at once, the service then has.
+        // Many transactions first, so that the first figures include the memory they need.
         const Choice choice = random() % (i < kFirst / kCallers ? 4 : 64);
         const auto type = choice < 4 ? KyTferMsg::TFER_MSG_RESP : KyTferMsg::TFER_MSG_STATUS;
         const std::unique_ptr<KyTferMsg> answer(Ask(client, choice));
@@ -65,7 +65,7 @@ int BeCaller(Tally& tally, int requests, Choice seed) {
     return 0;
 }
 
-/// What a process holds, by its directory in /proc; memory in KiB.
+/// Resources of a process, from its directory in /proc. Memory is in KiB.
 std::map<std::string, long> FiguresOf(const std::string& directory) {
     std::map<std::string, long> figures = {{"Threads:", 0}, {"VmSize:", 0}, {"RssAnon:", 0}};
     std::ifstream status(directory + "/status");
@@ -82,7 +82,7 @@ protected:
         ky_host::SetLogLevel(-1);
     }
 
-    // How many threads coincide is chance: no stack and no arena of malloc is to hide what else grows.
+    // The number of threads at one time is random. Small stacks and a single arena keep it from hiding a leak.
     void Start() {
         ServiceFixture::Start("", "prlimit --stack=1048576 " + std::string(kShortSleeps) +
                                       "KY_LOG_LEVEL=5 MALLOC_ARENA_MAX=1 ");
@@ -95,7 +95,7 @@ protected:
             m_callers.emplace_back([=, seed = m_random()] { return BeCaller(m_tally, requests, seed); });
     }
 
-    /// The service must still fetch, once the callers' last transaction has ended.
+    /// Waits for the callers. The service must then still fetch.
     void ExpectCallersEndAndFetch() {
         for (Process& caller : m_callers)
             EXPECT_EQ(caller.End(0, 10 * kDeadline), 0) << "a caller hangs or has crashed";
@@ -110,7 +110,7 @@ protected:
         EXPECT_TRUE(ReadFile(m_downloaded) == m_bytes);
     }
 
-    std::mt19937 m_random;  // its choices are the same in each run, the moments of the kills are not
+    std::mt19937 m_random;  // the same in each run; the times of the kills are not
     const std::string m_bytes = std::string(kFileSize / 2, 'a') + std::string(kFileSize / 2, 'z');
     const std::string m_downloaded = std::string(kDownload) + "f";
     std::list<Process> m_callers;
@@ -141,7 +141,7 @@ TEST_F(ServiceEndurance, ManyRequestsLeaveNothingBehind) {
     for (const int i : {0, 1}) {
         StartCallers((i == 0 ? kFirst : kRequests - kFirst) / kCallers);
         ExpectCallersEndAndFetch();
-        Pause(500'000);  // the last transaction's threads are just ending
+        Pause(500'000);  // the last transaction's threads end meanwhile
         figures[i] = FiguresOf(m_service->Proc());
         std::cout << testing::PrintToString(figures[i]) << '\n';
     }

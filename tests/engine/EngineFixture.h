@@ -50,12 +50,12 @@ protected:
     /// Waits until no worker runs and the device has nothing left to report.
     bool WaitForWorker();
 
-    /// Waits until the record's Outcome is that one, and then as WaitForWorker.
+    /// Waits for this Outcome of the record, and then as WaitForWorker.
     bool WaitForOutcome(const std::string& outcome);
 
     Status Record() { return engine->GetStatus(""); }
 
-    /// The recorded calls but for reads.
+    /// The recorded calls without the reads.
     Strings Written() const;
 
     /// Waits for a request's own two writes, so many more, and the end of the worker.
@@ -76,7 +76,7 @@ private:
     SimDevice::Builder m_builder{files.Path()};
 };
 
-/// "complete: text" and so on, for comparing a record in one go.
+/// Status and text of a record, such as "complete: text".
 std::string Outcome(const Status& record);
 
 /// The outcome of a whole fetch.

@@ -19,13 +19,14 @@ public:
 
     explicit RecordingProxy(KyPldProxy& device) : m_device(device) {}
 
-    /// Called before a call is passed on. A result other than 0 is the call's own. A hook may throw.
+    /// Sets a function that runs before each call. If the result is not 0, the call returns it and is not passed on. The
+    /// function may throw.
     void OnCall(Hook hook) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_hook = std::move(hook);
     }
 
-    /// Makes the calls with this text fail, and after "*" at its end those that begin with it.
+    /// Makes all calls with this text fail. A "*" at the end matches any rest.
     void Fail(const std::string& text, int status) {
         const size_t star = text.find('*');
         OnCall([=](const std::string& call) {
@@ -56,7 +57,7 @@ private:
         return status != 0 ? status : pass();
     }
 
-    /// The module and the time-out are part of the text if they are not those that the engine has to give.
+    /// A wrong module or time-out is part of the text.
     static std::string Write(u16 point, const std::string& value, bool usual) {
         return std::to_string(point) + "=" + value + (usual ? "" : ", wrong module or time-out");
     }

@@ -58,8 +58,8 @@ TEST_F(DirectoryFetch, Endings) {
     }
 }
 
-/// A file may lie there before the device has named the listing or announced its size, with the size of the transfer
-/// before or without a byte.
+/// The monitor must not take an old file for the listing: neither before the device has named the listing nor before the
+/// device has announced its size.
 TEST_F(DirectoryFetch, OldFileIsNotTheListing) {
     Start();
     FetchF();
@@ -116,7 +116,7 @@ TEST_F(DirectoryFetch, NeedsNoMonitorAndNoOtherTransaction) {
     EXPECT_EQ(Written(), Strings{});
 }
 
-/// The leak check tells whether each listing is freed, also one that the map does not take.
+/// The leak check sees a listing that is not freed.
 TEST_F(DirectoryFetch, ListingsFromAnyFile) {
     KyTferClient client;
     WriteFile(files / "good", "1,1\na , b , c , 1 , 2\n");
@@ -125,7 +125,7 @@ TEST_F(DirectoryFetch, ListingsFromAnyFile) {
         client.CreateDirectoryFromFile(files / name);
     EXPECT_EQ(log->Count(3, ""), 0);
     EXPECT_EQ(log->Count(7, " a b c 1 ..."), 2);
-    // Four so far. The seventeenth replaces the one that was read longest ago.
+    // Four so far. The seventeenth listing replaces the one that was read longest ago.
     for (int i = 5; i <= 16; ++i)
         client.CreateDirectoryFromFile(std::to_string(i));
     client.CreateDirectoryFromFile(files / "good");

@@ -21,7 +21,7 @@ protected:
     }
 };
 
-/// How a fetch ends, and what is written after the request's own two writes.
+/// `written` are the calls after the request's own two writes.
 TEST_F(Fetch, Endings) {
     const Strings kSuccess = {"get f", "8602=", "8602=SUCCESS", "8604=0"};
     const Strings kError = {"get f", "8602=", "8602=ERROR", "8604=0"};
@@ -45,7 +45,7 @@ TEST_F(Fetch, Endings) {
          "device(3). Status(7)",
          kSuccess},
         {20480, 20380, "none", OtherSize("20480", "100"), kError},
-        // The worker sets the size to 0 at its end, which the file would fit.
+        // The worker sets the size to 0 at its end. An empty file must not fit this size.
         {20480, 20480, "none", OtherSize("20480", "0"), kError},
         {100, 0, "get f",
          "Failed to get file(f) from device. and place it here(/var/local/tal/pldserver/3/f)", kMissing},

@@ -44,7 +44,7 @@ TEST_F(Negotiation, OneStepFails) {
         {"8599*", 0, true, {"Could not set client max version. status(7)"}},
         {"8601*", 0, true, {"Could not set client max file size. status(7)"}},
         {"8604*", 7, true, {"Could not set client max file size. status(7)"}},
-        // Of a string's two writes the second decides.
+        // A text is written twice. Only the second write's status counts.
         {"8602=", 0, true, {}},
         {"8602=NONE", 0, true, {kStringNotSet}},
     };
@@ -107,7 +107,7 @@ TEST_F(Negotiation, FlagFileFailuresAreLoggedAndNothingElse) {
     EXPECT_EQ(ReadFile(files / "precious"), "data") << "a planted link is not followed";
     fs::remove(kDmpSupported);
     ASSERT_EQ(mkfifo(kDmpSupported, 0666), 0);
-    client.SetDmpSupported(true);  // must not wait for a reader
+    client.SetDmpSupported(true);  // does not wait for a reader
 }
 
 TEST_F(Negotiation, NoProxyRunsThroughAndFails) {

@@ -45,7 +45,7 @@ TEST_F(Push, WholeConversation) {
     EXPECT_FALSE(fs::exists(kSource));
 }
 
-/// Each step fails in turn. Transfer numbers follow each other, and only a written name uses one.
+/// Each step fails in turn. Transfer numbers are consecutive, and only a written name uses one.
 TEST_F(Push, Failures) {
     const struct {
         const char* step;     ///< a call of the proxy, or another
@@ -87,7 +87,7 @@ TEST_F(Push, Failures) {
     }
 }
 
-/// The size is announced as the largest one that the point can hold.
+/// The point has 32 bits, so the card announces their largest value.
 TEST_F(Push, FileOfMoreThan4GiB) {
     Start();
     fs::resize_file(kSource, 4294967296 + 5);

@@ -7,13 +7,13 @@ namespace {
 class ValueChange : public EngineTest {
 protected:
     void ChangeNumber(int pointId, unsigned short mmIdx, unsigned int number) {
-        // One byte off any alignment, as a platform's packed records are.
+        // Unaligned, as in a platform's packed records.
         char storage[8] = {};
         memcpy(storage + 1, &number, sizeof number);
         engine->DataChange({pointId, mmIdx, 0, storage + 1});
     }
 
-    /// A 16-bit flag and what stands behind it.
+    /// A 16-bit flag and the 16 bits after it.
     void ChangeDmp(unsigned short mmIdx, unsigned short flag, unsigned short behind) {
         const unsigned short storage[] = {flag, behind};
         engine->DataChange({8631, mmIdx, 0, storage});
@@ -62,8 +62,8 @@ TEST_F(ValueChange, NumbersAndForeignRecords) {
     EXPECT_EQ(log->Lines().size(), lines + 2) << "the two strings, taken as empty";
 }
 
-/// A worker writes the size 0 at its end. The device's report of that write may come in the next transaction, and is
-/// no announcement. The same value for a second time is one, and so is each value if the write has failed.
+/// A worker writes the size 0 at its end. The device may report this write in the next transaction. This report is no
+/// announcement. A second 0 is an announcement, and so is the first 0 if the write has failed.
 TEST_F(ValueChange, ReportOfAnOwnWriteIsNoAnnouncement) {
     for (const bool fails : {false, true}) {
         SCOPED_TRACE(fails);
@@ -97,7 +97,7 @@ TEST_F(ValueChange, DmpFollowsTheCardsOwnModuleAlone) {
     EXPECT_TRUE(fs::exists("/var/tmp/dmp/usb_force_fs"));
 }
 
-/// What a value of the request point leads to, for each kind of transaction and after each value before.
+/// The effect of a value depends on the transaction and on the value before.
 TEST_F(ValueChange, RequestPoint) {
     const struct {
         const char* name;
@@ -135,8 +135,8 @@ TEST_F(ValueChange, RequestPoint) {
     }
 }
 
-/// What comes while a listing is being requested may be the answer to it. READY is not, and what came before a
-/// refusal is no answer to the next request.
+/// The device may answer before the request returns. READY is no answer to a listing request. An answer to a refused
+/// request is no answer to the next one.
 TEST_F(ValueChange, AnswerBeforeTheListingRequestReturns) {
     const struct {
         const char* value;
@@ -160,7 +160,7 @@ TEST_F(ValueChange, AnswerBeforeTheListingRequestReturns) {
     }
 }
 
-/// The "NONE" of Init was once taken for the one that the device says.
+/// The engine once took the "NONE" that Init writes for the device's answer.
 TEST_F(ValueChange, DeviceThatReportsNoOwnWritesSaysNone) {
     Build();
     device->SetListener(nullptr);

@@ -1,4 +1,4 @@
-// What only the host's platform does; platform-check has the rest.
+// Only what platform-check does not check.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>

@@ -221,7 +221,7 @@ TEST(Interleaving, EveryPairAndSomeTriples) {
         Check(scenario, seed, true);
         return;
     }
-    unsigned long long seeds = 6;
+    unsigned long long seeds = 8;
     std::istringstream(more == nullptr ? "" : more) >> seeds >> seed;
     for (; seeds > 0; --seeds, ++seed) {
         for (scenario = 0; scenario < kScenarios; ++scenario)

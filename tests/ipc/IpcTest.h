@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 
 extern "C" int __real_poll(pollfd* files, nfds_t count, int milliseconds);
 
-/// What poll() does in the code under test, until the end of the test.
+/// Replaces poll() in the code under test.
 inline std::function<int(pollfd* files, nfds_t count, int milliseconds)> s_poll = __real_poll;
 
 /// Writes bytes without a session. Does not wait for a reader to open the FIFO.

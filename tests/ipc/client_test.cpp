@@ -18,7 +18,7 @@ using Message = std::unique_ptr<KyTferMsg>;
 
 constexpr char kControl[] = "tfersvc-CtrlFifo";
 
-/// What a request holds, for comparison: type, transaction, names, size and path.
+/// The fields of a request: type, transaction, names, size and path.
 std::string Describe(const KyTferMsg& request) {
     const auto* const file = dynamic_cast<const KyTferDevFileMsg*>(&request);
     const auto* const push = dynamic_cast<const KyTferPutDevFile*>(&request);
@@ -30,7 +30,7 @@ std::string Describe(const KyTferMsg& request) {
 
 class ClientTest : public IpcTest {
 protected:
-    /// The service's side: takes the request, which must be as described, and sends these bytes.
+    /// Reads the request as the service, compares it with the description, and sends these bytes.
     void Serve(const std::string& description, const std::string& reply) {
         KyIpcMsgBuffer buffer(0);
         ASSERT_EQ(m_reader.Read(&buffer, 1000), 0);
@@ -96,7 +96,7 @@ TEST_F(ClientTest, RequestsAndReplies) {
             EXPECT_NE(access(m_reply.c_str(), F_OK), 0);
             EXPECT_LE(polls, 2) << "a closed writer wakes the reader";
         };
-        // Under a sanitizer the counts are 0, and the sanitizer looks for leaks.
+        // A sanitizer reports 0 here, and finds leaks itself.
         constexpr size_t kRounds = 20;
         size_t inUse[2 * kRounds];
         for (size_t& bytes : inUse) {

@@ -47,7 +47,8 @@ TEST_F(SessionTest, ReadEndsWhenThePeerHasGone) {
         EXPECT_EQ(__real_poll(files, count, 0), 0);
         WriteRaw(Path("answer"), FrameOf("last") + FrameOf("half").substr(0, 10));
         m_reader.Close();
-        files[1].revents = POLLERR;  // it answered and went after the look at the first of the two
+        files[1].revents =
+            POLLERR;  // the peer answers and ends after poll() has looked at the first descriptor
         return 1;
     };
     EXPECT_EQ(asker.Read(&buffer, 10'000), 0);
@@ -56,7 +57,7 @@ TEST_F(SessionTest, ReadEndsWhenThePeerHasGone) {
     EXPECT_EQ(buffer.GetLength(), 0);
 }
 
-/// If the reader does not end, neither does this test.
+/// Without its bound, the reader does not return.
 TEST_F(SessionTest, FloodDoesNotHoldTheReader) {
     s_poll = [&](pollfd* files, nfds_t count, int milliseconds) {
         WriteRaw(Path(kName), std::string(100, '\xF4'));
@@ -71,7 +72,7 @@ using Messages = std::vector<std::string>;
 const std::string kMark(reinterpret_cast<const char*>(ky_frame::kMark), sizeof ky_frame::kMark);
 const std::string kLead = kMark.substr(0, ky_frame::kLead);
 
-/// The messages of a stream that comes in pieces of one size, and behind them how many bytes were skipped.
+/// The messages of a stream that comes in pieces of one size. The last element is the number of skipped bytes.
 Messages Decode(const std::string& stream, size_t piece) {
     KyIpcFrameDecoder decoder;
     Messages messages;
@@ -85,7 +86,7 @@ Messages Decode(const std::string& stream, size_t piece) {
 }
 
 TEST(Frames, ADamagedByteCostsOnlyItsFrame) {
-    // The message holds what frames are made of.
+    // The message contains marks and stuffing.
     const std::string frame = FrameOf("a" + kLead + '\0' + kMark + kMark + "b"), next = FrameOf("next");
     for (size_t place = 0; place < frame.size(); ++place)
         for (unsigned int change = 1; change < 256; ++change) {
@@ -102,7 +103,7 @@ TEST(Frames, OneByteMoreThanTheMostIsDamage) {
     std::string frame = FrameOf(most);
     EXPECT_EQ(Decode(frame, 70'000), (Messages{most, "0"}));
     KyIpcMsgBuffer stuffed(0);
-    const std::string marked = most.substr(kLead.size()) + kLead;  // takes one byte more on its way
+    const std::string marked = most.substr(kLead.size()) + kLead;  // stuffing adds one byte
     EXPECT_EQ(ky_frame::Encode(marked.data(), ky_frame::kMaxBody, stuffed), Session::IPC_TOO_LARGE);
     ++frame[sizeof ky_frame::kMark];
     frame.insert(frame.size() - 1, "x");

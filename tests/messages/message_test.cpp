@@ -63,8 +63,7 @@ void FillStatus(KyTferMsg& message) {
     status.SetStatusMsg("text");
 }
 
-/// What becomes of a message of which only `length` bytes arrive: the fields behind are 0 or empty, which
-/// looks the same on the wire.
+/// The bytes of a message that is cut after `length` bytes: missing fields are 0 or empty, which have the same bytes.
 std::string Expected(const std::vector<std::string>& fields, size_t length) {
     std::string wire;
     for (const std::string& field : fields) {
@@ -77,7 +76,7 @@ std::string Expected(const std::vector<std::string>& fields, size_t length) {
 TEST(Messages, BytesOfEveryClassAndEveryTruncation) {
     const struct {
         std::function<void(KyTferMsg&)> fill;
-        std::vector<std::string> fields;  // behind those of every message
+        std::vector<std::string> fields;  // after those that every message has
     } rows[] = {
         {FillFile, {Text(kLong), Text("orig"), Int(0x81020304)}},
         {[](KyTferMsg& message) {

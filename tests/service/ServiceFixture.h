@@ -15,7 +15,7 @@
 namespace fs = std::filesystem;
 using Names = std::multiset<std::string>;
 
-// Before a service's command. A sanitizer would otherwise insist on being the first library.
+// Goes before the service's command. Without the option, a sanitizer refuses to be the second library.
 constexpr char kShortSleeps[] =
     "env ASAN_OPTIONS=$ASAN_OPTIONS:verify_asan_link_order=0 LD_PRELOAD=" SHORT_SLEEPS " ";
 constexpr char kLanding[] = "/var/local/tal/pldserver/3/";
@@ -30,7 +30,7 @@ inline Names EntriesOf(const std::string& directory) {
     return names;
 }
 
-/// The built service over a simulated device 3 with some files, and the test's process as its caller.
+/// The built service with a simulated device, and a client in the test's process.
 class ServiceFixture : public testing::Test {
 protected:
     ServiceFixture() {
@@ -38,7 +38,7 @@ protected:
         setenv("KY_IPC_DIR", m_fifos.c_str(), 1);
     }
 
-    /// Runs a service. @param by  what the shell reads before it
+    /// Runs a service. @param by  the start of the shell command
     std::unique_ptr<Process> Run(const std::string& options, const std::string& log, const std::string& by) {
         return std::make_unique<Process>(by + TFERSVC_PROGRAM " --device-id 3 --simulate " + m_files + " " +
                                          options + " >" + log + " 2>&1");
@@ -54,9 +54,9 @@ protected:
         return WaitUntil(logged, kDeadline);
     }
 
-    /// Ends the service. After a signal that it can take, nothing but its lock file is left beside the FIFOs.
+    /// Ends the service. Only its lock file may remain, and after SIGKILL its FIFO.
     void ExpectEnd(int signal, int status) {
-        constexpr std::chrono::seconds longest{3};  // two, and one for a machine that is busy
+        constexpr std::chrono::seconds longest{3};  // two seconds, and one for a busy machine
         EXPECT_EQ(m_service->End(signal, longest), status);
         m_service.reset();
         Names left = {"tfersvc.lock"};

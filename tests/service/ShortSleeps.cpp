@@ -1,5 +1,5 @@
-// Goes into the service with LD_PRELOAD. Makes each usleep() last a hundredth of its time, and a rename() as long as
-// it may last on a card, so that a request can come meanwhile.
+// The service loads this library with LD_PRELOAD. usleep() takes a hundredth of its time. rename() takes as long as on a
+// card, so that requests come during a move.
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -9,7 +9,7 @@ extern "C" int usleep(useconds_t useconds) {
     constexpr long shorter = 100;
     const long nanoseconds = static_cast<long>(useconds) * (1000 / shorter);
     const timespec length{nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
-    // A sanitizer knows nothing of this call and so does not take it for a second sleep.
+    // A direct system call: a sanitizer intercepts the library function.
     return static_cast<int>(syscall(SYS_clock_nanosleep, CLOCK_MONOTONIC, 0, &length, nullptr));
 }
 

@@ -1,4 +1,4 @@
-// The transfer service as its callers see it, well-meaning and other ones.
+// The transfer service as good and hostile callers see it.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -25,10 +25,10 @@ using Record = KyTferStatusMsg;
 
 namespace {
 
-constexpr char kCallers[] = "/var/local/tal/pldserver/callers/";  // where callers stage what they push
+constexpr char kCallers[] = "/var/local/tal/pldserver/callers/";  // callers stage files to push here
 constexpr char kSource[] = "/var/local/tal/pldserver/callers/settings.cfg";
 
-/// How often the text stands in the bytes.
+/// How often the text occurs in the bytes.
 int Count(const std::string& bytes, const std::string& text) {
     int count = 0;
     for (size_t at = 0; (at = bytes.find(text, at)) != std::string::npos; at += text.size())
@@ -36,7 +36,7 @@ int Count(const std::string& bytes, const std::string& text) {
     return count;
 }
 
-/// At the end SIGTERM must end the service, with no descriptor lost.
+/// At the end of each test, the service must have no descriptor more than before, and SIGTERM must end it.
 class ServiceTest : public ServiceFixture {
 protected:
     ServiceTest() { fs::create_directories(kCallers); }
@@ -50,8 +50,8 @@ protected:
         fs::remove_all("/var/local/tal");
     }
 
-    /// Starts the service with short sleeps, and waits until it is ready. It says so just before it is; until
-    /// then there must be no request that could change its descriptors.
+    /// Starts the service with short sleeps, and waits until it is ready. The log line comes just before that. No request
+    /// may change the descriptors until then.
     void Start(const std::string& options = "") {
         ServiceFixture::Start(options, kShortSleeps);
         ASSERT_TRUE(AwaitLogged("the engine is ready"));
@@ -59,7 +59,7 @@ protected:
         ASSERT_TRUE(WaitUntil([&] { return Status().GetStatus() == Record::TFER_STATUS_NONE; }, kDeadline));
     }
 
-    /// What the service's descriptors are open on.
+    /// The files that the service has open.
     Names Descriptors() const {
         Names open;
         std::error_code closed;
@@ -68,8 +68,8 @@ protected:
         return open;
     }
 
-    /// The service must come to have nothing open that it had not before its first request. What it had may be
-    /// closed: a sanitizer opens a pipe now and then.
+    /// Waits until the service has only files open that it had open before the first request. It may have closed some: a
+    /// sanitizer opens a pipe now and then.
     void ExpectNoDescriptorLost() const {
         Names open;
         const auto none = [&] {
@@ -119,7 +119,7 @@ protected:
         return own ? *record : Record(512);
     }
 
-    /// Waits for the record to be complete, which it first is while the file still lies where it has landed.
+    /// Waits until the record is complete. It is complete before the file has been moved. @param inPlace  wait for the move
     Record Await(bool inPlace = true) {
         Record record(512);
         const auto complete = [&] {
@@ -131,7 +131,7 @@ protected:
         return record;
     }
 
-    /// How often the text stands in the service's log.
+    /// How often the text occurs in the service's log.
     int Logged(const std::string& text) const { return Count(ReadFile(m_log), text); }
 
     /// Makes a FIFO for answers. @return its reading end
@@ -165,21 +165,21 @@ std::string Retrieved(const std::string& name) {
     return "Retrieved file(" + name + ") successfully. and placed it in (" + kLanding + name + ")";
 }
 
-/// Compares a fetched file, and removes it, so that no later fetch can be taken for done.
+/// Compares a fetched file, and removes it: a later fetch must bring it again.
 void ExpectFetched(const std::pair<std::string, std::string>& file) {
     EXPECT_TRUE(ReadFile(kDownload + file.first) == file.second) << file.first;
     EXPECT_FALSE(fs::exists(kLanding + file.first));
     fs::remove(kDownload + file.first);
 }
 
-// When a fetch looks complete, the device has still to be told so, and the echoes of that are yet to come.
-// The text of an answer is still that of the transaction before.
+// The next request comes while the last worker still moves its file and tells the device. The text of an answer is that
+// of the transaction before.
 TEST_F(ServiceTest, FetchesBackToBack) {
     const std::pair<std::string, std::string> files[] = {{"small.log", Put("small.log", 100)},
                                                          {"large.bin", Put("large.bin", 100'000)}};
-    Start("--line-rate 11000000");  // its last byte comes some time before its end
+    Start("--line-rate 11000000");  // slow enough that a request comes before the end
     EXPECT_EQ(Fetch("absent", 7), "accepted: ");
-    EXPECT_EQ(Cancel(""), kCancelled);  // after which no request waits for that worker
+    EXPECT_EQ(Cancel(""), kCancelled);  // requests no longer wait for its worker
     std::string told = "File transfer cancelled";
     for (int i = 0; i < 200; ++i) {
         const auto& [name, bytes] = files[i % 2];
@@ -201,7 +201,7 @@ TEST_F(ServiceTest, ListingIsReadThoughTheNextRequestWaits) {
     Start("--line-rate 1000 --fault directory=late:20000");
     unsetenv("KY_LOG_LEVEL");
     ASSERT_EQ(Directory(), "accepted: Directory listing has been requested");
-    ASSERT_EQ(Directory(), kInProgress);  // this once kept the service from reading the first one's listing
+    ASSERT_EQ(Directory(), kInProgress);  // the service once lost the first listing here
     ASSERT_TRUE(AwaitLogged("request file(listing.txt) from pldproxy"));
     ASSERT_EQ(Fetch("file-7", 10), "accepted: " + Retrieved("listing.txt"));
     EXPECT_TRUE(AwaitLogged(" file-99 file-99 ")) << "the service has not read it";
@@ -217,7 +217,7 @@ TEST_F(ServiceTest, CancelEndsWhatItNamesAndNothingElse) {
     EXPECT_EQ(Ask(kFetch, "mine", m_client), "accepted: ");
     ASSERT_TRUE(AwaitLogged("request file(event.log) from pldproxy"));
     EXPECT_EQ(Cancel("another's"), kNotThat);
-    // One that waits behind it, from a process that has a reply FIFO of its own.
+    // Another process has a reply FIFO of its own, so its request can wait.
     Process waiting([this] {
         TferSvcMsgClient client;
         return Ask(kFetch, "waiting", client) == "refused: File transfer cancelled" ? 0 : 1;
@@ -277,7 +277,7 @@ TEST_F(ServiceTest, Refusals) {
         EXPECT_EQ(Run(pause, m_temp / "second.log", "")->End(0), 2) << pause;
 }
 
-/// After the last of them, a kill, the next service starts all the same.
+/// The next service starts even after SIGKILL.
 TEST_F(ServiceTest, SignalsEndTheService) {
     const std::string bytes = Put("event.log", 300'000);
     enum Kind { FETCH, PUSH, DIRECTORY };
@@ -315,7 +315,7 @@ TEST_F(ServiceTest, SignalsEndTheService) {
 
 using Writes = std::vector<std::string>;
 
-/// A framed request without content, for a reply on `fifo`; of the body only the first `length` bytes.
+/// The frame of a request without content. The body is cut after `length` bytes.
 std::string Request(KyTferMsg::TferMsgType type, const std::string& fifo, size_t contextSize = 7,
                     size_t length = std::string::npos) {
     const std::unique_ptr<KyTferMsg> message(KyTferMsgFactory::CreateMsg(type));
@@ -336,7 +336,7 @@ TEST_F(ServiceTest, FewRequestsWaitAndTheEndIsToldToThem) {
         const KyFd fifo = MakeFifo("many");
         for (int i = 0; i < kMost + 2; ++i)
             WriteFile(m_fifos + kControl, Request(KyTferMsg::TFER_MSG_GET_DEV_DIR, "many"));
-        Status();  // by now they have been taken
+        Status();  // the service has read the requests before it
         EXPECT_EQ(m_service->End(SIGTERM), 0);
         answers.resize(
             static_cast<size_t>(std::max<ssize_t>(0, read(fifo.Get(), answers.data(), answers.size()))));
@@ -350,7 +350,7 @@ TEST_F(ServiceTest, FewRequestsWaitAndTheEndIsToldToThem) {
 TEST_F(ServiceTest, SurvivesHostileCallers) {
     Start();
     Writes damaged;
-    // A status request and a number too many, a length without a text, and unknown types.
+    // A status request with one number too many, a length without its text, and unknown types.
     constexpr int kStatus = KyTferMsg::TFER_MSG_STATUS;
     for (const auto& numbers : {std::vector<int>{kStatus, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
                                 {kStatus, 0, INT_MAX},
@@ -387,7 +387,7 @@ TEST_F(ServiceTest, SurvivesHostileCallers) {
         {"answer outside", reply("../outside"), "could not answer on (../outside), status 2"},
         {"answer to itself", reply(kControl), "could not answer on (tfersvc-CtrlFifo), status 7"},
         {"answer that is never read", reply("deaf"), "could not answer on (deaf), status 4"},
-        // Each of these once held the loop for 50 ms: with so many of them nobody was served for 20 s.
+        // Each of these once blocked the loop for 50 ms.
         {"many such answers", Writes(400, reply("deaf").front()), "could not answer on (deaf), status 4",
          400},
     };
@@ -408,7 +408,7 @@ TEST_F(ServiceTest, SurvivesHostileCallers) {
     const auto answered = [this] { return Status(200'000).GetCallerContext().size() == 200'000; };
     EXPECT_TRUE(WaitUntil(answered)) << "an answer that does not fit into the FIFO waits for its reader";
 
-    // More at once than the service takes in a row, and nothing after them.
+    // More requests than the service reads in a row, and none after them.
     constexpr int kMany = 100;
     const KyFd many = MakeFifo("many");
     std::string requests, answers;

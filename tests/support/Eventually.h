@@ -5,8 +5,8 @@
 
 #include <chrono>
 
-/// Waits in real time until `predicate` holds; false when it still does not after `deadline`. For what
-/// another thread brings about; the stepped clock does not touch it.
+/// Waits in real time until `predicate` holds. The stepped clock has no influence.
+/// @return false if `predicate` does not hold within `deadline`
 template <typename Predicate>
 bool WaitUntil(Predicate predicate, std::chrono::milliseconds deadline = std::chrono::seconds(10)) {
     const auto end = std::chrono::steady_clock::now() + deadline;

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-/// Takes the platform's log lines, in the place of standard error, from its construction to its end. One at a
-/// time. Lines may come from any thread, and the operations may be called from any.
+/// Collects the platform's log lines, which then do not go to standard error. Only one may exist. Any thread may log and
+/// call the operations.
 class LogCapture {
 public:
     struct Line {
@@ -23,7 +23,7 @@ public:
 
     /// How many lines of the level contain `part`.
     int Count(int level, const std::string& part) const;
-    /// The texts that the operation logged, in order, but for those of level 7.
+    /// The texts that the function logged, in order, without those of level 7.
     std::vector<std::string> Texts(const std::string& function) const;
     std::vector<Line> Lines() const;
 

@@ -13,8 +13,7 @@
 
 constexpr std::chrono::seconds kDeadline{30};  // only a failing test waits so long
 
-/// A program, or a part of the test's, in a process of its own. It is killed when the object goes, and when the
-/// test's process does.
+/// A child process. It is killed by the destructor, and when the test's process ends.
 class Process {
 public:
     explicit Process(const std::function<int()>& act) : m_id(fork()) {
@@ -22,7 +21,7 @@ public:
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         _exit(act());
     }
-    /// A command for the shell, which it replaces.
+    /// Runs a command of the shell.
     explicit Process(const std::string& command)
         : Process([&command] { return execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr); }) {
     }
@@ -30,7 +29,7 @@ public:
     Process& operator=(const Process&) = delete;
     ~Process() { End(SIGKILL); }
 
-    /// Sends a signal, none with 0, and waits for the end.
+    /// Sends a signal, or none for 0, and waits for the end.
     /// @return the exit status, the negative number of a signal, or -1000 if it does not end
     int End(int signal, std::chrono::seconds deadline = kDeadline) {
         int status = 0;

@@ -4,8 +4,8 @@
 #include <chrono>
 #include <functional>
 
-/// The wall clock and the sleep of the code under test. It stands in place of usleep() and of clock_gettime()
-/// for CLOCK_REALTIME; the other clocks stay real. A sleep moves the clock on by its length at once and returns.
+/// Replaces usleep(), and clock_gettime() for CLOCK_REALTIME, in the code under test. The other clocks stay real. A sleep
+/// advances the clock and returns at once.
 /// All operations may be called from any thread.
 class SteppedTime {
 public:
@@ -14,11 +14,11 @@ public:
     static void Advance(Duration step);
     static Duration TotalSlept();  ///< the lengths of all sleeps that have begun since the last Reset()
 
-    /// Calls `hook` on each thread that begins a sleep, before the clock moves and with no lock held; a sleep
-    /// within the hook does not call it again. An empty function ends that.
+    /// Calls `hook` at the start of each sleep, on the sleeping thread and without a lock. A sleep in the hook does not
+    /// call it again. An empty function removes the hook.
     static void OnSleep(std::function<void()> hook);
 
-    /// Back to the beginning: no hook, a fixed date, nothing slept. Happens after every test.
+    /// Removes the hook, and sets a fixed date with nothing slept. Runs after every test.
     static void Reset();
 };
 

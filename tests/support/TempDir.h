@@ -3,8 +3,8 @@
 
 #include <string>
 
-/// A fresh directory, removed with all that is in it when the object goes. It lies in the sandbox's own
-/// /var/tmp, which is another file system than /var/local.
+/// A new directory. The destructor removes it with its contents. It is in /var/tmp of the sandbox, which is another file
+/// system than /var/local.
 class TempDir {
 public:
     TempDir();
@@ -19,10 +19,10 @@ private:
     std::string m_path;
 };
 
-/// The file's bytes; fails the test and gives "" when it cannot be read.
+/// The file's bytes. If the file cannot be read, the test fails and the result is empty.
 std::string ReadFile(const std::string& path);
 
-/// Writes the file anew; fails the test when it cannot.
+/// Replaces the contents of the file. The test fails on an error.
 void WriteFile(const std::string& path, const std::string& bytes);
 
 int OpenDescriptors();  ///< open descriptors of this process
