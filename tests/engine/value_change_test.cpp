@@ -160,6 +160,18 @@ TEST_F(ValueChange, AnswerBeforeTheListingRequestReturns) {
     }
 }
 
+TEST_F(ValueChange, RepeatedReadyStartsEightWorkersAtMost) {
+    Start();
+    device->SetListener(nullptr);
+    device->SetFault(SimOperation::FETCH, Fault([](SimFault& f) { f.stuck = true; }));
+    engine->GetFileFromDevRequest("f", 5);
+    for (int i = 0; i < 20; ++i) {
+        Request("READY");
+        Request("");
+    }
+    EXPECT_EQ(log->Count(3, "Could not start thread(t-getFileWorker) error(11)"), 12);
+}
+
 /// The engine once took the "NONE" that Init writes for the device's answer.
 TEST_F(ValueChange, DeviceThatReportsNoOwnWritesSaysNone) {
     Build();

@@ -1,3 +1,5 @@
+#include <sys/file.h>
+
 #include <algorithm>
 #include <utility>
 #include <vector>
@@ -65,6 +67,16 @@ TEST_F(SessionTest, FloodDoesNotHoldTheReader) {
     };
     KyIpcMsgBuffer buffer(200);
     EXPECT_EQ(m_reader.Read(&buffer, 5), Session::IPC_TIMEOUT);
+}
+
+/// The lock of a writer that is stopped does not hold other writers for ever.
+TEST_F(SessionTest, WriterWaitsForTheLockWithinItsBound) {
+    const KyFd stopped(open(Path(kName).c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(flock(stopped.Get(), LOCK_EX), 0);
+    Session writer;
+    ASSERT_EQ(writer.OpenCtrlFifo(kName), 0);
+    writer.SetWriteBound(20);
+    EXPECT_EQ(writer.WriteCtrl("x", 1), Session::IPC_TIMEOUT);
 }
 
 using Messages = std::vector<std::string>;
