@@ -93,7 +93,8 @@ boot() {
 # in_guest COMMAND...: runs it in the container as root. A signal to this script ends the wait.
 in_guest() {
     LEADER=$(tr -d ' ' <"/proc/$NSPAWN/task/$NSPAWN/children") && [ -n "$LEADER" ] || return 1
-    setpriv --pdeathsig KILL nsenter --target "$LEADER" --all -- env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 "$@" &
+    setpriv --pdeathsig KILL nsenter --target "$LEADER" --all -- \
+        env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 "$@" &
     COMMAND=$!
     wait "$COMMAND"
 }
