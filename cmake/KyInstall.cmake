@@ -1,5 +1,5 @@
-# What is installed. Components: library (the shared library), development (headers, static libraries, and how to
-# find it all), tools (the programs and what belongs to them).
+# Installation. Components: library (the shared library), development (headers, static libraries, CMake and pkg-config
+# files), tools (the programs with their manuals, completions and unit).
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kytfer)
@@ -29,9 +29,8 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kytferConfig.cmake ${CMAKE_CURRENT_BIN
     DESTINATION ${package_dir} COMPONENT development)
 install(EXPORT kytferTargets NAMESPACE kytfer:: DESTINATION ${package_dir} COMPONENT development)
 
-# ky_install_with_prefix(TEMPLATE DESTINATION COMPONENT): installs a file in which @prefix@, @libdir@,
-# @includedir@ and @bindir@ stand for the paths of the installation, which `cmake --install --prefix` chooses as
-# late as that.
+# ky_install_with_prefix(TEMPLATE DESTINATION COMPONENT): installs a file with @prefix@, @libdir@, @includedir@ and
+# @bindir@ filled in. That happens at installation, because `cmake --install --prefix` may change the prefix.
 function(ky_install_with_prefix TEMPLATE DESTINATION COMPONENT)
     cmake_path(GET TEMPLATE FILENAME name)
     string(REGEX REPLACE "[.]in$" "" name ${name})
@@ -54,7 +53,7 @@ if(NOT KYTFER_HOST)
 endif()
 ky_install_with_prefix(${PROJECT_SOURCE_DIR}/cmake/kytfer-host.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig development)
 
-# Programs, and what systemd needs for the service: its unit, its user, its directories.
+# The programs, and the unit, user and directories of the service for systemd.
 set(KYTFER_UNIT_DIR lib/systemd/system CACHE STRING "Where systemd finds units, below the prefix or absolute")
 install(TARGETS tfersvc tferctl RUNTIME COMPONENT tools)
 install(FILES ${PROJECT_SOURCE_DIR}/tools/tferctl/tferctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
@@ -69,7 +68,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/tfersvc.sysusers
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/tfersvc.tmpfiles
     DESTINATION lib/tmpfiles.d RENAME tfersvc.conf COMPONENT tools)
 
-# The unit names the program where it lies in /usr.
+# The unit in the tree has the path of an installation in /usr.
 file(READ ${PROJECT_SOURCE_DIR}/service/tfersvc.service unit)
 string(REPLACE "ExecStart=/usr/bin/" "ExecStart=@bindir@/" unit "${unit}")
 file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/tfersvc.service.in "${unit}")

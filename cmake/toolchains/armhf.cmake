@@ -1,4 +1,4 @@
-# 32-bit ARM with hardware floating point, by Debian's cross compiler and its libraries for armhf.
+# 32-bit ARM with hardware floating point: Debian's cross compiler and libraries for armhf.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)

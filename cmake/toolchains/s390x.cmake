@@ -1,5 +1,5 @@
-# Big-endian 64-bit, by Debian's cross compiler and its libraries for s390x. The emulator does not get through the
-# dynamic loader of this architecture: build with KYTFER_STATIC.
+# Big-endian 64-bit: Debian's cross compiler and libraries for s390x. Build with KYTFER_STATIC, because the dynamic
+# loader of this architecture fails in the emulator.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR s390x)
 set(CMAKE_CXX_COMPILER s390x-linux-gnu-g++)
