@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # usage: packaging/build-deb.sh OUT_DIR
 #
-# Builds the Debian packages from the tree's files, committed or not, into OUT_DIR: twice, in folders and surroundings
-# that differ in all that must not matter. Fails unless both give the same packages, byte for byte, or if lintian
-# has an error or a warning. Runs no tests; needs no root.
+# Builds the Debian packages from the tree's files, committed or not, into OUT_DIR. Builds them twice, with different
+# folders, umasks, time zones and locales, and fails if a package differs in a byte. Fails if lintian has an error or a
+# warning. Runs no tests and needs no root.
 set -euo pipefail
 
 SOURCE=$(dirname "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")")
@@ -13,7 +13,7 @@ die() {
     exit 1
 }
 
-# export_to DIRECTORY: the files that git knows or would take, or without git all but build/
+# export_to DIRECTORY: copies the files that git does not ignore, or without git all but build/
 export_to() {
     mkdir -p "$1"
     if [ -e "$SOURCE/.git" ]; then
@@ -25,8 +25,8 @@ export_to() {
     fi | tar -x --no-same-permissions -C "$1" -f -
 }
 
-# build DIRECTORY LOG VARIABLE=VALUE...: nothing of the caller's environment reaches the build, a compiler cache say.
-# The packages with debug symbols, ten times as large as all others together, are left out.
+# build DIRECTORY LOG VARIABLE=VALUE...: builds without the caller's environment, and without the packages of debug
+# symbols, which are ten times as large as all others together.
 build() {
     local directory=$1 log=$2
     shift 2

@@ -15,18 +15,18 @@ die() {
     exit 1
 }
 
-# unpack DEB_DIR: the library's packages as a root of their own, to which pkg-config and CMake are pointed
+# unpack DEB_DIR: unpacks the library's packages, and points pkg-config and CMake to them
 unpack() {
     local deb
     for deb in "$1"/libkytfer*.deb; do
         [[ $deb == *-dbgsym_* ]] || dpkg-deb -x "$deb" "$WORK/root"
     done
     PREFIX=$WORK/root/usr
-    # Otherwise it leaves out folders that would be the compiler's own if the root were the machine's.
+    # By default, pkg-config omits the flags for folders that compilers search anyway, such as /usr/include.
     export PKG_CONFIG_SYSROOT_DIR=$WORK/root PKG_CONFIG_ALLOW_SYSTEM_CFLAGS=1 PKG_CONFIG_ALLOW_SYSTEM_LIBS=1
 }
 
-# build_and_run BUILD_SYSTEM LINKAGE: prints nothing if all is well
+# build_and_run BUILD_SYSTEM LINKAGE: prints nothing on success
 build_and_run() {
     local folder=$WORK/$1-$2 program options=() status=0 loaded
     cp -r "$SOURCE/examples/consumer" "$folder"
@@ -44,14 +44,14 @@ build_and_run() {
     fi
     [ "$status" -eq 0 ] || { cat build.log; return 1; }
 
-    # The linker's own account of what the program asks for, and the loader's of where it has found it.
+    # Which libraries the program requests, and where the loader finds them.
     loaded=$(readelf -d "$program" | sed -nE 's/.*\(NEEDED\).*\[(.*)\]/\1/p')
     if [ "$2" = shared ]; then
         grep -qx "$SONAME" <<<"$loaded" || { echo "does not load $SONAME"; return 1; }
         loaded=$(LD_LIBRARY_PATH=$LIBDIR ldd "$program")
         [[ $loaded == *"$SONAME => $LIBDIR/$SONAME "* ]] || { echo "loads another $SONAME: $loaded"; return 1; }
     elif grep kytfer <<<"$loaded"; then
-        echo "is linked statically, and loads the library nevertheless"
+        echo "is linked statically but loads the library"
         return 1
     fi
     [ "$2" = static ] || export LD_LIBRARY_PATH=$LIBDIR
@@ -64,7 +64,7 @@ build_and_run() {
     fi
 }
 
-# check_headers: each compiles by itself, with nothing but the installed ones
+# check_headers: each compiles alone, with the installed headers only
 check_headers() {
     local header count=0
     while read -r header; do
@@ -100,7 +100,7 @@ export PKG_CONFIG_PATH=$LIBDIR/pkgconfig
 flags=$(pkg-config --cflags kytfer)
 [[ " $flags " == *" -I$INCLUDE "* ]] || die "pkg-config names other headers: $flags"
 
-# All at a time; what they print is only of interest if they fail.
+# All at the same time; the output is shown on failure only.
 declare -A pids
 for linkage in shared static; do
     for builder in make cmake; do
