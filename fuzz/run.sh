@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # usage: run.sh [SECONDS_PER_TARGET] BUILD_DIR
 #
-# Runs every fuzzer of the build over its seeds in corpus/, as many at a time as there are processors, for so many
-# seconds each (otherwise 60), and prints one line for each. What a run finds out about the code it keeps in
-# BUILD_DIR/fuzz/found/, where the next one goes on. The exit status is 1 if any has found a fault: its input is
-# then in BUILD_DIR/fuzz/faults/, and `tests/sandbox.sh TARGET FILE` shows it again.
+# Runs every fuzzer of the build over its seeds in corpus/, one per processor at a time, for SECONDS_PER_TARGET seconds
+# each (default 60), and prints one line for each. BUILD_DIR/fuzz/found/ keeps the inputs with new coverage for the next
+# run. The exit status is 1 if any has found a fault. The input is then in BUILD_DIR/fuzz/faults/, and
+# `tests/sandbox.sh TARGET FILE` reproduces the fault.
 set -euo pipefail
 
 usage() {
@@ -22,13 +22,13 @@ SEEDS=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/corpus
 SANDBOX=$SEEDS/../../tests/sandbox.sh
 BUILD=$(readlink -e "$1") || usage
 
-# Stacks that live on after their functions cost each thread more than all it does here; freed memory that is
-# never used again soon reaches the limit.
+# The detection of stack use after return is slow for threads as short as these. A small quarantine keeps freed memory
+# below the limit.
 export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=0:quarantine_size_mb=16:malloc_context_size=8
 export ASAN_OPTIONS=$ASAN_OPTIONS:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1
 
-# longest TARGET: most bytes of an input; longer conversations are slower than they are new
+# longest TARGET: the maximal size of an input; longer conversations cost more time than they add coverage
 longest() {
     case $1 in
         device_fuzz) echo 160 ;;
@@ -58,7 +58,7 @@ fuzz() {
     return "$status"
 }
 
-# verdict STATUS LOG: what has come of a run
+# verdict STATUS LOG: the result of a run in words
 verdict() {
     [ "$1" -ne 0 ] || { echo "no findings"; return; }
     local input

@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# The main job as on a card: a service process owns the engine, and a person asks it with tferctl. Runs inside of the
-# sandbox (see the demo command of ./dev).
+# Transfers files as on a card: between a service and tferctl. Runs in tests/sandbox.sh, started by ./dev demo.
 #
 # usage: service-demo.sh TFERSVC TFERCTL FILE_OR_DIRECTORY...
 set -euo pipefail
@@ -30,7 +29,7 @@ stop_service() {
     [ "$status" -eq 0 ] || die "the service ended with status $status; its log is $LOG"
 }
 
-# The device's files: what the user names, or some samples.
+# The device's files: those that the user names, or samples.
 make_device() {
     rm -rf "$WORK" /var/local/tal
     mkdir -p "$DEVICE" "$FETCHED"
@@ -48,7 +47,7 @@ make_device() {
     seq -w 1 43885 | head -c 307200 >"$DEVICE/trend.csv"
 }
 
-# A line so fast that the largest file takes two seconds and a half.
+# The line rate with which the largest file takes two and a half seconds.
 line_rate() {
     local largest
     largest=$(find "$DEVICE" -type f -printf '%s\n' | sort -n | tail -n 1)
@@ -65,7 +64,7 @@ start_service() {
         "$TFERCTL" ls >/dev/null 2>"$WORK/answer" || status=$?
         case $status in
             0) return ;;
-            3 | 5) ;;  # still looking for its place, or not there yet
+            3 | 5) ;;  # the module search is not finished, or the service not started
             *) die "$(cat "$WORK/answer")" ;;
         esac
         kill -0 "$SERVICE" 2>/dev/null || die "the service did not start; its log is $LOG"
@@ -73,7 +72,7 @@ start_service() {
     done
 }
 
-# What card and device have agreed on, from the service's log.
+# The result of the negotiation, from the service's log.
 tell_negotiation() {
     sed -n 's/.*index (1-based) that we will use: \(.*\)/  The card is module \1 of the device/p' "$LOG"
     sed -n 's/.*Init: download dir is(\(.*\))/  Both speak Sorrel 485; files of the device arrive in \1/p' "$LOG"
