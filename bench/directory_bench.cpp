@@ -1,20 +1,17 @@
-// What a page of a listing costs, and what reading a listing costs. Each benchmark times the code and what it
-// is compared with in turns, round by round. It reports the median time of each, and as a ratio the median of
-// the rounds' ratios: the two times of one round have met the same load and the same clock of the processor.
+// A page of a listing, and the reading of a listing, each beside a lower bound without the library. The arguments are
+// the numbers of entries.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <jansson.h>
 #include <stdlib.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <climits>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <limits>
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "directory/KyBlankSeparatedListing.h"
@@ -24,42 +21,6 @@ namespace {
 
 constexpr unsigned int kPage = 50;
 constexpr unsigned long long kFirstDate = 1710491400;  // seconds since 1970 UTC
-
-/// Nanoseconds that this thread has run: other load on the machine, which wall time would measure too, counts
-/// less this way.
-double ThreadTime() {
-    struct timespec now = {};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return 1e9 * static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec);
-}
-
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values.empty() ? 0 : values[values.size() / 2];
-}
-
-/// What something took in each round, in nanoseconds.
-class Times {
-public:
-    template <typename Work>
-    void Time(const Work& work) {
-        const double start = ThreadTime();
-        work();
-        m_rounds.push_back(ThreadTime() - start);
-    }
-
-    double Of(size_t parts) const { return Median(m_rounds) / static_cast<double>(parts); }
-
-    double operator/(const Times& other) const {
-        std::vector<double> ratios;
-        for (size_t i = 0; i < m_rounds.size(); ++i)
-            ratios.push_back(m_rounds[i] / other.m_rounds[i]);
-        return Median(ratios);
-    }
-
-private:
-    std::vector<double> m_rounds;
-};
 
 struct Names {
     explicit Names(size_t i) {
@@ -83,34 +44,36 @@ KyTferDirectory MakeListing(size_t count) {
     return directory;
 }
 
-std::string Page(const KyTferDirectory& directory, unsigned int skip) {
+std::string PageAt(const KyTferDirectory& directory, unsigned int skip) {
     return directory.GetEntryListAsJSONString("bench", skip, kPage, "",
                                               KyTferStatusMsg::TFER_STATUS_COMPLETE);
 }
 
-/// One page of 50 entries from listings of three sizes. The pages lie all over the listing.
-void PageByListingSize(benchmark::State& state) {
-    const size_t sizes[] = {100, 10000, 1000000};
-    std::vector<KyTferDirectory> listings;
-    for (const size_t size : sizes)
-        listings.push_back(MakeListing(size));
-    Times times[std::size(sizes)];
-    unsigned int position = 0;
-    for ([[maybe_unused]] auto _ : state) {
-        position += 50021;
-        for (size_t i = 0; i < std::size(sizes); ++i) {
-            const unsigned int skip = position % static_cast<unsigned int>(sizes[i] - kPage);
-            times[i].Time([&] { benchmark::DoNotOptimize(Page(listings[i], skip)); });
-        }
-    }
-    for (size_t i = 0; i < std::size(sizes); ++i)
-        state.counters["ns_of_" + std::to_string(sizes[i])] = times[i].Of(1);
-    state.counters["ratio_10000"] = times[1] / times[0];
-    state.counters["ratio_1000000"] = times[2] / times[0];
+void WithRepetitions(benchmark::internal::Benchmark* benchmark) {
+    benchmark->MinTime(0.05)->Repetitions(9)->ReportAggregatesOnly();
 }
-BENCHMARK(PageByListingSize)->Iterations(2000)->Unit(benchmark::kMicrosecond);
 
-/// An entry as jansson's caller would hold it, with the date as text already.
+/// The listing of so many entries: made once, because the benchmarks run several times.
+const KyTferDirectory& TheListing(const benchmark::State& state) {
+    static std::map<int64_t, KyTferDirectory> s_listings;
+    const auto found = s_listings.find(state.range(0));
+    if (found != s_listings.end()) return found->second;
+    return s_listings.emplace(state.range(0), MakeListing(static_cast<size_t>(state.range(0)))).first->second;
+}
+
+/// A page of 50 entries. The pages of the iterations lie all over the listing.
+void Page(benchmark::State& state) {
+    const KyTferDirectory& listing = TheListing(state);
+    const auto pages = static_cast<unsigned int>(state.range(0)) - kPage;
+    unsigned int position = 0;
+    for ([[maybe_unused]] auto iteration : state) {
+        position += 50021;
+        benchmark::DoNotOptimize(PageAt(listing, position % pages));
+    }
+}
+BENCHMARK(Page)->Arg(100)->Arg(10000)->Arg(1000000)->Apply(WithRepetitions)->Unit(benchmark::kMicrosecond);
+
+/// An entry for jansson, with the date as text.
 struct ReadyEntry {
     std::string orig, xfer, type, date;
     unsigned int size;
@@ -141,37 +104,29 @@ json_t* BuildPage(const std::vector<ReadyEntry>& entries) {
     return document;
 }
 
-/// The page's document beside jansson alone, which builds it and dumps it for the result and for the log.
-void PageDocument(benchmark::State& state) {
+/// The same page with jansson alone, which builds the document and dumps it twice: for the result and the log.
+void PageWithJansson(benchmark::State& state) {
     const KyTferDirectory directory = MakeListing(kPage);
     std::vector<ReadyEntry> entries;
     for (const KyTferDirEntry& entry : directory.GetEntryList(0, kPage))
         entries.push_back({entry.GetOrigFileName(), entry.GetXferFileName(), entry.GetFileType(),
                            entry.GetDateTimeAsString(), entry.GetFileSizeInBytes()});
-    Times ours, alone;
     std::string page;
-    char* document = nullptr;
-    for ([[maybe_unused]] auto _ : state) {
-        ours.Time([&] { page = Page(directory, 0); });
+    for ([[maybe_unused]] auto iteration : state) {
+        json_t* const built = BuildPage(entries);
+        free(json_dumps(built, JSON_SORT_KEYS));
+        char* const document = json_dumps(built, JSON_INDENT(2) | JSON_COMPACT | JSON_SORT_KEYS);
+        json_decref(built);
+        page = document;
         free(document);
-        alone.Time([&] {
-            json_t* const built = BuildPage(entries);
-            free(json_dumps(built, JSON_SORT_KEYS));
-            document = json_dumps(built, JSON_INDENT(2) | JSON_COMPACT | JSON_SORT_KEYS);
-            json_decref(built);
-        });
     }
-    if (page != document) state.SkipWithError("the documents differ");
-    free(document);
-    state.counters["ns_page"] = ours.Of(1);
-    state.counters["ns_jansson"] = alone.Of(1);
-    state.counters["ratio"] = ours / alone;
+    if (page != PageAt(directory, 0)) state.SkipWithError("the documents differ");
 }
-BENCHMARK(PageDocument)->Iterations(2000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(PageWithJansson)->Apply(WithRepetitions)->Unit(benchmark::kMicrosecond);
 
 enum class Form { COMMAS, BLANKS };
 
-/// A listing file of so many entries, removed at the end.
+/// A listing file of so many entries; removed by the destructor.
 class ListingFile {
 public:
     ListingFile(size_t count, Form form) : m_path("/tmp/directory_bench-XXXXXX") {
@@ -205,7 +160,7 @@ void ReadPlainly(const std::string& path) {
     close(descriptor);
 }
 
-/// Bare extraction of the nine items of every entry, which are handed to `take`.
+/// Extracts the items of every entry with `>>`, and hands them to `take`.
 template <typename Take>
 void Extract(const std::string& path, const Take& take) {
     std::ifstream in(path);
@@ -219,65 +174,68 @@ void Extract(const std::string& path, const Take& take) {
         take(orig, xfer, type, size, date);
 }
 
+const ListingFile& TheFile(const benchmark::State& state, Form form) {
+    static std::map<std::pair<int64_t, Form>, ListingFile> s_files;
+    const auto count = static_cast<size_t>(state.range(0));
+    return s_files.try_emplace({state.range(0), form}, count, form).first->second;
+}
+
+template <typename Read>
+void MeasureReading(benchmark::State& state, Form form, Read read) {
+    const ListingFile& file = TheFile(state, form);
+    for ([[maybe_unused]] auto iteration : state)
+        read(file.Path());
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
 void CheckCount(benchmark::State& state, const KyTferDirectory& directory) {
     const auto last = static_cast<unsigned int>(state.range(0)) - 1;
     if (directory.GetEntryList(last, 2).size() != 1) state.SkipWithError("not all entries were read");
 }
 
-void Report(benchmark::State& state, const Times& reading, const std::string& wanted, const Times& plain) {
-    const auto count = static_cast<size_t>(state.range(0));
-    state.counters["entries_per_s"] = 1e9 / reading.Of(count);
-    state.counters["ns_entry_(at_most_" + wanted + ")"] = reading.Of(count);
-    state.counters["ns_plain_read"] = plain.Of(count);
-}
-
-/// The blank-separated reader, whose listing keeps the entries, beside a plain read of the file and bare
-/// extraction, which keeps none; and bare extraction that adds the entries to a listing.
 void ReadBlankSeparated(benchmark::State& state) {
-    const auto count = static_cast<size_t>(state.range(0));
-    const ListingFile file(count, Form::BLANKS);
-    Times ours, plain, bare, kept;
-    for ([[maybe_unused]] auto _ : state) {
-        KyTferDirectory directory, extracted;
-        plain.Time([&] { ReadPlainly(file.Path()); });
-        bare.Time([&] {
-            Extract(file.Path(), [](const auto&... items) { (benchmark::DoNotOptimize(items), ...); });
-        });
-        kept.Time(
-            [&] { Extract(file.Path(), [&](const auto&... items) { extracted.AddEntry("", items...); }); });
-        ours.Time([&] { ky_directory::ReadBlankSeparatedListing(file.Path(), directory); });
-        CheckCount(state, directory);
-        CheckCount(state, extracted);
-    }
-    Report(state, ours, "100", plain);
-    state.counters["ns_extraction"] = bare.Of(count);
-    state.counters["ratio"] = ours / bare;
-    state.counters["ratio_kept"] = ours / kept;
-}
-BENCHMARK(ReadBlankSeparated)
-    ->Arg(10000)
-    ->Arg(100000)
-    ->Arg(1000000)
-    ->Iterations(10)
-    ->Unit(benchmark::kMillisecond);
-
-/// The comma-separated reader beside a plain read of the file.
-void ReadCommaSeparated(benchmark::State& state) {
-    const ListingFile file(static_cast<size_t>(state.range(0)), Form::COMMAS);
-    Times ours, plain;
-    for ([[maybe_unused]] auto _ : state) {
+    MeasureReading(state, Form::BLANKS, [&](const std::string& path) {
         KyTferDirectory directory;
-        plain.Time([&] { ReadPlainly(file.Path()); });
-        ours.Time([&] { directory.ParseFile(file.Path()); });
+        ky_directory::ReadBlankSeparatedListing(path, directory);
         CheckCount(state, directory);
-    }
-    Report(state, ours, "400", plain);
+    });
 }
-BENCHMARK(ReadCommaSeparated)
-    ->Arg(10000)
-    ->Arg(100000)
-    ->Arg(1000000)
-    ->Iterations(5)
-    ->Unit(benchmark::kMillisecond);
+
+/// The lower bound of ReadBlankSeparated: extracts the entries and adds them to a listing.
+void ExtractAndKeep(benchmark::State& state) {
+    MeasureReading(state, Form::BLANKS, [&](const std::string& path) {
+        KyTferDirectory directory;
+        Extract(path, [&](const auto&... items) { directory.AddEntry("", items...); });
+        CheckCount(state, directory);
+    });
+}
+
+void ExtractOnly(benchmark::State& state) {
+    MeasureReading(state, Form::BLANKS, [](const std::string& path) {
+        Extract(path, [](const auto&... items) { (benchmark::DoNotOptimize(items), ...); });
+    });
+}
+
+void ReadBytesOnly(benchmark::State& state) {
+    MeasureReading(state, Form::BLANKS, ReadPlainly);
+}
+
+void ReadCommaSeparated(benchmark::State& state) {
+    MeasureReading(state, Form::COMMAS, [&](const std::string& path) {
+        KyTferDirectory directory;
+        directory.ParseFile(path);
+        CheckCount(state, directory);
+    });
+}
+
+void WithListingSizes(benchmark::internal::Benchmark* benchmark) {
+    benchmark->Arg(10000)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+    benchmark->MinTime(0.01)->Repetitions(5)->ReportAggregatesOnly();
+}
+BENCHMARK(ReadBlankSeparated)->Apply(WithListingSizes);
+BENCHMARK(ExtractAndKeep)->Apply(WithListingSizes);
+BENCHMARK(ExtractOnly)->Apply(WithListingSizes);
+BENCHMARK(ReadBytesOnly)->Apply(WithListingSizes);
+BENCHMARK(ReadCommaSeparated)->Apply(WithListingSizes);
 
 }  // namespace

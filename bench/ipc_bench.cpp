@@ -1,8 +1,8 @@
-// One status round trip of a process with the transfer service: through TferSvcMsgClient, with a fresh
-// session each time, as every caller has it; over two bare FIFOs with the same system calls and no library;
-// and, if built with sd-bus, as a D-Bus method call through a dbus-daemon of its own, over a connection that
-// stays open. All carry the same texts. The ways take turns in short batches, so that whatever else the
-// machine does falls on all of them.
+// One status round trip with the transfer service: through TferSvcMsgClient, with a new session for each, as every
+// caller has it; over two bare FIFOs with the same system calls and no library; and, if built with sd-bus, as a
+// D-Bus method call through a dbus-daemon of its own, over a connection that stays open. All carry the same texts.
+// The argument is the number of processors that both sides share. The repetitions take turns.
+#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -13,15 +13,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -33,6 +32,7 @@
 #include <systemd/sd-bus.h>
 #endif
 
+#include "bench/Latency.h"
 #include "client/TferSvcMsgClient.h"
 #include "host/KyFd.h"
 #include "messages/KyTferMsgFactory.h"
@@ -42,22 +42,18 @@
 
 namespace {
 
-using Nanoseconds = std::vector<double>;
-
-constexpr int BATCHES = 40;
-constexpr int BATCH = 500;
-constexpr int WARM_UP = 1000;
-constexpr char NAME[] = "event-log-2024-03-15.csv";
-constexpr char PATH[] = "/var/local/tal/pldserver/17/tferFiles/";
-constexpr char TEXT[] = "Get Dev File Complete";
-constexpr size_t BARE_REQUEST = 85;  // bytes, what the library sends and gets
-constexpr size_t BARE_REPLY = 164;
+constexpr int kRoundTrips = 2000;
+constexpr char kName[] = "event-log-2024-03-15.csv";
+constexpr char kPath[] = "/var/local/tal/pldserver/17/tferFiles/";
+constexpr char kText[] = "Get Dev File Complete";
+constexpr size_t kBareRequest = 85;  // bytes, as many as the library sends and receives
+constexpr size_t kBareReply = 164;
 
 void Require(bool good, const char* what) {
     if (!good) throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
 }
 
-/// Runs `body`; a failure is told on standard error. @return the exit status
+/// Runs `body` and prints its failure. @return the exit status
 int Guarded(const std::function<void()>& body) {
     try {
         body();
@@ -75,10 +71,10 @@ void PinTo(int processor, pid_t process = 0) {
     Require(sched_setaffinity(process, sizeof set, &set) == 0, "sched_setaffinity");
 }
 
-/// A process of the benchmark, killed when the object goes.
+/// A process of the benchmark; killed by the destructor.
 class Child {
 public:
-    /// Returns once the body has called its argument.
+    /// Returns after the body has called its argument, or has executed another program.
     explicit Child(const std::function<void(const std::function<void()>& ready)>& body) {
         int ends[2];
         Require(pipe2(ends, O_CLOEXEC) == 0, "pipe");
@@ -120,10 +116,10 @@ void ServeLibrary(const std::function<void()>& ready) {
         if (!message) continue;
         KyTferStatusMsg status(512);
         status.SetStatus(KyTferStatusMsg::TFER_STATUS_COMPLETE);
-        status.SetOrigFileName(NAME);
-        status.SetXferFileName(NAME);
-        status.SetFilePath(PATH);
-        status.SetStatusMsg(TEXT);
+        status.SetOrigFileName(kName);
+        status.SetXferFileName(kName);
+        status.SetFilePath(kPath);
+        status.SetStatusMsg(kText);
         status.Serialize(&reply);
         KyIpcFifoSession answer("service", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
         if (answer.OpenCtrlFifo(message->GetRespFifo().c_str()) == 0)
@@ -172,7 +168,7 @@ private:
 };
 
 void BareWrite(const KyFd& fifo, size_t count) {
-    static const char bytes[BARE_REPLY] = {};
+    static const char bytes[kBareReply] = {};
     sigset_t sigpipe, before;
     sigemptyset(&sigpipe);
     sigaddset(&sigpipe, SIGPIPE);
@@ -189,35 +185,35 @@ void BareRead(const KyFd& fifo) {
     Require(poll(&file, 1, 60'000) == 1 && read(fifo.Get(), bytes, sizeof bytes) > 0, "read");
 }
 
-constexpr char BARE_CONTROL[] = "bare-CtrlFifo";
-constexpr char BARE_ANSWER[] = "bare-ClntRxFifo";
+constexpr char kBareControl[] = "bare-CtrlFifo";
+constexpr char kBareAnswer[] = "bare-ClntRxFifo";
 
 void ServeBare(const std::string& path, const std::function<void()>& ready) {
-    const KyFd control = BareDirectory(path.c_str()).Make(BARE_CONTROL);
+    const KyFd control = BareDirectory(path.c_str()).Make(kBareControl);
     ready();
     for (;;) {
         pollfd file = {control.Get(), POLLIN, 0};
         if (poll(&file, 1, 1000) == 0) continue;
         BareRead(control);
         const BareDirectory directory(path.c_str());
-        BareWrite(directory.Open(BARE_ANSWER), BARE_REPLY);
+        BareWrite(directory.Open(kBareAnswer), kBareReply);
     }
 }
 
 void AskBare(const std::string& path) {
     const BareDirectory directory(path.c_str());
-    const KyFd answer = directory.Make(BARE_ANSWER);
-    const KyFd control = directory.Open(BARE_CONTROL);
-    BareWrite(control, BARE_REQUEST);
+    const KyFd answer = directory.Make(kBareAnswer);
+    const KyFd control = directory.Open(kBareControl);
+    BareWrite(control, kBareRequest);
     BareRead(answer);
-    directory.Remove(BARE_ANSWER);
+    directory.Remove(kBareAnswer);
 }
 
 // D-Bus.
 
 #ifdef KY_BENCH_SDBUS
 
-constexpr char SERVICE[] = "ky.Bench";
+constexpr char kService[] = "ky.Bench";
 
 void RunDaemon(const std::string& directory, const std::function<void()>& ready) {
     const std::string config = directory + "/bus.conf";
@@ -226,9 +222,9 @@ void RunDaemon(const std::string& directory, const std::function<void()>& ready)
         << "/bus</listen><policy context=\"default\"><allow send_destination=\"*\" "
            "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
     const std::string option = "--config-file=" + config;
-    (void)ready;  // its end of the pipe closes on exec; the bus is there a little later
+    (void)ready;  // exec closes the pipe; the bus opens its socket a little later
     const KyFd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    dup2(null.Get(), STDERR_FILENO);  // it complains of limits that it may not raise
+    dup2(null.Get(), STDERR_FILENO);  // the daemon warns of limits that it cannot raise
     execlp("dbus-daemon", "dbus-daemon", "--nofork", option.c_str(), static_cast<char*>(nullptr));
 }
 
@@ -248,13 +244,13 @@ sd_bus* Connect(const std::string& directory) {
 }
 
 int AnswerCall(sd_bus_message* call, void*, sd_bus_error*) {
-    return sd_bus_reply_method_return(call, "uuussss", 2U, 300'000U, 300'000U, NAME, NAME, PATH, TEXT);
+    return sd_bus_reply_method_return(call, "uuussss", 2U, 300'000U, 300'000U, kName, kName, kPath, kText);
 }
 
 void ServeBus(const std::string& directory, const std::function<void()>& ready) {
     sd_bus* const bus = Connect(directory);
     Require(bus != nullptr && sd_bus_add_object(bus, nullptr, "/status", AnswerCall, nullptr) >= 0 &&
-                sd_bus_request_name(bus, SERVICE, 0) >= 0,
+                sd_bus_request_name(bus, kService, 0) >= 0,
             "D-Bus service");
     ready();
     for (;;) {
@@ -267,7 +263,7 @@ void ServeBus(const std::string& directory, const std::function<void()>& ready) 
 
 void AskBus(sd_bus* bus) {
     sd_bus_message* reply = nullptr;
-    Require(sd_bus_call_method(bus, SERVICE, "/status", SERVICE, "GetStatus", nullptr, &reply, "") >= 0,
+    Require(sd_bus_call_method(bus, kService, "/status", kService, "GetStatus", nullptr, &reply, "") >= 0,
             "D-Bus call");
     uint32_t status, requested, transferred;
     const char *original, *name, *path, *text;
@@ -278,61 +274,15 @@ void AskBus(sd_bus* bus) {
 }
 
 bool HaveDaemon() {
-    return std::system("command -v dbus-daemon >/dev/null 2>&1") == 0;
+    static const bool s_found = std::system("command -v dbus-daemon >/dev/null 2>&1") == 0;
+    return s_found;
 }
 
 #endif
 
-// The measurement.
+// The benchmarks.
 
-struct Way {
-    const char* name;
-    std::function<void()> ask;
-    std::vector<pid_t> peers;
-    Nanoseconds times;
-};
-
-void Measure(Way& way, int count, bool keep) {
-    for (; count > 0; --count) {
-        const auto start = std::chrono::steady_clock::now();
-        way.ask();
-        const std::chrono::duration<double, std::nano> time = std::chrono::steady_clock::now() - start;
-        if (keep) way.times.push_back(time.count());
-    }
-}
-
-double Percentile(const Nanoseconds& sorted, double fraction) {
-    return sorted[static_cast<size_t>(fraction * static_cast<double>(sorted.size() - 1))];
-}
-
-void Print(std::vector<Way>& ways) {
-    std::printf("  %-34s %10s %10s %22s\n", "", "median", "99 %", "median / bare FIFOs");
-    for (Way& way : ways)
-        std::sort(way.times.begin(), way.times.end());
-    for (const Way& way : ways) {
-        const double median = Percentile(way.times, 0.5);
-        std::printf("  %-34s %7.1f us %7.1f us %22.2f\n", way.name, median / 1000,
-                    Percentile(way.times, 0.99) / 1000, median / Percentile(ways[1].times, 0.5));
-    }
-}
-
-void Compare(std::vector<Way>& ways, int processors) {
-    std::printf("Both sides pinned, %d processor%s:\n", processors, processors == 1 ? "" : "s");
-    PinTo(0);
-    for (Way& way : ways) {
-        for (const pid_t peer : way.peers)
-            PinTo(processors - 1, peer);
-        way.times.clear();
-        Measure(way, WARM_UP, false);
-    }
-    for (int batch = 0; batch < BATCHES; ++batch) {
-        for (Way& way : ways)
-            Measure(way, BATCH, true);
-    }
-    Print(ways);
-}
-
-/// A directory for FIFOs in memory, where those in /run lie too.
+/// A directory for FIFOs in memory, as /run is.
 class Directory {
 public:
     Directory() : m_path("/dev/shm/ky-ipc-bench-XXXXXX") {
@@ -345,49 +295,65 @@ public:
         std::error_code ignored;
         std::filesystem::remove_all(m_path, ignored);
     }
-    const std::string& Path() const { return m_path; }
+
+    static const std::string& Path() {
+        static const Directory s_directory;
+        return s_directory.m_path;
+    }
 
 private:
     std::string m_path;
 };
 
-void Run(const std::string& directory) {
-    const Child library(ServeLibrary);
-    const Child bare([&](const auto& ready) { ServeBare(directory, ready); });
-    std::vector<Way> ways;
-    ways.push_back({"TferSvcMsgClient::GetStatus", AskLibrary, {library.Process()}, {}});
-    ways.push_back({"two bare FIFOs", [&] { AskBare(directory); }, {bare.Process()}, {}});
-#ifdef KY_BENCH_SDBUS
-    std::unique_ptr<Child> daemon, service;
-    sd_bus* bus = nullptr;
-    if (HaveDaemon()) {
-        daemon = std::make_unique<Child>([&](const auto& ready) { RunDaemon(directory, ready); });
-        service = std::make_unique<Child>([&](const auto& ready) { ServeBus(directory, ready); });
-        bus = Connect(directory);
-        Require(bus != nullptr, "D-Bus connection");
-        ways.push_back({"D-Bus method call, sd-bus",
-                        [bus] { AskBus(bus); },
-                        {daemon->Process(), service->Process()},
-                        {}});
-    } else {
-        std::puts("No comparison with D-Bus: dbus-daemon is not installed.");
-    }
-#else
-    std::puts("No comparison with D-Bus: built without sd-bus (libsystemd-dev).");
-#endif
-    const unsigned int processors = std::thread::hardware_concurrency();
-    Compare(ways, 1);
-    if (processors > 1) Compare(ways, 2);
-#ifdef KY_BENCH_SDBUS
-    sd_bus_unref(bus);
-#endif
+/// Pins this process to the first processor, and the peers to the last one of state.range(0).
+void Pin(const benchmark::State& state, std::initializer_list<const Child*> peers) {
+    PinTo(0);
+    for (const Child* const peer : peers)
+        PinTo(static_cast<int>(state.range(0)) - 1, peer->Process());
 }
+
+/// Measures one round trip. The ones before it warm the caches, because the repetition before was another way's.
+template <typename Ask>
+void MeasureRoundTrip(benchmark::State& state, Ask ask) {
+    for (int i = 0; i < 5; ++i)
+        ask();
+    MeasureCall(state, ask);
+}
+
+void GetStatusOfClient(benchmark::State& state) {
+    Directory::Path();
+    static const Child s_service(ServeLibrary);
+    Pin(state, {&s_service});
+    MeasureRoundTrip(state, AskLibrary);
+}
+
+void GetStatusOverBareFifos(benchmark::State& state) {
+    const std::string& directory = Directory::Path();
+    static const Child s_service([&](const auto& ready) { ServeBare(directory, ready); });
+    Pin(state, {&s_service});
+    MeasureRoundTrip(state, [&] { AskBare(directory); });
+}
+
+void EachRoundTrip(benchmark::internal::Benchmark* benchmark) {
+    benchmark->ArgName("processors")->Arg(1);
+    if (std::thread::hardware_concurrency() > 1) benchmark->Arg(2);
+    MeasureEachCall(benchmark, kRoundTrips);
+}
+BENCHMARK(GetStatusOfClient)->Apply(EachRoundTrip);
+BENCHMARK(GetStatusOverBareFifos)->Apply(EachRoundTrip);
+
+#ifdef KY_BENCH_SDBUS
+void GetStatusOverSdBus(benchmark::State& state) {
+    const std::string& directory = Directory::Path();
+    if (!HaveDaemon()) return state.SkipWithError("dbus-daemon is not installed");
+    static const Child s_daemon([&](const auto& ready) { RunDaemon(directory, ready); });
+    static const Child s_service([&](const auto& ready) { ServeBus(directory, ready); });
+    static sd_bus* const s_bus = Connect(directory);
+    Require(s_bus != nullptr, "D-Bus connection");
+    Pin(state, {&s_daemon, &s_service});
+    MeasureRoundTrip(state, [] { AskBus(s_bus); });
+}
+BENCHMARK(GetStatusOverSdBus)->Apply(EachRoundTrip);
+#endif
 
 }  // namespace
-
-int main() {
-    return Guarded([] {
-        const Directory directory;
-        Run(directory.Path());
-    });
-}

@@ -1,5 +1,6 @@
-// What the built service stands: status requests per second from several processes at a time, each with a session
-// of its own for every request, and the memory that it has for itself before and after them.
+// The load that the built service takes: status requests from several processes at once, each with a new session for
+// every request. The counters show the service's private memory in KiB, and its growth since the start.
+#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -9,9 +10,7 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
-#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -22,22 +21,19 @@
 
 #include "client/TferSvcMsgClient.h"
 #include "host/KyFd.h"
-#include "host/KyHostLog.h"
 #include "messages/KyTferStatusMsg.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kRequests = 100'000;
-constexpr int kCallers[] = {1, 4, 16};
-constexpr int kRequestsEachTime = kRequests / 3 + 16;  // at least, whatever the number of callers
+constexpr int kRequests = 34'000;  // of each benchmark; more than 100,000 of all three
 
 void Require(bool good, const char* what) {
     if (!good) throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
 }
 
-/// A directory for the FIFOs and the simulated device's files, removed with the object.
+/// A directory for FIFOs and the simulated device's files; removed by the destructor.
 class Directory {
 public:
     Directory() {
@@ -54,7 +50,7 @@ private:
     char m_path[32] = "/var/tmp/service-bench-XXXXXX";
 };
 
-/// The service in a process of its own, killed with the object. It logs errors only.
+/// The service in a process of its own; killed by the destructor. It logs errors only.
 class Service {
 public:
     explicit Service(const char* deviceFiles) : m_id(fork()) {
@@ -72,7 +68,7 @@ public:
         waitpid(m_id, nullptr, 0);
     }
 
-    /// The memory that no other process shares with it, in KiB.
+    /// Memory that the service shares with no other process, in KiB.
     long PrivateMemory() const {
         std::ifstream file("/proc/" + std::to_string(m_id) + "/smaps_rollup");
         long total = 0, number = 0;
@@ -87,7 +83,7 @@ private:
     const pid_t m_id;
 };
 
-/// @return whether the service has given its record, which it has none of while it looks for its place
+/// @return whether the service has replied with a record, which it does after the module search
 bool Ask(TferSvcMsgClient& client) {
     const std::unique_ptr<KyTferMsg> reply(client.GetStatus());
     const auto* const record = dynamic_cast<const KyTferStatusMsg*>(reply.get());
@@ -98,12 +94,12 @@ void WaitUntilReady() {
     const auto end = Clock::now() + std::chrono::seconds(60);
     TferSvcMsgClient client;
     while (!Ask(client)) {
-        if (Clock::now() > end) throw std::runtime_error("the service does not get ready");
+        if (Clock::now() > end) throw std::runtime_error("the service does not become ready");
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 }
 
-/// One of the processes that ask. It begins when the gate's other end is closed.
+/// A calling process. It starts when the other end of the gate is closed.
 [[noreturn]] void BeCaller(const KyFd& gate, int requests) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     TferSvcMsgClient client;
@@ -114,8 +110,8 @@ void WaitUntilReady() {
     _exit(good ? 0 : 1);
 }
 
-/// Lets so many processes ask as fast as they can. @return requests per second, of all together
-double Measure(int callers, int requests) {
+/// Lets processes send requests as fast as possible, the same number each. @return seconds until the last has ended
+double Measure(int callers, int requestsEach) {
     int ends[2];
     Require(pipe2(ends, O_CLOEXEC) == 0, "pipe");
     const KyFd gate(ends[0]);
@@ -126,7 +122,7 @@ double Measure(int callers, int requests) {
         Require(processes.back() >= 0, "fork");
         if (processes.back() != 0) continue;
         bar = KyFd();
-        BeCaller(gate, requests / callers);
+        BeCaller(gate, requestsEach);
     }
     const auto begin = Clock::now();
     bar = KyFd();
@@ -135,44 +131,42 @@ double Measure(int callers, int requests) {
         int status = -1;
         good &= waitpid(process, &status, 0) == process && status == 0;
     }
-    const std::chrono::duration<double> time = Clock::now() - begin;
     if (!good) throw std::runtime_error("a request has failed");
-    const int answered = requests / callers * callers;
-    return answered / time.count();
+    return std::chrono::duration<double>(Clock::now() - begin).count();
 }
 
-void Run() {
-    const Directory directory;
-    const Service service(directory.Path());
-    std::printf("Waiting for the service, which looks for its place for eight seconds\n");
-    std::fflush(nullptr);
-    WaitUntilReady();
-    Measure(1, 100);  // until then it has not touched all of its memory
-    const long idle = service.PrivateMemory();
-    std::printf("%8s %12s %22s\n", "callers", "requests/s", "private memory, KiB");
-    std::printf("%8s %12s %22ld\n", "idle", "", idle);
-    for (const int callers : kCallers) {
-        const double perSecond = Measure(callers, kRequestsEachTime);
-        std::printf("%8d %12.0f %22ld\n", callers, perSecond, service.PrivateMemory());
-        std::fflush(nullptr);
+/// The service, ready, and its memory then.
+struct ReadyService {
+    ReadyService() {
+        WaitUntilReady();
+        Measure(1, 100);  // the service uses some of its memory only now
+        idleMemory = service.PrivateMemory();
     }
-    std::printf("grown by %ld KiB in %d requests; wanted: 0\n", service.PrivateMemory() - idle, kRequests);
+
+    Directory directory;
+    Service service{directory.Path()};
+    long idleMemory = 0;
+};
+
+// The argument is the number of callers.
+void StatusRequests(benchmark::State& state) {
+    static const ReadyService s_ready;
+    const auto callers = static_cast<int>(state.range(0));
+    const int requestsEach = kRequests / callers;
+    for ([[maybe_unused]] auto iteration : state)
+        state.SetIterationTime(Measure(callers, requestsEach));
+    state.SetItemsProcessed(static_cast<int64_t>(requestsEach) * callers);
+    const long memory = s_ready.service.PrivateMemory();
+    state.counters["private_KiB"] = static_cast<double>(memory);
+    state.counters["grown_KiB"] = static_cast<double>(memory - s_ready.idleMemory);
 }
+BENCHMARK(StatusRequests)
+    ->ArgName("callers")
+    ->Arg(1)
+    ->Arg(4)
+    ->Arg(16)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kSecond);
 
 }  // namespace
-
-int main() {
-    if (getenv("KY_SANDBOX") == nullptr) {
-        std::fprintf(stderr,
-                     "This writes to /var/local and /var/tmp and runs in a sandbox only: ./dev bench\n");
-        return 1;
-    }
-    ky_host::SetLogLevel(-1);
-    try {
-        Run();
-        return 0;
-    } catch (const std::exception& failure) {
-        std::fprintf(stderr, "service_bench: %s\n", failure.what());
-        return 1;
-    }
-}
