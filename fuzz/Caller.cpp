@@ -61,7 +61,7 @@ Counts Caller::DueReplies(const std::string& stream, size_t& requests) {
         std::string bytes = fuzz::BytesOf(decoder.Message());
         const Message message = fuzz::MessageIn(bytes);
         if (!message || message->GetMsgType() == KyTferMsg::TFER_MSG_RESP || bytes.size() < 8) continue;
-        bytes[6] = bytes[7] = 0;  // not all of the server identifier counts
+        bytes[6] = bytes[7] = 0;  // the upper half of the server identifier is ignored
         if (Serialised(*message) != bytes) continue;
         ++requests;
         const std::string& fifo = message->GetRespFifo();

@@ -7,23 +7,23 @@
 
 #include "fuzz/Wire.h"
 
-/// How many messages there are for a reply FIFO and with a context.
+/// Number of messages by reply FIFO and context.
 using Counts = std::map<std::pair<std::string, std::string>, size_t>;
 
-/// Those who ask the service, as the input says. They have the reply FIFOs "r0" and "r1".
+/// The callers of the service, as the input says. Their reply FIFOs are "r0" and "r1".
 class Caller {
 public:
     static constexpr char kOutgoing[] = "/var/local/tal/up";
-    static constexpr size_t kMostBytes = 60000;  ///< of a stream; a FIFO holds a little more
+    static constexpr size_t kMostBytes = 60000;  ///< of a stream; less than the capacity of a FIFO
 
     explicit Caller(fuzz::Input& input) : m_input(input) {}
 
-    /// What they write to the service: requests, damaged ones, and what is none.
+    /// The bytes that the callers write: requests, damaged requests and garbage.
     std::string Stream();
 
-    /// The replies that are due for what the service reads from a stream: one for each whole request.
+    /// The replies to a stream: one for each whole request.
     ///
-    /// @param requests  gets the number of whole requests, those without a FIFO for the reply included
+    /// @param requests  gets the number of whole requests, also of those with an unknown reply FIFO
     static Counts DueReplies(const std::string& stream, size_t& requests);
 
 private:

@@ -17,7 +17,7 @@
 /// What the fuzzers share.
 namespace fuzz {
 
-/// A broken promise of the code under test: the fuzzer reports the input.
+/// Aborts unless `holds`: the fuzzer then reports the input.
 inline void Require(bool holds, const std::string& promise) {
     if (holds) return;
     std::fprintf(stderr, "broken: %s\n", promise.c_str());
@@ -25,7 +25,7 @@ inline void Require(bool holds, const std::string& promise) {
 }
 
 /// Takes decisions and texts from the front of the fuzzer's input, so that seeds can be written by hand.
-/// At the end there are only zeros and empty texts.
+/// Behind the end, bytes are 0 and texts are empty.
 class Input {
 public:
     Input(const uint8_t* bytes, size_t size) : m_next(bytes), m_end(bytes + size) {}
@@ -33,7 +33,7 @@ public:
     bool Empty() const { return m_next == m_end; }
     unsigned Byte() { return Empty() ? 0U : *m_next++; }
 
-    /// A number of all sizes: small ones, and those around the powers of two.
+    /// A small number, or one next to a power of two.
     unsigned Number() {
         const unsigned form = Byte();
         return form < 0xC0 ? form : (1U << (form & 31)) + Byte() - 1;
@@ -55,19 +55,19 @@ inline std::string BytesOf(const KyIpcMsgBuffer& buffer) {
     return {reinterpret_cast<const char*>(buffer.GetBuf()), static_cast<size_t>(buffer.GetLength())};
 }
 
-/// Log lines are formatted, for the sake of their arguments, and dropped.
+/// Drops the log. Lines up to `maxLevel` are still formatted, so sanitizers check their arguments.
 inline void SilenceLog(int maxLevel = INT_MAX) {
     ky_host::SetLogSink([](void*, int, const char*, const char*, const char*) {}, nullptr, maxLevel);
 }
 
-/// Ends a fuzzer that would write into the machine's own directories.
+/// Exits outside of the sandbox, where the fuzzer would write into the machine's directories.
 inline void RequireSandbox() {
     if (std::getenv("KY_SANDBOX") != nullptr) return;
     std::fputs("This fuzzer needs a sandbox: tests/sandbox.sh\n", stderr);
     std::exit(1);
 }
 
-/// Waits in real time until `predicate` holds; false when it still does not after `deadline`.
+/// Waits in real time until `predicate` holds. @return false if it does not hold within `deadline`
 template <typename Predicate>
 bool WaitUntil(Predicate predicate, std::chrono::seconds deadline = std::chrono::seconds(8)) {
     const auto end = std::chrono::steady_clock::now() + deadline;
@@ -78,24 +78,24 @@ bool WaitUntil(Predicate predicate, std::chrono::seconds deadline = std::chrono:
     return true;
 }
 
-/// The threads and open descriptors of this process at its construction, more of which must not be left.
+/// Finds threads and open descriptors that were not there at its construction.
 class LeakCheck {
 public:
     LeakCheck() {
-        [[maybe_unused]] static const bool s_bare = WithoutSanitizersThread();
+        [[maybe_unused]] static const bool s_started = WithSanitizersThread();
         m_threads = Count("/proc/self/task");
         m_descriptors = Count("/proc/self/fd");
     }
 
-    /// The kernel counts a joined thread for a moment longer.
+    /// Waits for threads: the kernel counts a joined thread for a moment longer.
     void Check() const {
-        Require(WaitUntil([this] { return Count("/proc/self/task") <= m_threads; }), "no thread is left");
-        Require(Count("/proc/self/fd") <= m_descriptors, "no descriptor is left");
+        Require(WaitUntil([this] { return Count("/proc/self/task") <= m_threads; }), "no thread is leaked");
+        Require(Count("/proc/self/fd") <= m_descriptors, "no descriptor is leaked");
     }
 
 private:
-    /// A sanitizer's own thread comes with the first one that is made, which has to be gone before we count.
-    static bool WithoutSanitizersThread() {
+    /// Starts and ends a thread: with the first one, a sanitizer starts its own, which must be counted.
+    static bool WithSanitizersThread() {
         std::thread([] {}).join();
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         return true;

@@ -17,7 +17,7 @@ bool BeginsWith(const std::string& text, const std::string& start) {
     return text.compare(0, start.size(), start) == 0;
 }
 
-/// How the texts of a status begin. One in progress may still have the text of the transaction before it.
+/// Whether the text belongs to the status. The text of a transaction in progress may be that of the one before.
 bool FitsStatus(Status::TferStatus status, const std::string& text) {
     static const char* const kInProgress[] = {"In Progress - No progress to report",
                                               "File transfer inprogress",
@@ -93,15 +93,14 @@ KyTferStatusMsg RecordCheck::Check() {
     KyTferStatusMsg record = m_engine.GetStatus("");
     const std::string shown = std::to_string(record.GetStatus()) + " " + record.GetStatusMsg() + " " +
                               record.GetFilePath() + record.GetXferFileName();
-    Require(FitsStatus(record.GetStatus(), record.GetStatusMsg()),
-            "status and text belong together: " + shown);
-    Require(record.GetPercentComplete() <= 100, "a percentage is one");
+    Require(FitsStatus(record.GetStatus(), record.GetStatusMsg()), "the text fits the status: " + shown);
+    Require(record.GetPercentComplete() <= 100, "a percentage is at most 100");
     Require(!record.GetJsonStatus().empty(), "a record has JSON");
     CheckPath(record);
     const bool retrieved =
         record.GetStatus() == Status::TFER_STATUS_COMPLETE && BeginsWith(record.GetStatusMsg(), kRetrieved);
     if (m_requesting) return record;
-    // A device may name another file for a listing that has ended.
+    // After a listing has ended, the device can announce another one.
     const bool listing = record.GetReqType() == Status::TFER_REQ_DIRECTORY;
     Require(retrieved || !m_completed || m_pushed || listing, "a completed fetch stays complete: " + shown);
     m_completed = retrieved;

@@ -6,31 +6,30 @@
 #include "engine/KyTferClient.h"
 #include "messages/KyTferStatusMsg.h"
 
-/// What holds for every copy of the engine's status record, from its first to its last. Any thread may
-/// call it.
+/// Checks the invariants of the engine's status record. Any thread may call any operation.
 class RecordCheck {
 public:
     explicit RecordCheck(KyTferClient& engine) : m_engine(engine) {}
 
-    /// Before a fetch or directory request is made, and what it has returned. In between nobody can tell
-    /// whose record it is.
+    /// Call these before a fetch or directory request, and with its result. In between, the record may be that
+    /// of the transaction before.
     void Requesting();
     void Requested(const KyTferStatusMsg& result);
-    /// Before a push is requested: it may write into the record of the running transaction.
+    /// Call this before a push request: it may write into the record of the running transaction.
     void PushRequested();
-    /// The device has announced a size.
+    /// Call this before the engine gets a size from the device.
     void SizeChanged();
 
-    /// Takes a copy, which is returned, and looks at it.
+    /// Checks a copy of the record. @return the copy
     KyTferStatusMsg Check();
 
 private:
     KyTferClient& m_engine;
     std::mutex m_mutex;
-    bool m_completed = false;  // the transaction's worker has completed it
+    bool m_completed = false;  // the last record was that of a completed fetch
     bool m_requesting = false;
-    bool m_pushed = false;       // a push has been requested since the transaction began
-    bool m_sizeChanged = false;  // a size has been announced since then
+    bool m_pushed = false;       // since the transaction began
+    bool m_sizeChanged = false;  // since the transaction began
 };
 
 #endif

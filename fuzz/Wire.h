@@ -9,7 +9,7 @@
 #include "messages/KyTferMsgFactory.h"
 #include "platform/KyIpcFifoSession.h"
 
-/// Messages as bytes, and bytes as messages.
+/// Conversions between messages, bytes and frames.
 namespace fuzz {
 
 using Message = std::unique_ptr<KyTferMsg>;
@@ -20,7 +20,7 @@ inline std::string Serialised(KyTferMsg& message) {
     return BytesOf(buffer);
 }
 
-/// Null if the bytes are no message.
+/// Returns null if the bytes are not a message.
 inline Message MessageIn(const std::string& bytes) {
     KyIpcMsgBuffer buffer(0);
     buffer.Append(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));

@@ -1,5 +1,5 @@
-// A stream of whole, torn and damaged frames and garbage, in pieces of any size: through the decoder at once,
-// through the decoder in pieces, and through a session's FIFO.
+// A stream of whole, torn and damaged frames and garbage. It passes the decoder at once, the decoder in pieces,
+// and the FIFO of a session; the messages must be the same.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,15 +17,15 @@ namespace {
 
 using Messages = std::vector<std::string>;
 
-constexpr size_t kFifoUnit = 16;  // a system call for each byte would be all that this does
-const std::string LAST = "the last";
+constexpr size_t kFifoUnit = 16;  // bytes; single bytes would spend all time in system calls
+const std::string kLast = "the last";
 
-/// What is written, and those of its messages that nobody has damaged.
+/// A stream, and its undamaged messages.
 struct Stream {
     explicit Stream(fuzz::Input& input) {
         while (!input.Empty() && bytes.size() < 200000)
             Add(input);
-        AddWhole(LAST);
+        AddWhole(kLast);
     }
 
     void Add(fuzz::Input& input) {
@@ -74,7 +74,8 @@ struct Decoded {
     size_t skipped = 0;
 };
 
-/// Hands the stream to `take` in pieces; `cuts` are their lengths, again and again, in units of `unit` bytes.
+/// Hands the stream to `take` in pieces. The bytes of `cuts` are their lengths minus 1, cyclically, in units of
+/// `unit` bytes.
 template <typename Take>
 void InPieces(const std::string& stream, const std::string& cuts, size_t unit, Take take) {
     size_t cut = 0;
@@ -86,13 +87,15 @@ void InPieces(const std::string& stream, const std::string& cuts, size_t unit, T
 }
 
 void Feed(KyIpcFrameDecoder& decoder, const std::string& piece, Decoded& decoded) {
-    const std::vector<unsigned char> bytes(piece.begin(), piece.end());  // ends where the piece ends
+    const std::vector<unsigned char> bytes(
+        piece.begin(), piece.end());  // its allocation ends with the piece: sanitizers catch overreads
     for (size_t taken = 0; taken < bytes.size();) {
         const size_t step = decoder.Feed(bytes.data() + taken, bytes.size() - taken);
         Require(step > 0 && (decoder.IsWhole() || taken + step == bytes.size()),
-                "no byte is left without reason");
+                "the decoder takes all bytes up to the end of a message");
         taken += step;
-        Require(decoder.Message().GetLength() <= ky_frame::kMaxBody, "a message has its limit");
+        Require(decoder.Message().GetLength() <= ky_frame::kMaxBody,
+                "a message is at most as large as the limit");
         if (decoder.IsWhole()) decoded.messages.push_back(fuzz::BytesOf(decoder.Message()));
     }
 }
@@ -107,8 +110,8 @@ Decoded ThroughDecoder(const std::string& stream, const std::string& cuts) {
     return decoded;
 }
 
-/// Every byte belongs to a message or is told to be skipped. Damage may have taken the stuffing from behind a
-/// lead that ends a message, which then is taken as it stands.
+/// Every byte belongs to a message or is counted as skipped. If damage removes the stuffing after a lead at the end
+/// of a message, the decoder accepts the message.
 void CheckSkipped(const Decoded& decoded, size_t size) {
     const std::string lead(ky_frame::kMark, ky_frame::kMark + ky_frame::kLead);
     size_t most = decoded.skipped;
@@ -117,21 +120,21 @@ void CheckSkipped(const Decoded& decoded, size_t size) {
         most += FrameOf(message).size();
         if (message.size() >= lead.size() && message.substr(message.size() - lead.size()) == lead) ++unsure;
     }
-    Require(size <= most && most <= size + unsure, "skipped bytes are told");
+    Require(size <= most && most <= size + unsure, "skipped bytes are counted");
 }
 
-/// The session lives on: what one stream leaves behind must not matter to the next.
+/// All streams use one session: the rest of one stream must not affect the next.
 Messages ThroughFifo(const std::string& stream, const std::string& cuts) {
     static KyIpcFifoSession& s_session =
         *new KyIpcFifoSession("fuzz", KyIpcFifoSession::IPC_CLOSE_NO_CONFIRM);
     static const bool s_open = s_session.OpenReadFifo("stream", 0600) == KyIpcFifoSession::IPC_OK;
     static const int s_fifo = open((ky_host::IpcDirectory() + "/stream").c_str(), O_WRONLY | O_NONBLOCK);
-    Require(s_open && s_fifo >= 0, "there is a FIFO");
+    Require(s_open && s_fifo >= 0, "the FIFO is open");
     Messages messages;
     KyIpcMsgBuffer message(0);
     InPieces(stream, cuts, kFifoUnit, [&](const std::string& piece) {
         Require(write(s_fifo, piece.data(), piece.size()) == static_cast<ssize_t>(piece.size()),
-                "FIFO is empty");
+                "the FIFO has room");
         while (s_session.Read(&message, 0) == KyIpcFifoSession::IPC_OK)
             messages.push_back(fuzz::BytesOf(message));
     });
@@ -157,14 +160,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto message = atOnce.messages.begin();
     for (const std::string& written : stream.whole) {
         message = std::find(message, atOnce.messages.end(), written);
-        Require(message++ != atOnce.messages.end(), "a whole frame comes out, whatever stands before it");
+        Require(message++ != atOnce.messages.end(), "a whole frame is decoded, whatever precedes it");
     }
-    Require(atOnce.messages.back() == LAST, "nothing comes out behind the last frame");
+    Require(atOnce.messages.back() == kLast, "no message follows the last frame");
     CheckSkipped(atOnce, stream.bytes.size());
 
     const Decoded inPieces = ThroughDecoder(stream.bytes, cuts);
     Require(inPieces.messages == atOnce.messages && inPieces.skipped == atOnce.skipped,
-            "pieces do not matter");
-    Require(ThroughFifo(stream.bytes, cuts) == atOnce.messages, "the FIFO does not matter");
+            "pieces give the same messages");
+    Require(ThroughFifo(stream.bytes, cuts) == atOnce.messages, "the FIFO gives the same messages");
     return 0;
 }

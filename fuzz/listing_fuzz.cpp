@@ -1,6 +1,5 @@
-// Any bytes as a listing file, through either reader. The blank-separated one is compared with what the
-// stream's own `>>` makes of the same bytes; the listings' pages, JSON and lookups are compared with
-// their entries.
+// Any bytes as a listing file, through both readers. The entries of the blank-separated reader are compared with
+// those that `>>` of a stream reads; pages, JSON and lookups are compared with the entries.
 #include <jansson.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -23,7 +22,7 @@ using Entries = std::vector<KyTferDirEntry>;
 
 constexpr size_t kLongestName = 65536;
 
-/// A file in memory that has a path.
+/// A file in memory, with a path.
 class MemoryFile {
 public:
     explicit MemoryFile(const std::string& bytes) : m_fd(memfd_create("listing", MFD_CLOEXEC)) {
@@ -123,7 +122,7 @@ std::string Quoted(const std::string& text) {
     return quoted + "\",";
 }
 
-/// Any entries, written in the comma-separated form with quotes, are read as they are.
+/// Entries that are written in the comma-separated form with quotes are read back unchanged.
 void CheckRewritten(const Entries& entries) {
     Entries written;
     std::string file = "1\nTitles\n";
@@ -160,7 +159,7 @@ void CheckListing(const KyTferDirectory& listing, fuzz::Input& input) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::SilenceLog(6);  // its traces are most of a listing's time
+    fuzz::SilenceLog(6);  // formatting the traces would take most of the time
     return 0;
 }
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Writes the seeds in corpus/ anew. Each does something that no other does; the fuzzers' own reading of their
-# input (see Fuzz.h and the *_fuzz.cpp) says what the bytes mean.
+# Writes the seeds in corpus/. Each covers something that no other covers. The meaning of the bytes is how the
+# fuzzers read their input: see Fuzz.h and *_fuzz.cpp.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")"
 
@@ -56,6 +56,9 @@ start='\x00\x00\x00\x01' found='\xc0\x00\x00\x01'
 fetch='\x00\x00\x0a' ready='\x07\x00\x00' whole='\x0b\x00\x0a' settle='\x06' cleared='\x07\x05\x00'
 directory='\x02' named='\x07\x07\x00' size10='\x0a\x0a' push='\x01\x01\x0a'
 device='\x04\x00\x04\x00\x04\x00\x04\x00' # what happens in the four sleeps of a push: nothing
+answers='\x0b\x20\x0a'  # the device answers requests by itself
+seed device_fuzz answered "$start" "$answers" "$fetch" "$settle"
+seed device_fuzz answered-listing "$start" "$answers" "$directory" "$settle" '\x03\x00'
 seed device_fuzz silent "$found" "$fetch" '\x05\xb3' '\x05\x02'
 seed device_fuzz fetched "$start" "$whole" "$fetch" "$ready" "$settle"
 seed device_fuzz fetched-twice "$start" "$whole" "$fetch" "$ready" "$settle" "$cleared" "$ready" "$settle"

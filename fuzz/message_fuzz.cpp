@@ -1,4 +1,4 @@
-// Any bytes as a message: what comes out of them survives the wire, copies and JSON.
+// Any bytes as a message: the message survives serialisation, copies and JSON.
 #include <jansson.h>
 
 #include <cstring>
@@ -57,7 +57,7 @@ void CheckRecord(KyTferStatusMsg& record) {
     for (const auto status : {record.GetStatus(), KyTferStatusMsg::TFER_STATUS_NONE,
                               KyTferStatusMsg::TFER_STATUS_INPROGRESS, KyTferStatusMsg::TFER_STATUS_FAIL}) {
         copy.SetStatus(status);
-        Require(copy.GetPercentComplete() <= 100, "a percentage is one");
+        Require(copy.GetPercentComplete() <= 100, "a percentage is at most 100");
     }
     copy.SetFilePath(record.GetFilePath());
     Require(copy.GetFilePath().back() == '/', "a path that was set ends with a slash");
@@ -79,14 +79,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Require((message != nullptr) == (type >= 1 && type <= 6), "every known type is a message, and no other");
     if (!message) return 0;
     if (size < sizeof type) {
-        // Shorter than a type, which is looked at with zeros behind it and then found to be missing.
-        Require(message->GetMsgType() == KyTferMsg::TFER_MSG_NONE, "a field that has not come is 0");
+        // The bytes are shorter than a type. The factory reads the type with the zeros that follow the bytes.
+        Require(message->GetMsgType() == KyTferMsg::TFER_MSG_NONE, "a missing field is 0");
         return 0;
     }
     const std::string bytes = Serialised(*message);
     const Message again = fuzz::MessageIn(bytes);
-    Require(again && Serialised(*again) == bytes, "a message is the same after a way over the wire");
-    Require(bytes.size() <= size + 64, "a message holds nothing but what has come");
+    Require(again && Serialised(*again) == bytes, "a message survives serialisation");
+    Require(bytes.size() <= size + 64, "a message is not larger than its bytes");
     CheckBaseCopies(*message);
     if (auto* const record = dynamic_cast<KyTferStatusMsg*>(message.get())) CheckRecord(*record);
     return 0;

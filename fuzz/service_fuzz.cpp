@@ -1,5 +1,5 @@
-// The service's request loop: well-formed requests, damaged ones and garbage arrive on its control FIFO,
-// while its device is a simulated one that goes wrong as the input says.
+// The service's request loop: requests, damaged requests and garbage arrive on its control FIFO. The input also
+// sets the faults of the simulated device.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -23,23 +23,23 @@ namespace {
 
 constexpr char kDevice[] = "/var/tmp/device";
 constexpr unsigned short kDeviceId = 3;
-constexpr size_t kFewRequests = 16;  // all of which are answered in full
+constexpr size_t kFewRequests = 16;  // up to this number, none may stay without a reply
 
-/// A caller's end of a reply FIFO, which lives on from one input to the next.
+/// A caller's reply FIFO. All inputs use the same.
 class ReplyFifo {
 public:
     explicit ReplyFifo(const char* name) : m_name(name) {
-        Require(m_session.OpenReadFifo(name, 0600) == KyIpcFifoSession::IPC_OK, "there is a reply FIFO");
+        Require(m_session.OpenReadFifo(name, 0600) == KyIpcFifoSession::IPC_OK, "the reply FIFO is open");
     }
 
-    /// The next reply, counted; null if none comes.
+    /// Returns the next reply and counts it; null if there is none.
     Message Next(Counts& replies, int milliseconds) {
         KyIpcMsgBuffer buffer(0);
         if (m_session.Read(&buffer, milliseconds) != KyIpcFifoSession::IPC_OK) return nullptr;
         Message reply = MessageIn(fuzz::BytesOf(buffer));
         Require(reply && (reply->GetMsgType() == KyTferMsg::TFER_MSG_RESP ||
                           reply->GetMsgType() == KyTferMsg::TFER_MSG_STATUS),
-                "a reply is one");
+                "a reply is a response or a status");
         ++replies[{m_name, reply->GetCallerContext()}];
         return reply;
     }
@@ -80,7 +80,7 @@ public:
         Send(fifo, stream);
         stream += AskForStatus(fifo, "last");
         while (replies.count({"r0", "last"}) == 0)
-            Require(m_fifos.r0.Next(replies, 5000) != nullptr, "the loop answers after all that has come");
+            Require(m_fifos.r0.Next(replies, 5000) != nullptr, "the loop answers after the stream");
         m_service->Stop();
         while (m_fifos.r0.Next(replies, 0) || m_fifos.r1.Next(replies, 0)) {
         }
@@ -96,7 +96,7 @@ private:
         fault.noFile = faults / 16 % 4 == 1;
         fault.refuse = faults / 16 % 4 == 2;
         fault.stuck = faults / 16 % 4 == 3 && m_input.Byte() % 4 == 0;
-        m_early = faults >= 0xF0;  // requests come while the engine is still looking for its place
+        m_early = faults >= 0xF0;  // requests arrive during the module search
         return fault;
     }
 
