@@ -1,7 +1,7 @@
-// Fetches one file with kytfer. The managed device is played by a proxy with the file in memory; on a card
-// the card's own KyPldProxy takes its place, and the platform reports the changes of the device's points.
+// Fetches one file with kytfer. The device is a proxy that holds the file in memory. On a card, the card's own
+// KyPldProxy replaces it, and the platform reports the changes of the device's points.
 //
-// Needs the right to write to /var/local and /var/tmp, where the library has its directories.
+// The program must be allowed to write to /var/local and /var/tmp, where the library has its directories.
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -19,33 +19,33 @@
 namespace {
 
 constexpr unsigned short kDevice = 3;
-constexpr unsigned short kRequestPoint = 8602;  // the card writes what it wants, the device answers
+constexpr unsigned short kRequestPoint = 8602;  // carries the card's requests and the device's answers
 
-/// The way to the device. The engine calls it from several threads.
+/// The proxy of the device. The engine calls it from several threads.
 class MemoryDevice : public KyPldProxy {
 public:
     explicit MemoryDevice(std::string content) : m_content(std::move(content)) {}
 
-    /// The answers given since the last call, to be handed to the engine as point changes.
+    /// Returns the answers since the last call. Each is a point change for the engine.
     std::vector<std::string> TakeAnswers() {
         std::lock_guard<std::mutex> lock(m_mutex);
         return std::exchange(m_answers, {});
     }
 
-    // Who sits at a module index: the engine looks for the card's own address there.
+    // Every module index has the card's MAC, so the engine finds the card's place.
     int GetMaiString(std::string& value, unsigned short, unsigned short, unsigned short, unsigned short,
                      unsigned short, short, unsigned int) override {
         value = tal_netutils::KyNetUtils::GetMAC();
         return 0;
     }
 
-    // The numbers are versions and limits; a device that says 1 to all of them agrees on the first transport.
+    // The number points are versions and limits. With 1 for each, the engine chooses the Sorrel 485 transport.
     int GetMaiUint32(unsigned int& value, unsigned short, unsigned short, unsigned short, unsigned short,
                      unsigned short, short) override {
         return One(value);
     }
 
-    // A file's name on the request point asks for that file. Ours is ready at once.
+    // A file name on the request point requests that file. This device answers at once.
     int SetMaiString(const char* value, unsigned short, unsigned short pointId, unsigned short,
                      unsigned short, unsigned short, short, unsigned int, unsigned int) override {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -78,7 +78,7 @@ private:
     std::vector<std::string> m_answers;
 };
 
-/// Tells the engine that the request point has a new value: text as 16-bit units, one for each character.
+/// Reports a new value of the request point to the engine: text in 16-bit units, one for each character.
 void Report(KyTferClient& engine, const std::string& answer) {
     const std::vector<unsigned short> units(answer.begin(), answer.end());
     engine.DataChange({kRequestPoint, 1, static_cast<unsigned short>(units.size()), units.data()});
@@ -90,17 +90,17 @@ int main() {
     const std::string content(20480, 'x');
     MemoryDevice device(content);
     KyTferClient engine;
-    // Blocks for eight seconds: a card takes a place in the device only after four equal answers.
+    // Blocks for eight seconds: the module search needs four equal answers.
     if (engine.Init(kDevice, &device) != 0) return 1;
 
-    // The engine works on threads of its own; this one hands it the device's answers, and watches the record.
+    // The engine has its own threads. This thread reports the device's answers and reads the status record.
     KyTferStatusMsg status = engine.GetFileFromDevRequest("event.log", static_cast<int>(content.size()));
     bool working = status.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS;
     while (working) {
         for (const std::string& answer : device.TakeAnswers())
             Report(engine, answer);
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        // The record may be complete when the file has arrived, before the worker has moved it to its place.
+        // The record can be complete before the worker has moved the file to the download directory.
         working = engine.WorkerRunning();
         status = engine.GetStatus("");
         working = working || status.GetStatus() == KyTferStatusMsg::TFER_STATUS_INPROGRESS;
