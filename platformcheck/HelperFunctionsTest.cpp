@@ -3,8 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
+#include <map>
 #include <thread>
 #include <vector>
 
@@ -43,17 +43,17 @@ int ModeOf(const std::string& path) {
 
 TEST(String, TrimRemovesWhiteSpaceFromBothEnds) {
     const std::string blanks = " \t\n\r\v\f";
-    const std::string rows[][2] = {{"", ""},
-                                   {"a", "a"},
-                                   {blanks, ""},
-                                   {blanks + "a" + blanks, "a"},
-                                   {"a b\tc ", "a b\tc"},
-                                   {" \xA0\xC2 ", "\xA0\xC2"},
-                                   {std::string(" \0 ", 3), std::string(1, '\0')}};
-    for (const auto& row : rows) {
-        std::string text = row[0];
-        KyStringUtils::Trim(text);
-        EXPECT_EQ(text, row[1]);
+    const std::map<std::string, std::string> trimmed = {{"", ""},
+                                                        {"a", "a"},
+                                                        {blanks, ""},
+                                                        {blanks + "a" + blanks, "a"},
+                                                        {"a b\tc ", "a b\tc"},
+                                                        {" \xA0\xC2 ", "\xA0\xC2"},
+                                                        {std::string(" \0 ", 3), std::string(1, '\0')}};
+    for (const auto& [text, expected] : trimmed) {
+        std::string seen = text;
+        KyStringUtils::Trim(seen);
+        EXPECT_EQ(seen, expected);
     }
 }
 
