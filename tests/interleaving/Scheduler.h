@@ -45,10 +45,10 @@ struct Fiber {
 /// clock several times, or yielded, since something was last done.
 class Scheduler {
 public:
-    /// Whether a point may bring about what a polling fiber waits for.
+    /// Whether a point may change what a polling fiber waits for.
     enum Effect { QUIET, WORK };
 
-    /// What the environment is told, on the fiber that causes it.
+    /// Callbacks to the environment, on the fiber that causes them.
     struct Listener {
         /// @return false if the thread cannot be started
         virtual bool ThreadStarts(Fiber& creator, Fiber& thread) = 0;
@@ -78,14 +78,13 @@ public:
     unsigned Random(unsigned below);
     Time Pick(std::initializer_list<Time> times) { return times.begin()[Random(unsigned(times.size()))]; }
     void Trace(const char* what, const std::string& detail);
-    /// Lets the fiber fall behind at one of the next points that comes.
+    /// Lets the running fiber fall behind at one of the next eight points.
     void DisturbSoon() { m_disturbed.push_back(m_points + 1 + Random(8)); }
 
     /// Ends the run. Does not return; the fibers stay as they are.
     [[noreturn]] void Fail(const std::string& text);
     void Point(const char* what, Effect effect = WORK, const std::string& detail = "");
-    /// A point at which the fiber looks whether others have come on. `pause` is how far the clock moves if they do
-    /// nothing but that.
+    /// A point at which the fiber polls for the work of others. `pause` is how far the clock moves if all fibers only poll.
     void Look(const char* what, Time pause);
     /// @return false if nothing has woken the fiber up to `until`
     bool Wait(const void* object, Time until = kNever);

@@ -21,7 +21,7 @@ public:
           m_announces(m_run.Random(2) == 0),
           m_forgets(m_run.Random(2) == 0) {}
 
-    /// What a request says of the size: nothing useful, if the device announces it.
+    /// The size in a request. It is wrong if the device announces the size.
     int RequestedSize(const Transfer& transfer) const { return m_announces ? 7 : int(transfer.size); }
 
     /// Reports changes until the device is off.
@@ -229,8 +229,8 @@ private:
     World& m_world;
     Scheduler& m_run = m_world.scheduler;
     const Time m_echo;       // how late own writes are reported; kNever for not at all
-    const bool m_announces;  // the sizes of fetched files
-    const bool m_forgets;    // to answer, when the card gives up
+    const bool m_announces;  // sizes of fetched files
+    const bool m_forgets;    // its answers when the card gives up
     bool m_off = false;
     std::multimap<Time, Change> m_changes;
 };

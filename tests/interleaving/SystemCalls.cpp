@@ -1,4 +1,4 @@
-// What the engine calls of the system and of the platform. Outside of runs, the real functions are called.
+// Replacements of system and platform functions. Outside of a run, the real functions are called.
 #include <pthread.h>
 #include <sched.h>
 #include <sys/stat.h>

@@ -105,13 +105,13 @@ void World::Changed(const Record& row) {
     scheduler.Wake(&rows);
 }
 
-/// Whose row it must be, by the fiber that has written it.
+/// The transaction that the row must belong to, by the fiber that has written it.
 Transfer& World::Writer(const Record& row) {
     Role& me = Me();
     const bool push = row.GetFilePath() == kStaging;
     const bool inProgress = row.GetStatus() == Record::TFER_STATUS_INPROGRESS;
     bool names = me.kind == Role::DEVICE && inProgress;
-    // The next request or status ends what no monitor watches, perhaps before its row was seen.
+    // The next request or status ends a transaction without a monitor, perhaps before its row was seen.
     if (!push && row.GetStatus() == Record::TFER_STATUS_FAIL && current != nullptr &&
         (!current->watched || current->reopened) && scheduler.Now() > current->began + current->limit)
         return row.GetXferFileName() == current->name ? *current : NameFile(row.GetXferFileName());
@@ -322,7 +322,7 @@ void World::ThreadEnds(Fiber& thread) {
             "a monitor ends soon after its transaction was cancelled");
 }
 
-/// A worker does one of a few things, from its first step to its last.
+/// The allowed sequences of a worker's steps.
 void World::CheckStory(const Role& role) {
     const Transfer& transfer = *role.transfer;
     const bool twice = transfer.action->answer == Action::TWICE;
@@ -373,7 +373,7 @@ void World::CheckEnd() {
     }
 }
 
-/// What ought to end well has done so.
+/// A transaction that nothing disturbed must have ended as the device says.
 void World::CheckTransfer(const Transfer& transfer) {
     const Action& action = *transfer.action;
     const bool well = action.delivery == Action::WHOLE && action.fault != Action::WORKER_THREAD;

@@ -12,7 +12,7 @@
 
 constexpr Time kPatience = 8 * kSecond;  ///< one poll more, and how far the clock moves while nothing happens
 
-/// One thing that somebody does to the engine, and what the device and the system make of it.
+/// One call of the engine, and how the device and the system react to it.
 struct Action {
     enum Kind { FETCH, LISTING, PUSH, ABANDON, STATUS, STOP, NOTHING };
     enum Answer { READY, SILENT, NONE, LATE, TWICE, SECOND_NAME };
@@ -27,7 +27,7 @@ struct Action {
     int times = 1;
 };
 
-/// A fetch, a listing, a file that the device has named for a listing, or a push, as others than the engine see it.
+/// A fetch, a listing, a file that the device has named for a listing, or a push, as seen outside of the engine.
 struct Transfer {
     const Action* action;
     int request;           ///< its number; a named file has that of the listing
@@ -53,7 +53,7 @@ struct Transfer {
     int pushed = 0;     ///< calls of the proxy
 };
 
-/// Marks the engine's own code, for the length of an expression or a block. Memory runs out in that code only.
+/// Marks an expression or a block as the engine's code. Allocations fail only there.
 inline bool g_inEngine = false;
 template <bool kInEngine>
 struct Mark {
@@ -63,11 +63,11 @@ struct Mark {
 using Inside = Mark<true>;
 using Outside = Mark<false>;
 
-/// What surrounds one engine in one run: the files of the card, and the rules that every run must keep. It looks at
-/// the record whenever the engine has released its mutex, so that it knows which fiber has written which row.
+/// The environment of the engine in one run: the card's files, and the rules that every run must keep. It reads the record
+/// each time the engine releases its mutex, and so knows which fiber has written a row.
 class World : public Scheduler::Listener {
 public:
-    /// What a fiber works for.
+    /// The task of a fiber.
     struct Role {
         enum Kind { SERVICE, CALLER, DEVICE, MONITOR, WORKER, PUSH_WORKER } kind = SERVICE;
         Transfer* transfer = nullptr;
@@ -115,7 +115,7 @@ public:
     /// True if a fetch or listing has to be refused.
     bool Busy() const;
 
-    // What the calling fiber tells the device, and does to files: each is checked. Files: 0 or an error number.
+    // Calls of the proxy and of file functions, which check their arguments. File functions return 0 or an error number.
     void Told(unsigned short point, const std::string& value);
     void Asked(const std::string& name);
     void Pushed(const std::string& directory, const std::string& name, const std::string& xferName);
