@@ -78,7 +78,7 @@ TEST_F(DirectoryFetch, OldFileIsNotTheListing) {
     EXPECT_FALSE(WaitUntil([&] { return !waiting(); }, 20ms)) << "the monitor polls without a pause";
     device->ChangeUint32(8604, 0);
     device->ResumeDelivery();
-    EXPECT_TRUE(WaitUntil([&] { return Written().back() == "get listing.txt"; }));
+    EXPECT_TRUE(WaitUntil([&] { return Written().back() == "get listing.txt"; }) && device->WaitIdle(10000));
     for (const std::string& old : {std::string(), bytes}) {
         WriteFile(std::string(kLanding) + "listing.txt", old);
         EXPECT_FALSE(WaitUntil([&] { return !waiting(); }, 20ms)) << old.size();

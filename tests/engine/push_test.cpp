@@ -106,4 +106,24 @@ TEST_F(Push, MonitorHoldsTheRecordUpToItsLimit) {
     EXPECT_EQ(Outcome(Record()), kTimedOut);
 }
 
+TEST_F(Push, MonitorLeavesTheRecordToTheNextPush) {
+    Start();
+    std::thread monitor([this] { engine->MonitorPutFileRequest(); });
+    EXPECT_TRUE(WaitForOutcome(kNothingYet));
+    Put();
+    monitor.join();
+    EXPECT_TRUE(WaitForOutcome("complete: File Transfer Complete"));
+}
+
+TEST_F(Push, CancelEndsAFetchBehindThePushsRow) {
+    Start();
+    systemfaults::FailNextThread(11);  // no monitor writes the fetch's row again
+    engine->GetFileFromDevRequest("missing", 5);
+    Put();
+    EXPECT_TRUE(WaitForOutcome("complete: File Transfer Complete"));
+    EXPECT_EQ(Outcome(engine->GetFileFromDevRequest("f", 1000)), kInProgress);
+    EXPECT_EQ(Outcome(engine->AbandonTransaction("")), "failed: File transfer cancelled");
+    EXPECT_EQ(engine->GetFileFromDevRequest("f", 1000).GetStatus(), Status::TFER_STATUS_INPROGRESS);
+}
+
 }  // namespace
