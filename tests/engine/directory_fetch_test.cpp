@@ -92,6 +92,9 @@ TEST_F(DirectoryFetch, RefusedListingLeavesTheRecordAndTheNextRequests) {
     const Status refused = engine->GetDirectoryFromDevRequest();
     EXPECT_EQ(Outcome(refused), "failed: Failed to send directory request to server. Status=-5");
     EXPECT_EQ(refused.GetReqType(), Status::TFER_REQ_DIRECTORY);
+    proxy->OnCall([](const std::string& call) { return call == "8602=DIRREQ" ? throw 7 : 0; });
+    EXPECT_EQ(Outcome(engine->GetDirectoryFromDevRequest()),
+              "failed: Failed to send directory request to server. Status=-2");
     EXPECT_EQ(Outcome(Record()), Fetched("f"));
     EXPECT_EQ(Record().GetReqType(), Status::TFER_REQ_NONE);
     proxy->Clear();
