@@ -107,6 +107,7 @@ expect "put, no such file" 1 "." "$TFERCTL" put "$WORK/absent"
 expect "nothing to cancel" 3 "^tferctl: No transfer is in progress\.$" "$TFERCTL" cancel
 expect "status after put" 0 "" "$TFERCTL" status
 grep -qx 'Progress *100%, 5 bytes' "$WORK/out" || fail "status after put: $(cat "$WORK/out")"
+# shellcheck disable=SC2016  # the inner shell expands it
 expect "full output" 1 "Standard output could not be written" sh -c '"$1" status >/dev/full' sh "$TFERCTL"
 "$TFERCTL" get trend.csv -o "$WORK/closed" >&-
 cmp "$DEVICE/trend.csv" "$WORK/closed" || fail "get with closed output: another file"
