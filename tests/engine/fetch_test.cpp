@@ -118,6 +118,16 @@ TEST_F(Fetch, LimitIsReachedInItsLastSecond) {
     EXPECT_EQ(Errors(), Strings{}) << "the time-out step comes a second later";
 }
 
+TEST_F(Fetch, PollPauseIsInMilliseconds) {
+    Start();
+    device->SetListener(nullptr);
+    engine->SetPollPause(50);
+    Request("f", 1000);
+    WriteFile(std::string(kLanding) + "f", bytes);
+    const auto arrived = [this] { return Outcome(Record()) == "complete: File Transfer Complete"; };
+    EXPECT_TRUE(WaitUntil(arrived, 3s));
+}
+
 TEST_F(Fetch, NextStatusEndsWhatNoMonitorWatches) {
     Start();
     systemfaults::FailNextThread(11);
