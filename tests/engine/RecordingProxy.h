@@ -6,18 +6,15 @@
 #include <string>
 #include <vector>
 
-#include "platform/KyPldProxy.h"
+#include "simdevice/RelayProxy.h"
 
 /// Passes the card's calls on to a device, and records them: "8597" for a read, "6459/1" for a text of module 1,
 /// "8604=0" for a write, "get NAME" and "put DIRECTORY NAME NEW-NAME" for files, "abort" for an abort.
-class RecordingProxy : public KyPldProxy {
-    using u16 = unsigned short;
-    static constexpr u16 kModule = 2;
-
+class RecordingProxy : public RelayProxy {
 public:
     using Hook = std::function<int(const std::string& call)>;
 
-    explicit RecordingProxy(KyPldProxy& device) : m_device(device) {}
+    explicit RecordingProxy(KyPldProxy& device) : RelayProxy(device) {}
 
     /// Sets a function that runs before each call. If the result is not 0, the call returns it and is not passed on. The
     /// function may throw.
@@ -44,69 +41,47 @@ public:
         m_calls.clear();
     }
 
+    void AbortTransfer(unsigned short device) override {
+        Record("abort");
+        RelayProxy::AbortTransfer(device);
+    }
+
 private:
-    template <typename Pass>
-    int Call(const std::string& text, Pass pass) {
-        Hook hook;
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_calls.push_back(text);
-            hook = m_hook;
+    int Before(const SimCall& call) override {
+        const std::string text = TextOf(call);
+        return text.empty() ? 0 : Record(text);
+    }
+
+    int Record(const std::string& text) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_calls.push_back(text);
+        const Hook hook = m_hook;
+        lock.unlock();
+        return hook ? hook(text) : 0;
+    }
+
+    /// Empty for a call that is not recorded. A wrong module or time-out is part of the text.
+    static std::string TextOf(const SimCall& call) {
+        const std::string point = std::to_string(call.pointId);
+        const bool number = call.operation == SimCallKind::SET_UINT32;
+        const bool usual = call.mmIdx == 2 && call.timeout == (number ? 5000 : 1000);
+        switch (call.operation) {
+            case SimCallKind::GET_STRING:
+                return point + "/" + std::to_string(call.mmIdx);
+            case SimCallKind::GET_UINT32:
+                return point;
+            case SimCallKind::SET_STRING:
+            case SimCallKind::SET_UINT32:
+                return point + "=" + call.value + (usual ? "" : ", wrong module or time-out");
+            case SimCallKind::GET_FILE:
+                return "get " + call.value;
+            case SimCallKind::PUT_FILE:
+                return "put " + call.value;
+            default:
+                return "";
         }
-        const int status = hook ? hook(text) : 0;
-        return status != 0 ? status : pass();
     }
 
-    /// A wrong module or time-out is part of the text.
-    static std::string Write(u16 point, const std::string& value, bool usual) {
-        return std::to_string(point) + "=" + value + (usual ? "" : ", wrong module or time-out");
-    }
-
-    int GetMaiString(std::string& value, u16 id, u16 point, u16 mmIdx, u16 idx, u16 uom, short norm,
-                     unsigned int option) override {
-        return Call(std::to_string(point) + "/" + std::to_string(mmIdx),
-                    [&] { return m_device.GetMaiString(value, id, point, mmIdx, idx, uom, norm, option); });
-    }
-
-    int GetMaiUint32(unsigned int& value, u16 id, u16 point, u16 mmIdx, u16 idx, u16 uom,
-                     short norm) override {
-        return Call(std::to_string(point),
-                    [&] { return m_device.GetMaiUint32(value, id, point, mmIdx, idx, uom, norm); });
-    }
-
-    int SetMaiString(const char* value, u16 id, u16 point, u16 mmIdx, u16 idx, u16 uom, short norm,
-                     unsigned int option, unsigned int timeout) override {
-        return Call(Write(point, value, mmIdx == kModule && timeout == 1000), [&] {
-            return m_device.SetMaiString(value, id, point, mmIdx, idx, uom, norm, option, timeout);
-        });
-    }
-
-    int SetMaiUint32(unsigned int value, u16 id, u16 point, u16 mmIdx, u16 idx, u16 uom, short norm,
-                     unsigned int timeout) override {
-        return Call(Write(point, std::to_string(value), mmIdx == kModule && timeout == 5000),
-                    [&] { return m_device.SetMaiUint32(value, id, point, mmIdx, idx, uom, norm, timeout); });
-    }
-
-    int GetMaxModuleCount(unsigned int& count, u16 id, u16 report) override {
-        return m_device.GetMaxModuleCount(count, id, report);
-    }
-    int GetPointReportId(unsigned int& report, u16 id, u16 point) override {
-        return m_device.GetPointReportId(report, id, point);
-    }
-
-    bool DoGetDevFile(u16 id, const std::string& option, const std::string& name) override {
-        return Call("get " + name, [&] { return m_device.GetDevFile(id, option, name) ? 0 : 1; }) == 0;
-    }
-    bool DoPutDevFile(u16 id, const std::string& directory, const std::string& name,
-                      const std::string& newName) override {
-        return Call("put " + directory + " " + name + " " + newName,
-                    [&] { return m_device.PutDevFile(id, directory, name, newName) ? 0 : 1; }) == 0;
-    }
-    void AbortTransfer(u16 id) override {
-        Call("abort", [&] { return m_device.AbortTransfer(id), 0; });
-    }
-
-    KyPldProxy& m_device;
     mutable std::mutex m_mutex;
     Hook m_hook;
     std::vector<std::string> m_calls;
