@@ -90,6 +90,8 @@ for name in trend.csv "two words.txt"; do  # the listing has no blanks in names
     expect "get $name" 0 "" "$TFERCTL" get "${name/ /_}" -o "$WORK/got"
     cmp "$DEVICE/$name" "$WORK/got" || fail "get $name: another file"
 done
+expect "get to a name without a directory" 0 "" env -C "$WORK" "$TFERCTL" get trend.csv -o plain
+cmp "$DEVICE/trend.csv" "$WORK/plain" || fail "get to a name without a directory: another file"
 umask 027
 install -m 604 /dev/null "$WORK/there"
 for row in new:640 there:604; do  # a new file has the umask's mode, an older one keeps its own
