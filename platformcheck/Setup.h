@@ -13,9 +13,9 @@ namespace ky_platform_check {
 
 /// The device for the tests of the proxy. A test is skipped if it needs a member that has its default.
 struct Device {
-    std::shared_ptr<KyPldProxy> proxy;
-    unsigned short id = 0;     ///< identifier of the device
-    unsigned short mmIdx = 0;  ///< module index of the card, 0 if unknown
+    std::shared_ptr<KyPldProxy> proxy;  ///< the device proxy; null to skip the tests of the proxy
+    unsigned short id = 0;              ///< identifier of the device
+    unsigned short mmIdx = 0;           ///< module index of the card, 0 if unknown
 
     // Identifiers of points; -1 for none.
     int number = -1;     ///< a readable 32-bit integer point whose value does not change during the run
