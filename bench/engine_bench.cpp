@@ -94,7 +94,7 @@ private:
         WaitIdle();
     }
 
-    int Before(const SimCall& call) override {
+    int Before(const ProxyCall& call) override {
         if (call.value == "SUCCESS") m_success = Clock::now();
         return 0;
     }

@@ -29,12 +29,12 @@ void FuzzProxy::ExpectNoCall() {
     m_noCall = true;
 }
 
-int FuzzProxy::Before(const SimCall& call) {
-    if (call.operation == SimCallKind::SET_STRING && call.value == "SUCCESS") m_onSuccess();
+int FuzzProxy::Before(const ProxyCall& call) {
+    if (call.operation == ProxyOperation::SET_STRING && call.value == "SUCCESS") m_onSuccess();
     const std::lock_guard<std::mutex> lock(m_mutex);
     Require(!m_noCall, "a stopped engine does not call the proxy");
     Require(call.device == kDeviceId, "a call is for the device");
-    if (call.operation == SimCallKind::GET_FILE || call.operation == SimCallKind::PUT_FILE) return 0;
+    if (call.operation == ProxyOperation::GET_FILE || call.operation == ProxyOperation::PUT_FILE) return 0;
     const bool fails = (m_failing & 1) != 0;
     m_failing >>= 1;
     if (fails && m_throws) throw std::runtime_error("proxy");

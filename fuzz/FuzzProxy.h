@@ -37,7 +37,7 @@ public:
     void ExpectNoCall();
 
 protected:
-    int Before(const SimCall& call) override;
+    int Before(const ProxyCall& call) override;
     bool DoGetDevFile(unsigned short device, const std::string& option, const std::string& fileName) override;
     bool DoPutDevFile(unsigned short device, const std::string& directory, const std::string& fileName,
                       const std::string& xferFileName) override;

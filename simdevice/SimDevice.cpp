@@ -62,20 +62,10 @@ std::string SimDevice::GetString(unsigned short pointId, unsigned short mmIdx) c
     return value;
 }
 
-std::vector<SimCall> SimDevice::Calls() const {
-    const std::lock_guard<std::mutex> lock(m_callsMutex);
-    return m_calls;
-}
-
-void SimDevice::ClearCalls() {
-    const std::lock_guard<std::mutex> lock(m_callsMutex);
-    m_calls.clear();
-}
-
 int SimDevice::GetMaiString(std::string& value, unsigned short device, unsigned short pointId,
                             unsigned short mmIdx, unsigned short idx, unsigned short uom, short norm,
                             unsigned int option) {
-    return Recorded({SimCallKind::GET_STRING, pointId, "", 0, device, mmIdx}, int{SIM_OUT_OF_MEMORY}, [&] {
+    return Guarded(int{SIM_OUT_OF_MEMORY}, [&] {
         const bool plain = idx == 0 && uom == 0 && norm == 0 && option == 0;
         const int status = Admit(SimAccess::READ, device, pointId, plain);
         return status == SIM_OK ? m_points.Read(pointId, mmIdx, value) : status;
@@ -84,7 +74,7 @@ int SimDevice::GetMaiString(std::string& value, unsigned short device, unsigned 
 
 int SimDevice::GetMaiUint32(unsigned int& value, unsigned short device, unsigned short pointId,
                             unsigned short mmIdx, unsigned short idx, unsigned short uom, short norm) {
-    return Recorded({SimCallKind::GET_UINT32, pointId, "", 0, device, mmIdx}, int{SIM_OUT_OF_MEMORY}, [&] {
+    return Guarded(int{SIM_OUT_OF_MEMORY}, [&] {
         const int status = Admit(SimAccess::READ, device, pointId, idx == 0 && uom == 0 && norm == 0);
         return status == SIM_OK ? m_points.Read(pointId, mmIdx, value) : status;
     });
@@ -92,31 +82,29 @@ int SimDevice::GetMaiUint32(unsigned int& value, unsigned short device, unsigned
 
 int SimDevice::SetMaiString(const char* value, unsigned short device, unsigned short pointId,
                             unsigned short mmIdx, unsigned short idx, unsigned short uom, short norm,
-                            unsigned int option, unsigned int timeout) {
+                            unsigned int option, unsigned int /*timeout*/) {
     if (value == nullptr) return SIM_BAD_VALUE;
-    const SimCall call = {SimCallKind::SET_STRING, pointId, value, timeout, device, mmIdx};
-    return Recorded(call, int{SIM_OUT_OF_MEMORY}, [&] {
+    return Guarded(int{SIM_OUT_OF_MEMORY}, [&] {
+        const std::string text = value;
         const bool plain = idx == 0 && uom == 0 && norm == 0 && option == 0;
         int status = Admit(SimAccess::WRITE, device, pointId, plain);
-        if (status == SIM_OK) status = m_points.Write(pointId, mmIdx, call.value);
-        if (status == SIM_OK && pointId == sim_point::CLIENT_FILE_REQ) HandleRequest(call.value);
+        if (status == SIM_OK) status = m_points.Write(pointId, mmIdx, text);
+        if (status == SIM_OK && pointId == sim_point::CLIENT_FILE_REQ) HandleRequest(text);
         return status;
     });
 }
 
 int SimDevice::SetMaiUint32(unsigned int value, unsigned short device, unsigned short pointId,
                             unsigned short mmIdx, unsigned short idx, unsigned short uom, short norm,
-                            unsigned int timeout) {
-    const SimCall call = {SimCallKind::SET_UINT32, pointId, std::to_string(value), timeout, device, mmIdx};
-    return Recorded(call, int{SIM_OUT_OF_MEMORY}, [&] {
+                            unsigned int /*timeout*/) {
+    return Guarded(int{SIM_OUT_OF_MEMORY}, [&] {
         const int status = Admit(SimAccess::WRITE, device, pointId, idx == 0 && uom == 0 && norm == 0);
         return status == SIM_OK ? m_points.Write(pointId, mmIdx, value) : status;
     });
 }
 
 int SimDevice::GetMaxModuleCount(unsigned int& count, unsigned short device, unsigned short reportId) {
-    const SimCall call = {SimCallKind::MODULE_COUNT, reportId, "", 0, device, 0};
-    return Recorded(call, int{SIM_OUT_OF_MEMORY}, [&] {
+    return Guarded(int{SIM_OUT_OF_MEMORY}, [&] {
         if (reportId != static_cast<unsigned short>(kMonAgentReport)) return int{SIM_NO_POINT};
         const int status = Admit(SimAccess::MODULE_COUNT, device, sim_point::MON_AGENT_INFO, true);
         if (status == SIM_OK) count = m_config.modules;
@@ -125,7 +113,7 @@ int SimDevice::GetMaxModuleCount(unsigned int& count, unsigned short device, uns
 }
 
 int SimDevice::GetPointReportId(unsigned int& reportId, unsigned short device, unsigned short pointId) {
-    return Recorded({SimCallKind::REPORT_ID, pointId, "", 0, device, 0}, int{SIM_OUT_OF_MEMORY}, [&] {
+    return Guarded(int{SIM_OUT_OF_MEMORY}, [&] {
         if (pointId != sim_point::MON_AGENT_INFO) return int{SIM_NO_POINT};
         const int status = Admit(SimAccess::REPORT_ID, device, pointId, true);
         if (status == SIM_OK) reportId = kMonAgentReport;
@@ -139,7 +127,7 @@ void SimDevice::AbortTransfer(unsigned short device) {
 
 bool SimDevice::DoGetDevFile(unsigned short device, const std::string&, const std::string& fileName) {
     const SimAbort::Call call(m_abort);
-    return Recorded({SimCallKind::GET_FILE, 0, fileName, 0, device, 0}, false, [&] {
+    return Guarded(false, [&] {
         const bool listing = m_files.IsListing(fileName);
         const SimFault fault = m_faults.Of(listing ? SimOperation::DIRECTORY : SimOperation::FETCH);
         return AdmitTransfer(device, fault, call) && (fault.noFile || Deliver(fileName, fault, call));
@@ -149,8 +137,7 @@ bool SimDevice::DoGetDevFile(unsigned short device, const std::string&, const st
 bool SimDevice::DoPutDevFile(unsigned short device, const std::string& directory, const std::string& fileName,
                              const std::string& xferFileName) {
     const SimAbort::Call call(m_abort);
-    const std::string names = directory + " " + fileName + " " + xferFileName;
-    return Recorded({SimCallKind::PUT_FILE, 0, names, 0, device, 0}, false, [&] {
+    return Guarded(false, [&] {
         const SimFault fault = m_faults.Of(SimOperation::PUSH);
         call.Sleep(std::uint64_t{fault.delayMs} * 1000);
         return AdmitTransfer(device, fault, call) &&
@@ -158,14 +145,10 @@ bool SimDevice::DoPutDevFile(unsigned short device, const std::string& directory
     });
 }
 
-// Runs a call of the card: enters it into the journal, and turns exceptions into `failure`.
+// Runs a call of the card, and turns exceptions into `failure`.
 template <typename Result, typename Work>
-Result SimDevice::Recorded(const SimCall& call, Result failure, Work work) {
+Result SimDevice::Guarded(Result failure, Work work) {
     try {
-        if (m_config.journal) {
-            const std::lock_guard<std::mutex> lock(m_callsMutex);
-            m_calls.push_back(call);
-        }
         return work();
     } catch (const std::exception&) {
         return failure;
@@ -175,9 +158,7 @@ Result SimDevice::Recorded(const SimCall& call, Result failure, Work work) {
 int SimDevice::Admit(SimAccess access, unsigned short device, unsigned short pointId, bool plainAddress) {
     if (device != m_config.deviceId) return SIM_NO_DEVICE;
     if (!plainAddress) return SIM_NO_POINT;
-    const auto [delayMs, status] = m_faults.TakeAccess(access, pointId);
-    m_abort.Sleep(std::uint64_t{delayMs} * 1000);
-    return status;
+    return m_faults.StatusOf(access, pointId);
 }
 
 void SimDevice::HandleRequest(const std::string& text) {

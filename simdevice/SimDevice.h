@@ -11,7 +11,6 @@
 #include "platform/KyPldProxy.h"
 #include "platform/KyValChgInfo.h"
 #include "simdevice/SimAbort.h"
-#include "simdevice/SimCall.h"
 #include "simdevice/SimChanges.h"
 #include "simdevice/SimDeviceBuilder.h"
 #include "simdevice/SimFaults.h"
@@ -86,27 +85,14 @@ public:
     /// Text of the last listing; empty before the first directory request.
     std::string ListingText() const { return m_files.ListingText(); }
 
-    /// The card's calls in the order in which they began; empty if the builder asked for no journal.
-    std::vector<SimCall> Calls() const;
-    void ClearCalls();
-
     // Faults
 
     /// Sets the faults of one kind of transfer, from the next request on.
     void SetFault(SimOperation operation, const SimFault& fault) { m_faults.Set(operation, fault); }
 
-    /// Makes accesses of a point fail; a failed write changes nothing.
-    ///
-    /// @param status  returned by the access; not 0
-    /// @param times   number of accesses that fail; negative for all later ones
-    /// @param skip    number of accesses that succeed before the first failure
-    void FailPoint(SimAccess access, unsigned short pointId, int status, int times = -1, int skip = 0) {
-        m_faults.FailPoint(access, pointId, status, times, skip);
-    }
-
-    /// Delays every access of a point.
-    void SlowPoint(SimAccess access, unsigned short pointId, unsigned int delayMs) {
-        m_faults.SlowPoint(access, pointId, delayMs);
+    /// Makes all accesses of this kind of a point fail with the status, which is not 0. A failed write changes nothing.
+    void FailPoint(SimAccess access, unsigned short pointId, int status) {
+        m_faults.FailPoint(access, pointId, status);
     }
 
     /// Removes all faults; running transfers keep theirs.
@@ -151,7 +137,7 @@ private:
     explicit SimDevice(const SimDeviceConfig& config);
 
     template <typename Result, typename Work>
-    Result Recorded(const SimCall& call, Result failure, Work work);
+    static Result Guarded(Result failure, Work work);
     int Admit(SimAccess access, unsigned short device, unsigned short pointId, bool plainAddress);
     void HandleRequest(const std::string& text);
     void Answer(SimOperation operation, const std::string& text);
@@ -171,9 +157,6 @@ private:
     SimPoints m_points;
     SimFiles m_files;
     SimLateAnswers m_late;
-
-    mutable std::mutex m_callsMutex;  // guards the calls; a leaf
-    std::vector<SimCall> m_calls;
 };
 
 #endif

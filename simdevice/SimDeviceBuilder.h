@@ -28,15 +28,14 @@ struct SimDeviceConfig {
     unsigned int dmpSupported = 1;
     unsigned int usbSpeed = 3;
     std::uint64_t lineRate = 0;  ///< bytes per second; 0 for unlimited
-    bool journal = false;
     bool manualDelivery = false;
 };
 
 /// Builds simulated devices. One thread uses a builder; it can build several devices.
 ///
 /// By default the device has identifier 3, three modules and the card at index 2. It speaks over Sorrel 485
-/// with version 1, takes files up to 1 GiB, has an unlimited line and keeps no journal. A thread of its own
-/// reports its changes.
+/// with version 1, takes files up to 1 GiB and has an unlimited line. A thread of its own reports its
+/// changes.
 class SimDeviceBuilder {
 public:
     /// @param directory  an existing directory; its regular files that are not hidden are the device's files
@@ -78,9 +77,6 @@ public:
     SimDeviceBuilder& LineRate(std::uint64_t bytesPerSecond) {
         return Set(m_config.lineRate, bytesPerSecond);
     }
-
-    /// Whether the device keeps a journal of the card's calls.
-    SimDeviceBuilder& Journal(bool keep) { return Set(m_config.journal, keep); }
 
     /// True for a device without a delivery thread: the owner calls SimDevice::DeliverPending.
     SimDeviceBuilder& ManualDelivery(bool manual) { return Set(m_config.manualDelivery, manual); }

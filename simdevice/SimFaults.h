@@ -51,38 +51,17 @@ public:
         return found == m_operations.end() ? SimFault() : found->second;
     }
 
-    /// Makes accesses of a point fail. Replaces the failures that this access had before.
-    ///
-    /// @param status  returned by the access; not 0
-    /// @param times   number of accesses that fail; negative for all later ones
-    /// @param skip    number of accesses that succeed before the first failure
-    void FailPoint(SimAccess access, unsigned short pointId, int status, int times, int skip) {
+    /// Makes accesses of a point fail with the status, which is not 0.
+    void FailPoint(SimAccess access, unsigned short pointId, int status) {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        PointFault& fault = m_points[{access, pointId}];
-        fault.status = status;
-        fault.times = times;
-        fault.skip = skip;
+        m_points[{access, pointId}] = status;
     }
 
-    /// Delays every access of a point by `delayMs` milliseconds.
-    void SlowPoint(SimAccess access, unsigned short pointId, unsigned int delayMs) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_points[{access, pointId}].delayMs = delayMs;
-    }
-
-    /// Counts one access. @return its delay in milliseconds, and its status, 0 if it succeeds
-    std::pair<unsigned int, int> TakeAccess(SimAccess access, unsigned short pointId) {
+    /// @return the status of an access; 0 if it succeeds
+    int StatusOf(SimAccess access, unsigned short pointId) const {
         const std::lock_guard<std::mutex> lock(m_mutex);
         const auto found = m_points.find({access, pointId});
-        if (found == m_points.end()) return {0, 0};
-        PointFault& fault = found->second;
-        if (fault.skip > 0) {
-            --fault.skip;
-            return {fault.delayMs, 0};
-        }
-        if (fault.times == 0) return {fault.delayMs, 0};
-        if (fault.times > 0) --fault.times;
-        return {fault.delayMs, fault.status};
+        return found == m_points.end() ? 0 : found->second;
     }
 
     void Clear() {
@@ -92,17 +71,9 @@ public:
     }
 
 private:
-    struct PointFault {
-        int status = 0;
-        int times = 0;
-        int skip = 0;
-        unsigned int delayMs = 0;
-    };
-    using PointAccess = std::pair<SimAccess, unsigned short>;
-
     mutable std::mutex m_mutex;  // guards all below; a leaf
     std::map<SimOperation, SimFault> m_operations;
-    std::map<PointAccess, PointFault> m_points;
+    std::map<std::pair<SimAccess, unsigned short>, int> m_points;  // status by access and point
 };
 
 #endif

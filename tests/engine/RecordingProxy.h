@@ -47,7 +47,7 @@ public:
     }
 
 private:
-    int Before(const SimCall& call) override {
+    int Before(const ProxyCall& call) override {
         const std::string text = TextOf(call);
         return text.empty() ? 0 : Record(text);
     }
@@ -61,21 +61,21 @@ private:
     }
 
     /// Empty for a call that is not recorded. A wrong module or time-out is part of the text.
-    static std::string TextOf(const SimCall& call) {
+    static std::string TextOf(const ProxyCall& call) {
         const std::string point = std::to_string(call.pointId);
-        const bool number = call.operation == SimCallKind::SET_UINT32;
+        const bool number = call.operation == ProxyOperation::SET_UINT32;
         const bool usual = call.mmIdx == 2 && call.timeout == (number ? 5000 : 1000);
         switch (call.operation) {
-            case SimCallKind::GET_STRING:
+            case ProxyOperation::GET_STRING:
                 return point + "/" + std::to_string(call.mmIdx);
-            case SimCallKind::GET_UINT32:
+            case ProxyOperation::GET_UINT32:
                 return point;
-            case SimCallKind::SET_STRING:
-            case SimCallKind::SET_UINT32:
+            case ProxyOperation::SET_STRING:
+            case ProxyOperation::SET_UINT32:
                 return point + "=" + call.value + (usual ? "" : ", wrong module or time-out");
-            case SimCallKind::GET_FILE:
+            case ProxyOperation::GET_FILE:
                 return "get " + call.value;
-            case SimCallKind::PUT_FILE:
+            case ProxyOperation::PUT_FILE:
                 return "put " + call.value;
             default:
                 return "";
