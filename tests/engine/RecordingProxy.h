@@ -62,7 +62,7 @@ private:
 
     /// Empty for a call that is not recorded. A wrong module or time-out is part of the text.
     static std::string TextOf(const ProxyCall& call) {
-        const std::string point = std::to_string(call.pointId);
+        std::string point = std::to_string(call.pointId);
         const bool number = call.operation == ProxyOperation::SET_UINT32;
         const bool usual = call.mmIdx == 2 && call.timeout == (number ? 5000 : 1000);
         switch (call.operation) {

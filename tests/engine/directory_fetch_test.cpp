@@ -9,7 +9,7 @@ const char kTimedOutListing[] = "failed: File transfer Failed - timedout";
 class DirectoryFetch : public EngineTest {
 protected:
     Status List() {
-        const Status accepted = engine->GetDirectoryFromDevRequest();
+        Status accepted = engine->GetDirectoryFromDevRequest();
         EXPECT_EQ(Outcome(accepted), "in progress: Directory listing has been requested");
         EXPECT_EQ(accepted.GetBytesTransfered(), 0U) << "nothing of the transaction before";
         return accepted;
