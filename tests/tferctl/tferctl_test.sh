@@ -118,11 +118,11 @@ grep -q '"statusStr": "TFER_STATUS_COMPLETE"' "$WORK/out" || fail "status --json
 nothing_left "all went well"
 group=$(stat -c %G "$KY_IPC_DIR")
 [ "$group" != UNKNOWN ] || group=$(stat -c %g "$KY_IPC_DIR")
-for row in 070:. 060:tfersvc-CtrlFifo; do  # the owner is denied what the group may do, as a user outside of it
-    mode=$(stat -c %a "$KY_IPC_DIR/${row#*:}")
-    chmod "${row%:*}" "$KY_IPC_DIR/${row#*:}"
+for path in "$KY_IPC_DIR" "$KY_IPC_DIR/tfersvc-CtrlFifo"; do
+    mode=$(stat -c %a "$path")
+    chmod 070 "$path"  # the owner is denied what the group may do, as a user outside of it
     expect "outside of the group" 5 "requests from members of group $group only\.$" "$TFERCTL" status
-    chmod "$mode" "$KY_IPC_DIR/${row#*:}"
+    chmod "$mode" "$path"
 done
 chmod 0 "$KY_IPC_DIR"  # no group would help
 expect "closed directory" 5 "cannot be reached" "$TFERCTL" status

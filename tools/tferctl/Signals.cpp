@@ -71,8 +71,11 @@ bool Defer(int signal) {
     return true;
 }
 
+// Keeps errno for the interrupted code, which goes on after a deferred signal.
 void OnSignal(int signal) {
+    const int error = errno;
     if (!Defer(signal)) TerminateBy(signal);
+    errno = error;
 }
 
 }  // namespace
