@@ -21,9 +21,9 @@ public:
 
     /// @param path             directory of the file on the device, with or without a "/" at its end; empty for
     ///                         entries of a listing file
-    /// @param origFileName     the file's own name on the device
-    /// @param xferFileName     transfer name: the name in requests for the file
-    /// @param fileType         the device's name of the type
+    /// @param origFileName     file name: the file's own name on the device
+    /// @param xferFileName     transfer name: the name of the file in requests and on the card
+    /// @param fileType         the device's name for the type of the file
     /// @param fileSizeInBytes  size in bytes
     /// @param dateTime         time stamp in nanoseconds since 1970-01-01 00:00:00 UTC
     KyTferDirEntry(const std::string& path, const std::string& origFileName, const std::string& xferFileName,
@@ -58,7 +58,7 @@ public:
     /// Nanoseconds since 1970-01-01 00:00:00 UTC.
     unsigned long long GetDateTime() const { return m_dateTime; }
 
-    /// The time stamp in UTC, cut to whole seconds, as "2024-03-15 08:30:00Z". Empty if memory runs out.
+    /// The time stamp in UTC, truncated to whole seconds, in the form "2024-03-15 08:30:00Z". Empty if memory runs out.
     std::string GetDateTimeAsString() const;
 
     /// The entry as a new JSON object. The caller owns the one reference. Texts that are not valid UTF-8 are omitted; a
@@ -69,7 +69,7 @@ public:
     /// Empty if memory runs out.
     std::string GetEntryAsJSONString() const;
 
-    /// Path, "/" and transfer name; the name alone if the path is empty. A "/" at the path's end is kept. Empty if
+    /// Path, "/" and transfer name; the name alone if the path is empty. A path that ends with "/" gives "//". Empty if
     /// memory runs out.
     std::string GetFullXferFilePath() const;
 
