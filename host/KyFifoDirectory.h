@@ -20,7 +20,8 @@ struct KyMadeFifo {
 /// The operations return a KyIpcFifoSession::IpcStatus. Only Open() may throw std::bad_alloc.
 class KyFifoDirectory {
 public:
-    /// Whether `name` can name a FIFO: not null, not empty, not too long, without "/" and "..".
+    /// Whether `name` is allowed as the name of a FIFO: not null, not empty, not ".", without "/" and "..", and at most
+    /// NAME_MAX bytes long.
     static bool FitName(const char* name);
 
     /// Opens the directory. Refuses a directory to which other users can write, and a directory in /tmp of

@@ -9,8 +9,8 @@
 ///
 /// A frame is a mark of four bytes, the length of the body as four bytes in little-endian order, the body,
 /// and an end byte. The body is the message, with a stuffing byte after each occurrence of the first three
-/// bytes of the mark. So the mark occurs only at the start of a frame. After a writer has died within its
-/// frame, the reader resynchronises at the next mark. The end byte shows that the frame is complete.
+/// bytes of the mark. So the mark occurs only at the start of a frame. If a writer dies within a frame, the reader
+/// continues at the next mark. The end byte shows that the frame is complete.
 namespace ky_frame {
 
 constexpr unsigned char kMark[] = {0xF4, 0x4B, 0x79, 0xA6};  // the first two bytes are not valid UTF-8

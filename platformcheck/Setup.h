@@ -13,23 +13,25 @@ namespace ky_platform_check {
 
 /// The device for the tests of the proxy. A test is skipped if it needs a member that has its default.
 struct Device {
-    std::shared_ptr<KyPldProxy> proxy;  ///< the device proxy; null to skip the tests of the proxy
-    unsigned short id = 0;              ///< identifier of the device
-    unsigned short mmIdx = 0;           ///< module index of the card, 0 if unknown
+    /// The proxy to test; null for none.
+    std::shared_ptr<KyPldProxy> proxy;
+
+    unsigned short id = 0;     ///< identifier of the device
+    unsigned short mmIdx = 0;  ///< module index of the card, counted from 1; 0 if unknown
 
     // Identifiers of points; -1 for none.
     int number = -1;     ///< a readable 32-bit integer point whose value does not change during the run
     int text = -1;       ///< a string point that the card can write and read; the test restores its value
     int absent = -1;     ///< a point that the device does not have
-    int agentInfo = -1;  ///< the MonAgentInfo point, which holds the card's MAC at one of its indexes
+    int agentInfo = -1;  ///< the MonAgentInfo point: holds the card's MAC address at one module index
 
     std::string landingDirectory;  ///< where fetched files arrive; exists, and ends with "/"
     std::string fileName;          ///< a file of the device, which is fetched several times; empty for none
     std::string fileBytes;         ///< content of that file
     std::string pushName;          ///< transfer name for a pushed file; empty for none
 
-    /// Returns whether the device holds these bytes under this name, and removes the file if possible. If it
-    /// is empty, the test relies on the result of the push.
+    /// Returns whether the device holds these bytes under this name, and removes the file if possible. Without
+    /// this function, the test relies on the result of the push.
     std::function<bool(const std::string& name, const std::string& bytes)> received;
 };
 

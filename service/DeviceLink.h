@@ -22,7 +22,7 @@ public:
     DeviceLink(const DeviceLink&) = delete;
     DeviceLink& operator=(const DeviceLink&) = delete;
 
-    /// The proxy; lives as long as the link. Any thread may call it.
+    /// The proxy; the link owns it. Any thread may call the proxy.
     virtual KyPldProxy& Proxy() = 0;
 
     /// A descriptor that is readable while changes are queued. The service passes it to poll(); the link owns
@@ -33,8 +33,8 @@ public:
     /// thread calls it at a time.
     virtual void DeliverChanges(const ChangeReceiver& receiver) = 0;
 
-    /// Ends the proxy's running calls, and makes later ones fail at once. Any thread may call it, more than
-    /// once.
+    /// Ends the proxy's running calls, and makes later calls fail at once. Does not wait for their end. Any thread
+    /// may call Abort(), also several times.
     virtual void Abort() = 0;
 };
 
@@ -46,7 +46,8 @@ public:
     DeviceOptions(const DeviceOptions&) = delete;
     DeviceOptions& operator=(const DeviceOptions&) = delete;
 
-    /// Adds the options to the command line, whose parsing stores their values here.
+    /// Adds the options to the command line. Parsing the command line stores the values in this object, which
+    /// must outlive `app`.
     virtual void AddTo(CLI::App& app) = 0;
 
     /// Makes the link, after the command line was parsed.
@@ -54,8 +55,8 @@ public:
     virtual std::unique_ptr<DeviceLink> MakeLink(unsigned short deviceId) const = 0;
 };
 
-/// Chooses the kind of device. The host's definition is in SimDeviceLink.cpp; a card links its own in its
-/// place.
+/// Makes the options of the kind of device that this program supports. SimDeviceLink.cpp has the definition for
+/// a simulated device; a card links its own definition instead. Not null.
 std::unique_ptr<DeviceOptions> MakeDeviceOptions();
 
 #endif

@@ -17,15 +17,16 @@ public:
     /// @param timeOut  longest wait of a request at the front of the queue
     explicit RequestQueue(Clock::duration timeOut) : m_timeOut(timeOut) {}
 
-    /// Takes the request over.
-    /// @return false, and the request stays the caller's, if the queue is full
+    /// Appends the request and takes ownership of it.
+    /// @return false if the queue is full; the caller then still owns the request
     bool Add(std::unique_ptr<KyTferMsg>& request);
 
-    /// Takes the first request if no worker runs, or if its wait has timed out.
-    /// @return null if there is none
+    /// Removes and returns the first request if no worker runs, or if the request has waited at the front for the
+    /// time-out.
+    /// @return null if there is no such request
     std::unique_ptr<KyTferMsg> TakeDue(bool workerRunning);
 
-    /// Takes the first request with this transaction identifier.
+    /// Removes and returns the first request with this transaction identifier.
     /// @return null if there is none
     std::unique_ptr<KyTferMsg> TakeById(const std::string& transId);
 

@@ -17,33 +17,37 @@
 
 class KyIpcMsgBuffer;
 
-/// The transfer service: owns the engine, passes it the changes of the device's points, and answers the
+/// The transfer service: owns the engine, passes the changes of the device's points to it, and replies to the
 /// requests that other processes write to the control FIFO (messages/KyServiceContract.h).
 ///
-/// States. Start() opens the control FIFO and begins to search for the card's module in the device, which
-/// takes at least eight seconds; until then requests are refused. Stop() is final.
+/// States. Start() opens the control FIFO and begins the engine's Init, which searches for the card's module
+/// in the device and takes at least eight seconds. Until Init has ended, the service refuses all requests but
+/// status requests. Stop() is final.
 ///
 /// Threads. One thread calls Start() and Stop(). The service starts two threads: one runs the engine's Init,
 /// the other one runs a loop. The loop delivers changes, reads requests, makes the engine call of a request
 /// and sends the reply, one at a time.
 ///
-/// Queue. A request that begins a transaction waits up to eight seconds for the worker of the last
+/// Queue. A request that begins a transaction waits up to eight seconds for the worker of the previous
 /// transaction: the changes that the worker causes must be delivered before the next transaction has its
-/// record. A cancelled worker causes none and delays the next request by at most 0.1 seconds. Other requests
-/// are answered meanwhile.
+/// record. The worker of a cancelled transaction causes no changes, and delays the next request by at most 0.1
+/// seconds. The loop handles other requests meanwhile.
 ///
-/// Cancel. An empty transaction identifier ends the transaction in progress. Any other identifier ends only
-/// the transaction that was requested with it, and removes waiting requests that have it. Those are refused.
+/// Cancel. An empty transaction identifier ends all transactions in progress. Any other identifier ends only
+/// the transaction that was requested with this identifier, and removes waiting requests that have it. The
+/// callers of removed requests get kRefused.
 ///
-/// Replies. A fetch, directory or push request gets a KyTferRespMsg with kAccepted or kRefused and the status
+/// Replies. A fetch, listing or push request gets a KyTferRespMsg with kAccepted or kRefused and the status
 /// message of the engine's record. A status request gets the record. A cancel request gets kAccepted if it
 /// ended or removed something, otherwise kRefused and the reason. Damaged and unexpected messages are logged
-/// and dropped. A reply to a caller that does not read blocks the loop for at most 50 milliseconds.
+/// and dropped. A reply of 4000 bytes or more blocks the loop for at most 50 milliseconds if the caller does not
+/// read; a shorter reply does not block the loop.
 class TferService {
 public:
     static constexpr unsigned int kDefaultPollPauseMs = 20;
 
-    /// @param link         lives longer than the service
+    /// @param deviceId     identifier of the managed device
+    /// @param link         not owned; must outlive the service
     /// @param pollPauseMs  milliseconds between two polls of an arriving file; 0 for no pause, which keeps a
     ///                     core busy
     TferService(unsigned short deviceId, DeviceLink& link, unsigned int pollPauseMs = kDefaultPollPauseMs);
@@ -56,11 +60,12 @@ public:
 
     /// Opens the control FIFO and starts the threads.
     ///
-    /// @return false, with a line in the log, if another service runs or the FIFO cannot be opened
+    /// @return false if another service runs or the FIFO cannot be opened, with a line in the log; false without
+    ///         a line if the system has no descriptor left. Throws std::system_error if it has no thread left
     bool Start();
 
-    /// Aborts the device's calls, joins the threads and removes the control FIFO. Blocks for little more than
-    /// a second. May be called again.
+    /// Aborts the proxy's calls, joins the threads and removes the control FIFO. Blocks for little more than a
+    /// second if the proxy's calls end at once. May be called again.
     void Stop();
 
 private:

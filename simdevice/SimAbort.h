@@ -9,7 +9,8 @@
 #include <cstdint>
 #include <mutex>
 
-/// Ends the waits of a device. EndCalls ends the running file calls; Trip ends all waits, also later ones.
+/// Ends the waits inside a simulated device. EndCalls ends the running file calls; Trip ends all waits, and makes later
+/// waits end at once.
 ///
 /// Any thread may call any operation.
 class SimAbort {

@@ -28,9 +28,9 @@ struct SimChange {
 
 /// A queue of changes, which are delivered in order, one at a time.
 ///
-/// A thread of the queue delivers the changes; in manual mode, the caller of DeliverPending does. Without a
-/// listener, changes are dropped when their turn comes. The queue holds 65,536 changes and then drops the
-/// oldest.
+/// A thread of the queue delivers the changes; in manual mode, the caller of DeliverPending does. A change whose turn
+/// comes while there is no listener is dropped. The queue holds 65,536 changes; if there are more, it drops the
+/// oldest ones.
 ///
 /// Any thread may call any operation, also from inside the listener. Post never waits for the listener.
 /// SetListener waits for a running call of the listener, unless it is called from inside the listener. No lock

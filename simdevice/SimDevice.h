@@ -19,18 +19,18 @@
 
 /// A simulated managed device, and the card's proxy to it. Its files are those of a real directory.
 ///
-/// The device has the transfer points and answers requests on them. The card can fetch its files and push
-/// files to it. It reports every change of a point, also those that the card writes. It shows faults on
-/// request.
+/// The device has the transfer points and answers requests on them. The card can fetch files from the device and
+/// push files to it. The device reports every change of a point, also the writes of the card. SetFault(),
+/// FailPoint() and SlowPoint() make the device misbehave.
 ///
 /// States: running from its construction; aborted for ever after Abort. An aborted device still reads, writes
 /// and reports its points, but it answers no request and transfers nothing.
 ///
 /// Any thread may call any operation. A point operation does not wait for the listener, except with the fault
-/// `answerBeforeReturn`. It takes as long as its faults; a directory request also reads the directory. The file
-/// operations block while they transfer. The device simulates time with `usleep` only and reads no clock. The
-/// caller ends all calls before it destroys the device. The destructor joins the device's threads and waits
-/// for a running call of the listener.
+/// `answerBeforeReturn`. It takes as long as the delays of SlowPoint(); a write that requests the listing also reads
+/// the directory. The file operations block while they transfer. The device simulates time with `usleep` only and reads
+/// no clock. The caller ends all calls before it destroys the device. The destructor joins the device's threads and
+/// waits for a running call of the listener.
 class SimDevice : public KyPldProxy {
 public:
     using Builder = SimDeviceBuilder;

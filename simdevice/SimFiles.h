@@ -40,11 +40,12 @@ struct SimSource {
 /// The files of the device, and its last listing. The files are the regular files of a real directory that are
 /// not hidden.
 ///
-/// The items of a listing contain no white space, so "_" replaces it in names. A file whose name changes so,
-/// or is a word of the request conversation, gets a transfer name, which is valid until the next listing. The
-/// listing is kept in memory. Its own name differs from those of all files, and it does not list itself.
+/// The items of a listing contain no white space, so "_" replaces white space in names. If that changes the name of
+/// a file, or if the name is a word that requests and answers use, such as "READY", the file gets a transfer name
+/// other than its name. That transfer name is valid until the next listing. The listing is kept in memory. The name of
+/// the listing differs from the names of all files, and the listing does not list itself.
 ///
-/// Any thread may call any operation. While MakeListing reads the directory, the others wait.
+/// Any thread may call any operation. While MakeListing reads the directory, the other operations wait.
 class SimFiles {
 public:
     /// @param directory  ends with "/"

@@ -12,8 +12,8 @@ namespace ky_engine {
 
 /// Accesses the device's points and files through the proxy.
 ///
-/// Operations block until the proxy returns. They fail without a proxy. If the proxy throws, they log that and fail.
-/// Any thread may call any operation.
+/// Operations block until the proxy returns. Without a proxy, an operation fails. If the proxy throws, the operation
+/// logs that and fails. Any thread may call any operation.
 class KyDeviceAccess {
 public:
     /// The arguments are not owned and must outlive the object.
@@ -39,11 +39,11 @@ public:
     bool PushFile(const std::string& directory, const std::string& name,
                   const std::string& transferName) const;
 
-    /// Ends a running file call, if the proxy implements that.
+    /// Ends the running file calls, if the proxy implements that.
     void AbortTransfer() const;
 
-    /// Returns true if a reported value is an echo: a write of the card that the device reports back, perhaps after
-    /// the write has returned. Each write matches one reported value, for two to three seconds.
+    /// Returns true if a reported value is an echo: the device's report of a write of the card, which may come after
+    /// the write has returned. Each write matches one reported value, for two to three seconds; the match removes it.
     bool ConsumeEcho(unsigned short pointId, const std::string& value);
 
 private:

@@ -22,6 +22,8 @@ public:
           m_fetch(fetch),
           m_members(members) {}
 
+    /// Sends a listing request, starts the monitor and handles an early answer. Blocks for the point writes.
+    /// @param result  set to a copy of the record if the request is accepted
     /// @return 0, or the status of the failed point write; none if a transaction is in progress
     std::optional<int> Request(KyTferStatusMsg& result);
 
@@ -29,7 +31,7 @@ public:
     /// @param early  the answer came before the record showed the request
     void HandleAnswer(const std::string& answer, bool early);
 
-    /// Reads a listing file and keeps the listing. At most 16 are kept.
+    /// Implements KyTferClient::CreateDirectoryFromFile. Throws std::bad_alloc.
     void CreateDirectoryFromFile(const std::string& path);
 
 private:

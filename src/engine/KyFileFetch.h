@@ -18,6 +18,8 @@ public:
                 KyTransferMonitor& monitor, KyTferClientMembers& members)
         : m_device(device), m_record(record), m_threads(threads), m_monitor(monitor), m_members(members) {}
 
+    /// Starts the monitor and sends the request. Blocks for the point writes, whose failure is not reported.
+    /// @param result  set to a copy of the record if the request is accepted
     /// @return false if a transaction is in progress
     bool Request(const std::string& fileName, unsigned int fileSize, KyTferStatusMsg& result);
 

@@ -17,7 +17,9 @@ public:
                KyTferClientMembers& members)
         : m_device(device), m_record(record), m_threads(threads), m_members(members) {}
 
-    /// Blocks for a second and two point writes.
+    /// Stages the file, writes its size and its transfer name to the device and starts the worker. Blocks for a second
+    /// and the point writes.
+    /// @param result  set to a copy of the record, in progress or failed
     void Request(const std::string& directory, const std::string& fileName, KyTferStatusMsg& result);
 
     /// Runs the worker's body for the last push on the calling thread.

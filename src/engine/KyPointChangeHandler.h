@@ -9,7 +9,8 @@
 
 namespace ky_engine {
 
-/// Passes each change of a device point to the fetch, the directory fetch or the record. One call at a time.
+/// Handles the changes of device points: passes answers to KyFileFetch or KyDirectoryFetch, and sizes to the record.
+/// Changes of the DMP point set the flag file. One call at a time.
 class KyPointChangeHandler {
 public:
     /// @param members  holds the card's module index and the last value of the request point

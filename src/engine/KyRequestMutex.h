@@ -11,9 +11,9 @@ namespace ky_engine {
 
 /// A non-recursive mutex that a polling thread cannot monopolise.
 ///
-/// A plain mutex is not fair: a monitor that unlocks and locks again at once would starve threads that must wake up
-/// first. Lock counts waiting threads; LockAfterWaiters lets them go first. Lock spins briefly before it blocks,
-/// because a poll holds the mutex for microseconds only.
+/// A plain mutex is not fair: a monitor that unlocks and locks again at once would starve waiting threads, which have
+/// to wake up before they can lock. Lock counts the waiting threads; LockAfterWaiters lets them lock first. Lock spins
+/// briefly before it blocks, because a poll holds the mutex for microseconds only.
 class KY_CAPABILITY("mutex") KyRequestMutex {
 public:
     KyRequestMutex();

@@ -15,18 +15,18 @@
 
 namespace ky_engine {
 
-/// Differences between the fetch monitor and the listing monitor. A null text is not logged or recorded.
+/// Differences between the monitor of a fetch and of a listing. A null text is not logged or recorded.
 struct MonitorRules {
     const char* function;            ///< named in log lines
     Transaction::Kind kind;          ///< FETCH or LISTING
     long long limitSeconds;          ///< time limit of a transaction
     const char* completeText;        ///< recorded when the arriving file has its expected size
-    const char* completeLog;         ///< logged then
+    const char* completeLog;         ///< logged when completeText is recorded
     const char* workerCompletedLog;  ///< logged if the worker has completed the transaction
     const char* noTransactionLog;    ///< logged if the record has no transaction
     const char* timeOutText;         ///< recorded by the poll that detects the time-out
     const char* finalText;           ///< recorded when polling ends without a complete file
-    const char* finalLog;            ///< logged then
+    const char* finalLog;            ///< logged when polling ends without a complete file
 };
 
 /// The limits and texts of a fetch or of a listing.
@@ -62,9 +62,13 @@ enum class FetchOutcome {
 /// - A transaction is replaced when another fetch or listing becomes current, or when Abandon ends it.
 /// - A transaction is reported when its monitor has recorded the file as complete.
 /// - A worker with the complete file claims the transaction before it moves the file. Time-outs and cancels do not
-///   end a claimed transaction. A request replaces a claimed transaction only if it is reported.
-/// - The record shows the transaction that wrote the last update. Another transaction that writes an update also
-///   writes its names and sizes.
+///   end a claimed transaction. A request replaces a claimed transaction only if that transaction is reported.
+/// - The active flag (KyTferClientMembers::m_transactionActive) keeps the monitors polling.
+/// - The record shows the transaction that wrote the last update. An update of another transaction also writes the
+///   names and sizes of that transaction.
+///
+/// Who may write which update. `reader` is a status call, or the next request; `device` is a
+/// point change:
 ///
 ///     writer    update                      condition and effect
 ///     --------  --------------------------  ------------------------------------------------------------------
@@ -110,6 +114,7 @@ public:
     /// The record's request type. Does not take the mutex.
     KyTferStatusMsg::TferRequestType RequestType() const { return m_requestType; }
 
+    /// The file size that was requested, announced or written last, in bytes. Init writes it to the file size point.
     unsigned int XferFileSize();
 
     // Requests. `result` receives a copy of the record.
@@ -125,8 +130,8 @@ public:
     bool AcceptListing(const Transaction& listing, KyTferStatusMsg& result);
     void RefuseListing(const Transaction& listing);
 
-    /// Stores a device answer that comes before AcceptListing. TakeEarlyAnswer returns it.
-    /// @return false if no listing is reserved
+    /// Stores an answer of the device that comes before AcceptListing. TakeEarlyAnswer returns the stored answer.
+    /// @return false, with nothing stored, if no listing is reserved
     bool KeepEarlyAnswer(const std::string& answer);
     /// @return the answer; empty if there is none, which ends the reservation
     std::string TakeEarlyAnswer();
@@ -138,7 +143,7 @@ public:
     /// @param announced  true if the device has taken size and name; false records a failed push
     Transaction AcceptPush(Transaction push, bool announced, KyTferStatusMsg& result);
 
-    /// Marks a request whose monitor thread could not be started.
+    /// Gives a request whose monitor thread could not be started a deadline instead.
     void SetUnmonitored(unsigned long long requestNumber);
 
     /// Ends the current transaction, or the push that the record shows, as failed. Waits while a claimed file is

@@ -7,12 +7,12 @@
 
 namespace ky_engine {
 
-/// Polls the size of an arriving file. Ends the transaction when the file is complete or the time limit has passed.
-/// A monitor starts with the request, on its own thread.
+/// The monitor: polls the size of an arriving file. Ends the transaction when the file is complete or the time limit
+/// has passed. Each accepted fetch or listing has a monitor thread of its own.
 ///
-/// Polls while the active flag is set, with the pause of SetPause between two polls. The pause ends at once when the
-/// worker ends, the transaction is abandoned or the engine stops. When another thread clears the flag, the monitor
-/// waits a second and exits.
+/// Polls while the active flag (KyTferClientMembers::m_transactionActive) is set, with the pause of SetPause between
+/// two polls. The pause ends at once when the worker ends, the transaction is abandoned or the engine stops. When
+/// another thread clears the flag, the monitor waits a second and exits. Any thread may call SetPause.
 class KyTransferMonitor {
 public:
     /// @param active  the active flag; not owned

@@ -5,14 +5,16 @@
 
 #include "messages/KyTferRespMsg.h"
 
-/// What the transfer service and its callers agree on beside the messages. Internal: not installed.
+/// Names, result codes and texts that the transfer service and its callers share, beside the messages.
+/// Internal: not installed.
 namespace ky_service {
 
 /// FIFO from which the service reads requests. Members of the service's group may write to it.
 constexpr char kControlFifo[] = "tfersvc-CtrlFifo";
 constexpr unsigned int kControlFifoMode = 0660;
 
-/// FIFO from which a caller reads the reply. Any user may write to it: the service may run as any user.
+/// Mode of the FIFO from which a caller reads the reply, and longest wait for the reply. Any user may write to
+/// the FIFO: the service may run as any user.
 constexpr unsigned int kReplyFifoMode = 0777;
 constexpr int kReplyTimeOutMs = 60000;
 

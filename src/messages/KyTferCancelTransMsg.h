@@ -3,8 +3,8 @@
 
 #include "messages/KyTferMsg.h"
 
-/// Asks the transfer service to cancel the transaction with this message's transaction identifier. Has only
-/// the fields of every message.
+/// Asks the transfer service to cancel the transaction whose request had this message's transaction
+/// identifier. An empty identifier cancels all transactions in progress. Has only the fields of every message.
 class KYTFER_EXPORT KyTferCancelTransMsg : public KyTferMsg {
 public:
     /// A request with empty fields. The argument has no effect.

@@ -29,19 +29,19 @@ public:
     void Deserialize(KyIpcMsgBuffer* buffer) override;
 
     /// @{
-    /// The file name, as the requester knows it.
+    /// The file's own name on the card or the device. The service does not use it.
     const std::string& GetOrigFileName() const { return m_origFileName; }
     void SetOrigFileName(const std::string& name) { m_origFileName = name; }
     /// @}
 
     /// @{
-    /// The transfer name, by which card and device know the file. It precedes the file name on the wire.
+    /// The transfer name: the name of the file in requests. It precedes the file name on the wire.
     const std::string& GetXferFileName() const { return m_xferFileName; }
     void SetXferFileName(const std::string& name) { m_xferFileName = name; }
     /// @}
 
     /// @{
-    /// Size of the file in bytes. May be negative in a received message.
+    /// Size of the file in bytes; a size of 2 GiB or more is stored as a negative number.
     int GetXferFileSize() const { return m_xferFileSize; }
     void SetXferFileSize(int bytes) { m_xferFileSize = bytes; }
     /// @}

@@ -14,8 +14,8 @@ class KyIpcMsgBuffer;
 /// message has no lock; one thread uses it at a time. No operation blocks.
 ///
 /// On the wire, a message is the sequence of its fields, those of its bases first; no field is optional. The
-/// first field, the type, is not checked. Fields that are missing in a short or damaged buffer become 0 or
-/// empty.
+/// first field is the type; Deserialize() does not check that it is the type of the class. Fields that are
+/// missing in a short or damaged buffer become 0 or empty.
 ///
 /// Constructors, setters, copies, assignments, Serialize() and Deserialize() throw std::bad_alloc if memory
 /// runs out. A message that was being changed is then valid, with a mix of old and new fields.
@@ -42,8 +42,8 @@ public:
     /// grow; the buffer then holds a part of the message and must not be sent.
     virtual void Serialize(KyIpcMsgBuffer* buffer);
 
-    /// Extracts the fields, with the type, from the reading position of `buffer` on. Fields that the buffer
-    /// does not hold become 0 or empty.
+    /// Extracts the fields, with the type, from the reading position of `buffer` on. The caller owns
+    /// `buffer`. Fields that the buffer does not hold become 0 or empty.
     virtual void Deserialize(KyIpcMsgBuffer* buffer);
 
     /// Copies the base fields of `other`: type, server identifier, caller's context, reply FIFO and
@@ -61,13 +61,15 @@ public:
     /// @}
 
     /// @{
-    /// Identifier of the device-side server; 0 in a new message. The library does not use it.
+    /// Identifier of the server on the device's side; 0 in a new message. The service returns it in the reply;
+    /// the library does not use it otherwise. The 32 bits of this field on the wire are cut to the low 16.
     unsigned short GetSorServerId() const { return m_sorServerId; }
     void SetSorServerId(unsigned short serverId) { m_sorServerId = serverId; }
     /// @}
 
-    /// @{ Identifier of the transaction; in a cancel request, of the transaction to cancel. Empty in a new
-    /// message.
+    /// @{
+    /// Identifier of the transaction, any text that the caller chooses; the reply returns it. In a cancel
+    /// request: the identifier of the transaction to cancel; empty for any. Empty in a new message.
     const std::string& GetTransId() const { return m_transId; }
     void SetTransId(const std::string& transId) { m_transId = transId; }
     /// @}
@@ -79,7 +81,8 @@ public:
     /// @}
 
     /// @{
-    /// Name of the FIFO from which the sender reads the reply. Empty in a new message.
+    /// Name, without a directory, of the FIFO from which the sender reads the reply. TferSvcMsgClient sets it.
+    /// Empty in a new message.
     const std::string& GetRespFifo() const { return m_respFifo; }
     void SetRespFifo(const std::string& fifo) { m_respFifo = fifo; }
     /// @}

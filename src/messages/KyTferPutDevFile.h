@@ -5,7 +5,8 @@
 
 #include "messages/KyTferDevFileMsg.h"
 
-/// Asks the transfer service to push a file of the card to the device.
+/// Asks the transfer service to push a file of the card to the device. The service uses the source path only:
+/// it chooses the transfer name and reads the size.
 class KYTFER_EXPORT KyTferPutDevFile : public KyTferDevFileMsg {
 public:
     /// A request with empty names, a size of 0 and an empty source path. The argument has no effect.
@@ -24,7 +25,7 @@ public:
     void Deserialize(KyIpcMsgBuffer* buffer) override;
 
     /// @{
-    /// Path of the file to push, on the card.
+    /// Absolute path of the file to push, on the card. The service moves the file away from this path.
     const std::string& GetSrcPath() const { return m_srcPath; }
     void SetSrcPath(const std::string& path) { m_srcPath = path; }
     /// @}

@@ -5,10 +5,11 @@
 
 #include "messages/KyTferMsg.h"
 
-/// The transfer service's reply to a directory, fetch, push or cancel request: a result code and a text.
+/// The transfer service's reply to a listing, fetch, push or cancel request: a result code and a text.
 class KYTFER_EXPORT KyTferRespMsg : public KyTferMsg {
 public:
-    /// Result of the request. The transfer service defines all values but 0.
+    /// Result of the request. The transfer service defines all values but 0: tfersvc sends 1 for an accepted
+    /// and 2 for a refused request.
     enum TferMsgResult : int {
         TFER_RESULT_NONE = 0,  ///< value of a new reply
     };
@@ -35,7 +36,8 @@ public:
     /// @}
 
     /// @{
-    /// Text that explains the result.
+    /// Text that explains the result, for a person; for an accepted request, the status message of the record.
+    /// May be empty.
     const std::string& GetResultMsg() const { return m_resultMsg; }
     void SetResultMsg(const std::string& text) { m_resultMsg = text; }
     /// @}

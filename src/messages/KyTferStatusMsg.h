@@ -5,26 +5,29 @@
 
 #include "messages/KyTferMsg.h"
 
-/// The status record of a transfer: its file, its progress and its result. The engine keeps one record and
+/// The status record of a transaction: its file, its progress and its result. The engine keeps one record and
 /// returns copies. An empty record is the request for the status; the transfer service replies with the
 /// engine's record.
 ///
-/// A transaction goes from TFER_STATUS_NONE through TFER_STATUS_INPROGRESS to TFER_STATUS_COMPLETE or
-/// TFER_STATUS_FAIL; a later transaction starts at TFER_STATUS_INPROGRESS again.
+/// The engine's record has TFER_STATUS_NONE until the first transaction. A transaction goes from
+/// TFER_STATUS_INPROGRESS to TFER_STATUS_COMPLETE or TFER_STATUS_FAIL. Neither is always final. A fetched file
+/// is in its place only when the file path is the download directory, too. A failed fetch or listing can return
+/// to TFER_STATUS_INPROGRESS until its time limit. A push in progress and a fetch overwrite each other's
+/// updates.
 class KYTFER_EXPORT KyTferStatusMsg : public KyTferMsg {
 public:
     /// State of the transaction. A received record may hold any other number.
     enum TferStatus : int {
         TFER_STATUS_NONE = 0,        ///< there has been no transaction yet
         TFER_STATUS_REQUESTED = 1,   ///< not used by the engine
-        TFER_STATUS_COMPLETE = 2,    ///< ended with success
+        TFER_STATUS_COMPLETE = 2,    ///< the file is complete; see the class comment
         TFER_STATUS_INPROGRESS = 3,  ///< in progress; further fetches and listings are refused
         TFER_STATUS_FAIL = 4,        ///< failed or cancelled; the status message has the reason
     };
 
     /// Kind of transaction. A push does not change it.
     enum TferRequestType : int {
-        TFER_REQ_NONE = 0,       ///< none yet, or a listing whose request could not be written
+        TFER_REQ_NONE = 0,       ///< none yet, cancelled, or a listing that could not be requested
         TFER_REQ_DIRECTORY = 1,  ///< the device's listing
         TFER_REQ_GET_FILE = 2,   ///< a file of the device
     };
@@ -72,13 +75,15 @@ public:
     /// @}
 
     /// @{
-    /// Number of bytes that the transaction is to move.
+    /// Number of bytes that the transaction is to move. In the engine's record, 0 after a fetch if the device
+    /// reports the card's final 0 to the file size point.
     unsigned int GetBytesRequested() const { return m_bytesRequested; }
     void SetBytesRequested(unsigned int bytes) { m_bytesRequested = bytes; }
     /// @}
 
     /// @{
-    /// Number of bytes moved so far.
+    /// Number of bytes moved so far. In the engine's record: the count of the previous transaction until a
+    /// fetched file begins to arrive, and during a push; the expected size after a worker has failed.
     unsigned int GetBytesTransfered() const { return m_bytesTransfered; }
     void SetBytesTransfered(unsigned int bytes) { m_bytesTransfered = bytes; }
     /// @}
@@ -93,18 +98,20 @@ public:
     /// @}
 
     /// @{
-    /// The file name, as the requester knows it.
+    /// The file's name on the card for a push, "DIRREQ" for a listing. A fetch does not change it.
     const std::string& GetOrigFileName() const { return m_origFileName; }
     void SetOrigFileName(const std::string& name) { m_origFileName = name; }
     /// @}
 
     /// @{
-    /// The transfer name, by which card and device know the file.
+    /// The transfer name: the name of the file in requests and, for a fetch, on the card. "DIRREQ" for a
+    /// listing until the device has named the listing file.
     const std::string& GetXferFileName() const { return m_xferFileName; }
     void SetXferFileName(const std::string& name) { m_xferFileName = name; }
     /// @}
 
-    /// Directory of the file on the card; empty in a new message, otherwise with a "/" at the end.
+    /// Directory of the file on the card: the landing directory during a fetch, then the download directory; the
+    /// staging directory for a push. Empty in a new message, otherwise with a "/" at the end.
     const std::string& GetFilePath() const { return m_filePath; }
 
     /// Sets the directory, and appends "/" unless it ends with one; the empty path becomes "/".
@@ -122,8 +129,9 @@ public:
     /// out.
     static std::string GetStatusText(TferStatus status);
 
-    /// The record as a JSON document of several lines, with sorted keys and no final line end. Texts that are
-    /// not valid UTF-8 are missing. Returns the empty string if memory has run out; never throws.
+    /// Transfer name, status, status message and percentage as a JSON document of several lines, with sorted
+    /// keys and no final line end. Other fields are not in the document. Texts that are not valid UTF-8 are
+    /// missing. Returns the empty string if memory has run out; never throws.
     std::string GetJsonStatus() const;
 
 private:

@@ -19,8 +19,10 @@ enum KyDlogLevel {
 /// @param function  name of the operation; never null
 /// @param format    printf format of the text, without a line end; never null
 ///
-/// Any thread may call it, with any lock held. It preserves `errno`, waits for no lock of the caller, and
-/// does not call the caller back.
+/// The text may be long and contain any bytes but NUL: parts of it come from the device.
+///
+/// Any thread may call the function, with any lock held. It preserves `errno`, waits for no lock of the
+/// caller, does not call the library and does not throw.
 extern "C" void __dlog_printfex(int level, const char* source, const char* function, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 

@@ -5,8 +5,8 @@
 
 #include <utility>
 
-/// Owns an open descriptor and closes it; -1 stands for none. Complete here: a card implements nothing for
-/// it.
+/// Owns an open descriptor and closes it; -1 stands for none. The class is complete: a card implements nothing
+/// for it.
 class KyFd {
 public:
     explicit KyFd(int fd = -1) : m_fd(fd) {}

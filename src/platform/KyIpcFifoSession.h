@@ -60,19 +60,19 @@ public:
     /// @return IPC_OK; IPC_FAILED if the FIFO was closed but could not be removed
     virtual int Close();
 
-    /// Creates a FIFO and opens it for reading. Replaces an existing FIFO and discards its bytes: a process
-    /// that died may have left it. Does not check for another reader of the name. Closes the FIFO that this
-    /// session read before.
+    /// Creates a FIFO and opens it for reading. Replaces an existing FIFO of that name and discards its bytes:
+    /// a process that died may have left it. Does not check whether another process reads the existing FIFO.
+    /// Closes the FIFO that this session read before.
     ///
     /// @param name  not empty, without "/" and ".."
     /// @param mode  permission bits of the FIFO; the umask does not apply
-    /// @return IPC_REFUSED if the name belongs to something else than a FIFO
+    /// @return an IpcStatus; IPC_REFUSED if a file of that name is not a FIFO
     int OpenReadFifo(const char* name, unsigned int mode);
 
     /// Opens a FIFO for writing. Does not wait for a reader. Closes the FIFO that this session wrote before.
     ///
     /// @param name  not empty, without "/" and ".."
-    /// @return IPC_NO_READER if nobody reads the FIFO
+    /// @return an IpcStatus; IPC_NO_FIFO if there is none, IPC_NO_READER if no process has it open for reading
     int OpenCtrlFifo(const char* name);
 
     /// Writes one message. Waits for other writers and for room in the FIFO, at most for the write bound.
@@ -89,20 +89,19 @@ public:
     void SetWriteBound(int milliseconds);
 
     /// Reads the next message, and waits until it is complete. Skips bytes that belong to no complete
-    /// message, with a log line. Returns IPC_NO_READER once the control FIFO has lost its reader: no reply
-    /// can come.
+    /// message, with a log line. If the session also writes a FIFO and that FIFO has lost its reader, no reply
+    /// can come: returns IPC_NO_READER once no message is left.
     ///
     /// @param buffer        not null; its content is replaced
     /// @param milliseconds  longest wait; 0 or less does not wait
-    /// @return IPC_OK with one message in the buffer. IPC_TIMEOUT with the received part of the next message
-    ///         in the buffer; the next call continues this message. IPC_NO_READER with an empty buffer if no
-    ///         message is there and the FIFO that the session writes has lost its reader. Another value with
-    ///         an empty buffer
+    /// @return IPC_OK: the buffer has one message. IPC_TIMEOUT: the buffer has the part of the next message
+    ///         that has arrived, and the next call continues that message. With any other value, the buffer is
+    ///         empty
     int Read(KyIpcMsgBuffer* buffer, int milliseconds);
 
-    /// The descriptor of the FIFO that the session reads, for poll(); -1 for none. The session owns it. It
-    /// shows new bytes only, while earlier messages may be buffered: before polling, call Read() without
-    /// waiting until it returns no message.
+    /// The descriptor of the FIFO that the session reads, for poll(); -1 for none. The session owns the
+    /// descriptor, which is valid until the FIFO is closed. poll() reports new bytes only, not messages that the
+    /// session has buffered: before polling, call Read() without waiting until it returns no message.
     int ReadDescriptor() const;
 
 private:

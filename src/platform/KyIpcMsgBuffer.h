@@ -8,7 +8,7 @@ class KyIpcMsgUtil;
 /// The buffer grows when it is written. At least four zero bytes follow its last byte at any time: reading
 /// the first integer of a short or empty message yields 0 and stays within the buffer.
 ///
-/// A buffer has no lock; one thread uses it at a time.
+/// A buffer has no lock; one thread uses it at a time. No operation blocks or throws.
 class KyIpcMsgBuffer {
 public:
     /// An empty buffer.

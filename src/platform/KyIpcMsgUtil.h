@@ -11,9 +11,12 @@ class KyIpcMsgBuffer;
 /// followed by its bytes, which may have any value.
 ///
 /// Extraction never reads past the buffer's last byte. If the rest of the buffer is too short, or a string's
-/// length is negative or larger than the rest, the result is 0 or the empty string. The position moves to the
-/// end then, so that later extractions yield 0 and empty strings too. The announced length of a string is
+/// length is negative or larger than the rest, the result is 0 or the empty string. The reading position moves
+/// to the end then: later extractions yield 0 and empty strings too. The announced length of a string is
 /// checked before memory is allocated for it.
+///
+/// No `buffer` may be null; it stays the caller's. One thread uses a buffer at a time. No operation blocks.
+/// Only ExtractStringParam() throws.
 class KyIpcMsgUtil {
 public:
     /// Appends an integer. @return 0; another value if the buffer could not grow

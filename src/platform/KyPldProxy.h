@@ -7,14 +7,16 @@
 /// class.
 ///
 /// Several threads may call every operation at once. All operations but AbortTransfer block until the device
-/// has answered or the proxy's own time limit has passed: the transfer engine has no time limit for a call.
+/// has answered or the proxy's own time limit has passed. The proxy must have a time limit, because the
+/// transfer engine has none for a call. No operation may throw; the engine treats an exception as a failure.
 ///
-/// A point is addressed by device, point identifier and multi-module index (1 or more; 0 if the card's index
-/// is not known). `idx`, `uom`, `norm` and `option` are further parts of the platform's addresses; the
-/// transfer engine passes 0 for each.
+/// A point is a numbered value of the device. It is addressed by device, point identifier and multi-module
+/// index `mmIdx`. That is the number of a module in the device, 1 or more; the engine passes the number of the
+/// card's module, or 0 if it is not known. `idx`, `uom`, `norm` and `option` are further parts of the platform's
+/// addresses; the transfer engine passes 0 for each.
 ///
 /// The point operations return 0 for success and the proxy's failure code otherwise. After a failed read, the
-/// output argument is not used.
+/// engine does not use the output argument.
 class KyPldProxy {
 public:
     /// Reads a string point into `value`.
@@ -37,7 +39,7 @@ public:
                              unsigned short mmIdx, unsigned short idx, unsigned short uom, short norm,
                              unsigned int timeout) = 0;
 
-    /// Reads the number of module instances (multi-module indexes) that the device has for a report.
+    /// Reads the number of modules that have a report: their multi-module indexes are 1 to `count`.
     virtual int GetMaxModuleCount(unsigned int& count, unsigned short device, unsigned short reportId) = 0;
 
     /// Reads the identifier of the report that contains a point; fails if the device has no such report.
@@ -45,22 +47,25 @@ public:
 
     virtual ~KyPldProxy();
 
-    /// Fetches a file into the device's landing directory on the card, under its transfer name. The file
-    /// grows there while it arrives. It is complete and closed when the call returns.
+    /// Fetches a file into the device's landing directory on the card, under its transfer name. The landing
+    /// directory is "/var/local/tal/pldserver/" and the identifier of the device. The file must grow there while
+    /// it arrives: the engine reads the progress from its size. The file is complete and closed when the call
+    /// returns.
     ///
     /// @param device        identifier of the managed device
     /// @param option        defined by the platform; the engine passes the empty string
-    /// @param transferName  the file's name on the device
-    /// @return true if a file was delivered. The engine ignores it and checks the size of the file.
+    /// @param transferName  the name of the file in requests to the device
+    /// @return true if a file was delivered. The engine ignores the result and checks the size of the file.
     bool GetDevFile(unsigned short device, const std::string& option, const std::string& transferName);
 
-    /// Pushes a file of the card to the device; returns when the transfer has ended.
+    /// Pushes a file of the card to the device; returns when the transfer has ended. Does not change or remove
+    /// the file.
     ///
     /// @param device        identifier of the managed device
     /// @param directory     directory of the file on the card, ending with "/"
     /// @param fileName      the file's name in that directory
-    /// @param transferName  the file's name on the device
-    /// @return true if the device has received the complete file
+    /// @param transferName  the name under which the device stores the file
+    /// @return true if the device has received the complete file; decides whether the push has succeeded
     bool PutDevFile(unsigned short device, const std::string& directory, const std::string& fileName,
                     const std::string& transferName);
 

@@ -7,7 +7,7 @@
 class KyStringUtils {
 public:
     /// Removes white space (blank, tab, line feed, carriage return, vertical tab, form feed) from both ends
-    /// of `text`.
+    /// of `text`, in any locale. Any thread may call it. Does not throw.
     static void Trim(std::string& text);
 };
 

@@ -8,9 +8,10 @@
 struct KyValChgInfo {
     int pntId;                 ///< identifier of the point that changed
     unsigned short mmIdx;      ///< multi-module index of the changed point
-    unsigned short valLength;  ///< length of a string value, in 16-bit units; unused for numbers
+    unsigned short valLength;  ///< length of a string value, in 16-bit units, at most 256; unused for numbers
     const void* value;         ///< the new value in host byte order, not necessarily aligned: 16-bit units
-                               ///< for a string, 32 or 16 bits for a number, as the point is defined
+                               ///< for a string, 16 bits for point 8631, 32 bits for other numbers. Null for
+                               ///< the empty string; a change of a number is then ignored
 };
 
 #endif

@@ -62,7 +62,7 @@ public:
     /// @param bytes    moved so far
     void Show(unsigned int percent, std::uint64_t bytes);
 
-    /// Writes the last line of a complete transfer. @param result  the line's end
+    /// Writes the last line of a complete transfer. @param result  appended to that line: where the file is
     void Finish(const std::string& result);
 
 private:

@@ -16,10 +16,10 @@ enum class ExitStatus {
     NO_SERVICE = 5,  ///< no service runs, or this user may not send requests to it
 };
 
-/// Ends the program. The text is one sentence for the user, without the program's name.
+/// Thrown to end the program with a message. The text is one sentence for the user, without the program's name.
 class Failure : public std::runtime_error {
 public:
-    /// @param sentence  with or without its full stop: parts of it may come from the service
+    /// @param sentence  with or without a full stop at its end, because the end may come from the service
     Failure(ExitStatus exitStatus, const std::string& sentence)
         : std::runtime_error(sentence.substr(0, sentence.find_last_not_of(". ") + 1) + "."),
           m_exitStatus(exitStatus) {}

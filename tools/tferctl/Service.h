@@ -16,8 +16,8 @@ struct Answer {
     std::string text;
 };
 
-/// Sends requests to the transfer service. Each operation blocks until the reply has come, at most for a
-/// minute, and throws a Failure with the reason if no valid reply comes.
+/// Sends requests to the transfer service. Each operation blocks until the reply has come: at most 10 seconds for
+/// the write and 60 for the reply. If no valid reply comes, it throws a Failure with the reason.
 class Service {
 public:
     KyTferStatusMsg Status();

@@ -44,7 +44,8 @@ void HandleSignals();
 /// handler; the process ends when the handler returns.
 void TerminateBy(int signal);
 
-/// Blocks those signals while it lives: between creating a path and its TemporaryPath.
+/// Blocks the signals of HandleSignals() while it lives. Use it from the creation of a file to the construction of
+/// its TemporaryPath: a signal in between would leave the file behind.
 class SignalBlock {
 public:
     SignalBlock();

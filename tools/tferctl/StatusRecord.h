@@ -15,14 +15,15 @@ bool IsInStagingDirectory(const KyTferStatusMsg& record);
 
 bool IsCancelled(const KyTferStatusMsg& record);
 
-/// Whether the record will still change: its transfer is in progress, or its file has arrived and has not
-/// been moved to the download directory.
+/// Whether the service will still change the record: the transfer is in progress, or its file has arrived and has
+/// not been moved to the download directory.
 bool IsUnderWay(const KyTferStatusMsg& record);
 
-/// Bytes that this transfer has moved so far. 0 while the record holds the count of the transfer before it.
+/// Bytes that the transfer of the record has moved so far. 0 if the record has no count of that transfer: before
+/// the file arrives, during a push and after a failure.
 unsigned int BytesMoved(const KyTferStatusMsg& record);
 
-/// 0 to 100; 0 while BytesMoved() is 0 for that reason.
+/// Progress, 0 to 100; 0 if the record has no count of its transfer.
 unsigned int Percent(const KyTferStatusMsg& record);
 
 /// The record in one line, for a person.

@@ -17,8 +17,8 @@ namespace ky_tferctl {
 /// Lets one tferctl at a time make transfers. The service has one record for all transfers, so a process
 /// could miss the end of its transfer when another process begins the next one.
 ///
-/// The lock is a lock on the staging directory; the kernel releases it with the process. Without access to
-/// the directory, no lock is taken.
+/// Uses flock() on the staging directory; the kernel releases the lock when the process ends. If the directory
+/// cannot be opened, TryAcquire() succeeds without a lock.
 class TransferLock {
 public:
     /// Does not wait.
@@ -33,7 +33,8 @@ private:
 /// Makes this process's transfers through the service, one after the other, and does not mistake another
 /// caller's transfer for one of them. Holds the transfer lock from the first transfer on.
 ///
-/// A signal that would end the process during a transfer cancels the transfer first.
+/// After SIGINT, SIGTERM or SIGHUP during a transfer, cancels the transfer before the process ends. Other signals end
+/// the process at once.
 class Transactions {
 public:
     /// Requests a transfer with this transaction identifier.
